@@ -1,0 +1,10 @@
+# Third-party libraries, each reached through one target and treated as a system header tree.
+find_package(PkgConfig REQUIRED)
+find_package(Threads REQUIRED)
+find_package(Boost 1.81 REQUIRED COMPONENTS json context)
+find_package(ICU REQUIRED COMPONENTS i18n uc)
+find_package(fmt REQUIRED)
+find_package(CLI11 REQUIRED)
+find_package(SQLite3 REQUIRED)
+pkg_check_modules(plist REQUIRED IMPORTED_TARGET libplist-2.0)
+pkg_check_modules(systemd REQUIRED IMPORTED_TARGET libsystemd)

@@ -1,0 +1,31 @@
+// UniqueFd: an owned file descriptor, closed when its owner goes.
+// Threads: thread-compatible.
+#pragma once
+
+#include <utility>
+
+namespace quillmark {
+
+class UniqueFd final {
+ public:
+  UniqueFd() = default;
+  explicit UniqueFd(int fd) : fd_(fd) {}
+  UniqueFd(UniqueFd&& other) noexcept : fd_(std::exchange(other.fd_, -1)) {}
+  UniqueFd& operator=(UniqueFd&& other) noexcept {
+    if (this != &other) reset(std::exchange(other.fd_, -1));
+    return *this;
+  }
+  UniqueFd(const UniqueFd&) = delete;
+  UniqueFd& operator=(const UniqueFd&) = delete;
+  ~UniqueFd() { reset(); }
+
+  [[nodiscard]] int get() const { return fd_; }
+  [[nodiscard]] bool valid() const { return fd_ >= 0; }
+  [[nodiscard]] int release() { return std::exchange(fd_, -1); }
+  void reset(int fd = -1);  // closes what it held
+
+ private:
+  int fd_ = -1;
+};
+
+}  // namespace quillmark

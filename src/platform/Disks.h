@@ -1,0 +1,56 @@
+// Disks: what is mounted, and what the platform knows of the devices below.
+// Never touches a file system that isn't ours to serve, so that a dead network mount can't hang the caller.
+// Threads: thread-safe. Errors: none; what isn't known is absent.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <variant>
+#include <vector>
+
+#include "base/Uuid.h"
+
+namespace quillmark {
+
+// A registry property: absent, a string, or an array of strings.
+using RegistryProperty = std::variant<std::monostate, std::string, std::vector<std::string>>;
+
+// DADiskCopyDescription and the media's registry entry; a key that isn't given is absent.
+struct DiskDescription {
+  std::optional<std::string> volumeKind;
+  std::optional<std::string> volumeName;
+  std::optional<std::string> volumePath;
+  std::optional<Uuid> volumeUuid;
+  std::optional<std::string> mediaBsdName;
+  std::optional<bool> mediaWritable;
+  std::optional<bool> deviceInternal;
+  std::optional<std::string> deviceProtocol;
+  std::optional<std::string> deviceModel;
+  RegistryProperty role;   // property "Role" of the IOMedia entry
+  RegistryProperty roles;  // property "Roles"
+};
+
+struct VolumeCapacities {
+  std::optional<std::uint64_t> total;
+  std::optional<std::uint64_t> available;
+  std::optional<std::uint64_t> availableForImportantUsage;
+};
+
+class Disks {
+ public:
+  virtual ~Disks() = default;
+
+  // False when the platform's disk service can't be asked at all.
+  [[nodiscard]] virtual bool startSession() = 0;
+  // Mount points of mounted volumes, in the order of mounting; absent when the platform gives no list.
+  [[nodiscard]] virtual std::optional<std::vector<std::string>> mountedVolumePaths() = 0;
+  [[nodiscard]] virtual std::optional<DiskDescription> describe(const std::string& volumePath) = 0;
+  // Class names from the device's registry entry upwards; absent without an entry.
+  [[nodiscard]] virtual std::optional<std::vector<std::string>> registryClasses(const std::string& bsdName) = 0;
+  // The "BSD Name" of every media entry; absent when the registry can't be read.
+  [[nodiscard]] virtual std::optional<std::vector<std::string>> mediaBsdNames() = 0;
+  [[nodiscard]] virtual VolumeCapacities capacities(const std::string& volumePath) = 0;
+};
+
+}  // namespace quillmark

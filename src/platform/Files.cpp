@@ -1,0 +1,96 @@
+#include "platform/Files.h"
+
+#include <cerrno>
+#include <vector>
+
+#include "base/Error.h"
+#include "platform/posix.h"
+#include "platform/random.h"
+
+namespace quillmark {
+
+namespace {
+
+// Parents belong to the machine, not to us.
+constexpr std::uint32_t parentMode = 0755;
+
+}  // namespace
+
+std::string parentDirectory(const std::string& path) {
+  const auto slash = path.find_last_of('/');
+  if (slash == std::string::npos) return ".";
+  return slash == 0 ? "/" : path.substr(0, slash);
+}
+
+void createDirectories(Posix& posix, const std::string& path, std::uint32_t mode, Ownership owner) {
+  if (const auto status = posix.lstat(path); status && status->type == FileType::directory) return;
+  if (const std::string parent = parentDirectory(path); parent != path && parent != ".") {
+    createDirectories(posix, parent, parentMode, {});
+  }
+  const SysStatus made = posix.mkdir(path, mode);
+  if (!made && made.error() == EEXIST) {
+    if (const auto status = posix.lstat(path); status && status->type == FileType::directory) return;
+  }
+  if (!made) throw posixError("mkdir", path, made.error());
+  setAttributes(posix, path, mode, owner);
+}
+
+std::optional<std::string> readFile(Posix& posix, const std::string& path, std::size_t limit) {
+  const SysResult<int> opened = posix.open(path, {.read = true});
+  if (!opened && opened.error() == ENOENT) return std::nullopt;
+  if (!opened) throw posixError("open", path, opened.error());
+  const OpenFile file(posix, *opened);
+  std::string data;
+  std::vector<std::byte> chunk(std::size_t{64} << 10);
+  while (true) {
+    const SysResult<std::size_t> got = posix.read(file.get(), chunk);
+    if (!got && got.error() == EINTR) continue;
+    if (!got) throw posixError("read", path, got.error());
+    if (*got == 0) return data;
+    if (*got > limit - data.size()) throw posixError("read", path, EFBIG);
+    data.append(reinterpret_cast<const char*>(chunk.data()), *got);
+  }
+}
+
+namespace {
+
+void writeAll(Posix& posix, int fd, const std::string& path, std::string_view data) {
+  while (!data.empty()) {
+    const SysResult<std::size_t> put = posix.write(fd, data);
+    if (!put && put.error() == EINTR) continue;
+    if (!put) throw posixError("write", path, put.error());
+    data.remove_prefix(*put);
+  }
+}
+
+void writeTemporary(Posix& posix, const std::string& path, std::string_view data, std::uint32_t mode) {
+  const SysResult<int> opened = posix.open(path, {.write = true, .create = true, .exclusive = true, .mode = mode});
+  if (!opened) throw posixError("open", path, opened.error());
+  const OpenFile file(posix, *opened);
+  writeAll(posix, file.get(), path, data);
+  if (const SysStatus synced = posix.fsync(file.get()); !synced) throw posixError("fsync", path, synced.error());
+}
+
+}  // namespace
+
+void writeAtomically(Posix& posix, Random& random, const std::string& path, std::string_view data, std::uint32_t mode) {
+  const std::string temporary = path + ".tmp." + random.uuid().lower();
+  try {
+    writeTemporary(posix, temporary, data, mode);
+    if (const SysStatus renamed = posix.rename(temporary, path); !renamed) {
+      throw posixError("rename", path, renamed.error());
+    }
+  } catch (const Error&) {
+    (void)posix.unlink(temporary);
+    throw;
+  }
+}
+
+void setAttributes(Posix& posix, const std::string& path, std::uint32_t mode, Ownership owner) {
+  if (const SysStatus changed = posix.chmod(path, mode); !changed) throw posixError("chmod", path, changed.error());
+  if (const SysStatus changed = posix.chown(path, owner.uid, owner.gid); !changed) {
+    throw posixError("chown", path, changed.error());
+  }
+}
+
+}  // namespace quillmark

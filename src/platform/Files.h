@@ -1,0 +1,38 @@
+// File operations composed of Posix calls: directories with their parents, whole files in and out.
+// Threads: as the Posix given.
+// Errors:  throw Error in the POSIX domain, naming the call and the path.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+
+namespace quillmark {
+
+class Posix;
+class Random;
+
+struct Ownership {
+  std::uint32_t uid = 0;
+  std::uint32_t gid = 0;
+};
+
+[[nodiscard]] std::string parentDirectory(const std::string& path);
+
+// Makes the directory with this mode and owner, and its missing parents as root's, mode 0755. One that is there already
+// is accepted as it is.
+void createDirectories(Posix& posix, const std::string& path, std::uint32_t mode, Ownership owner = {});
+
+// Absent when the file doesn't exist. Past the limit it fails with EFBIG.
+[[nodiscard]] std::optional<std::string> readFile(Posix& posix, const std::string& path,
+                                                  std::size_t limit = std::size_t{1} << 30);
+
+// Through a temporary file in the same directory and a rename: the path holds the old content or the new, whole. The
+// data is on disk before it takes the name. On failure no temporary file stays.
+void writeAtomically(Posix& posix, Random& random, const std::string& path, std::string_view data, std::uint32_t mode);
+
+// Sets mode and owner.
+void setAttributes(Posix& posix, const std::string& path, std::uint32_t mode, Ownership owner = {});
+
+}  // namespace quillmark

@@ -1,0 +1,40 @@
+// Platform: every facility of one backend, for those who wire. Logic takes only the facilities it uses.
+// Ownership: borrows all; the backend outlives every user.
+#pragma once
+
+#include "platform/Bundle.h"
+#include "platform/HostPaths.h"
+
+namespace quillmark {
+
+class Clock;
+class Disks;
+class Dispatch;
+class PlatformLog;
+class Posix;
+class Processes;
+class PropertyLists;
+class Random;
+class SnapshotCalls;
+class ThisProcess;
+class TransportListener;
+class Users;
+
+struct Platform {
+  Dispatch& dispatch;
+  Clock& clock;
+  Random& random;
+  Posix& posix;
+  SnapshotCalls& snapshots;
+  Disks& disks;
+  Processes& processes;
+  PropertyLists& propertyLists;
+  TransportListener& listener;
+  PlatformLog& log;
+  ThisProcess& process;
+  Users& users;
+  HostPaths paths;
+  Bundle bundle;
+};
+
+}  // namespace quillmark

@@ -1,0 +1,242 @@
+#include "platform/linux/Transport.h"
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+
+#include <fcntl.h>
+#include <sys/epoll.h>
+#include <sys/eventfd.h>
+#include <sys/resource.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include "base/Error.h"
+#include "platform/linux/TransportConnection.h"
+#include "platform/linux/TransportSocket.h"
+
+namespace quillmark::os {
+namespace {
+
+using namespace std::chrono_literals;
+
+constexpr std::uint64_t wakeKey = 0;
+constexpr std::uint64_t listenKey = 1;
+constexpr std::uint64_t firstConnectionKey = 2;
+constexpr std::size_t readBytes = 64 * 1024;
+constexpr int acceptsPerTurn = 16;
+// How long nothing is accepted after the platform had no room for a connection.
+constexpr auto acceptPause = 100ms;
+
+UniqueFd spareDescriptor() {
+  return UniqueFd(::open("/dev/null", O_RDONLY | O_CLOEXEC));
+}
+
+std::size_t maxConnections() {
+  rlimit limit;
+  if (::getrlimit(RLIMIT_NOFILE, &limit) < 0) return 16;
+  return std::max<std::size_t>(limit.rlim_cur / 2, 1);
+}
+
+bool set(int epoll, int operation, int fd, std::uint64_t key, std::uint32_t events) {
+  epoll_event event{};
+  event.events = events;
+  event.data.u64 = key;
+  return ::epoll_ctl(epoll, operation, fd, &event) == 0;
+}
+
+void sooner(std::optional<MonotonicTime>& deadline, std::optional<MonotonicTime> other) {
+  if (other && (!deadline || *other < *deadline)) deadline = other;
+}
+
+}  // namespace
+
+// All its members are confined to the loop's thread, but for what stop() uses.
+class LinuxTransport::Loop final {
+ public:
+  Loop(Dispatch& dispatch, TransportLimits limits, UniqueFd listening, Accept accept)
+      : dispatch_(dispatch),
+        limits_(limits),
+        listening_(std::move(listening)),
+        accept_(std::make_shared<Accept>(std::move(accept))),
+        ended_(dispatch),
+        spare_(spareDescriptor()) {
+    auto poll = std::make_shared<TransportPoll>();
+    poll->epoll.reset(::epoll_create1(EPOLL_CLOEXEC));
+    poll->wake.reset(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
+    if (!poll->epoll.valid() || !poll->wake.valid() ||
+        !set(poll->epoll.get(), EPOLL_CTL_ADD, poll->wake.get(), wakeKey, EPOLLIN) ||
+        !set(poll->epoll.get(), EPOLL_CTL_ADD, listening_.get(), listenKey, EPOLLIN)) {
+      throw posixError("epoll", "transport", errno);
+    }
+    poll_ = std::move(poll);
+  }
+
+  void run() {
+    while (step()) {
+    }
+    for (auto& [key, connection] : connections_) {
+      connection->end(CloseReason::closedByUs);
+      connection->dispose();
+    }
+    connections_.clear();
+    listening_.reset();
+    ended_.signal();
+  }
+
+  void stop() {
+    stopping_ = true;
+    poll_->wakeLoop();
+    ended_.wait();
+  }
+
+ private:
+  [[nodiscard]] bool step() {
+    std::array<epoll_event, 64> events;
+    const std::optional<MonotonicTime> deadline = nextDeadline();
+    const int count = ::epoll_wait(poll_->epoll.get(), events.data(), events.size(), millisecondsTo(deadline));
+    if (stopping_) return false;
+    bool look = deadline && *deadline <= dispatch_.clock().monotonic();
+    for (int i = 0; i < count; ++i) {
+      const std::uint64_t key = events[i].data.u64;
+      if (key == wakeKey) {
+        look = true;
+      } else if (key == listenKey) {
+        acceptSome();
+      } else {
+        handle(key, events[i].events);
+      }
+    }
+    if (look) lookAround();
+    return true;
+  }
+
+  [[nodiscard]] int millisecondsTo(std::optional<MonotonicTime> deadline) const {
+    if (!deadline) return -1;
+    const auto left = std::chrono::ceil<std::chrono::milliseconds>(*deadline - dispatch_.clock().monotonic()).count();
+    return static_cast<int>(std::clamp<std::int64_t>(left, 0, 3'600'000));
+  }
+
+  [[nodiscard]] std::optional<MonotonicTime> nextDeadline() const {
+    std::optional<MonotonicTime> next = stallDeadline_;
+    sooner(next, acceptAgainAt_);
+    return next;
+  }
+
+  void handle(std::uint64_t key, std::uint32_t events) {
+    const auto found = connections_.find(key);
+    if (found == connections_.end()) return;
+    if (!found->second->handle(events, buffer_)) return dispose(found);
+    // A write of ours that didn't end may be the first to wait.
+    if ((events & EPOLLOUT) != 0) sooner(stallDeadline_, found->second->stallDeadline());
+  }
+
+  // After a wake-up or a deadline: clears up what is over, ends what stalled, finds the next deadline.
+  void lookAround() {
+    std::uint64_t wakeUps;
+    static_cast<void>(::read(poll_->wake.get(), &wakeUps, sizeof wakeUps) > 0);
+    const MonotonicTime now = dispatch_.clock().monotonic();
+    if (acceptAgainAt_ && *acceptAgainAt_ <= now) acceptAgain();
+    stallDeadline_.reset();
+    for (auto next = connections_.begin(); next != connections_.end();) {
+      const auto current = next++;
+      const std::optional<MonotonicTime> deadline = current->second->stallDeadline();
+      if (deadline && *deadline <= now) {
+        current->second->end(CloseReason::stalled);
+      } else {
+        sooner(stallDeadline_, deadline);
+      }
+      if (current->second->isOver()) dispose(current);
+    }
+  }
+
+  using Connections = std::map<std::uint64_t, std::shared_ptr<LinuxConnection>>;
+
+  void dispose(Connections::iterator place) {
+    const auto user = connectionsOfUser_.find(place->second->peer().uid);
+    if (--user->second == 0) connectionsOfUser_.erase(user);
+    place->second->dispose();
+    connections_.erase(place);
+  }
+
+  void acceptSome() {
+    for (int i = 0; i < acceptsPerTurn; ++i) {
+      UniqueFd socket(::accept4(listening_.get(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
+      if (socket.valid()) {
+        admit(std::move(socket));
+      } else if (errno == EMFILE && spare_.valid()) {
+        refuseOne();
+      } else if (errno != ECONNABORTED && errno != EINTR) {
+        if (errno != EAGAIN) pauseAccepting();
+        return;
+      }
+    }
+  }
+
+  // Without this the peer would wait, and the loop turn, until a descriptor becomes free.
+  void refuseOne() {
+    spare_.reset();
+    UniqueFd(::accept4(listening_.get(), nullptr, nullptr, SOCK_CLOEXEC)).reset();
+    spare_ = spareDescriptor();
+  }
+
+  void pauseAccepting() {
+    if (!spare_.valid()) spare_ = spareDescriptor();
+    static_cast<void>(set(poll_->epoll.get(), EPOLL_CTL_MOD, listening_.get(), listenKey, 0));
+    acceptAgainAt_ = dispatch_.clock().monotonic() + acceptPause;
+  }
+
+  void acceptAgain() {
+    if (!spare_.valid()) spare_ = spareDescriptor();
+    acceptAgainAt_.reset();
+    static_cast<void>(set(poll_->epoll.get(), EPOLL_CTL_MOD, listening_.get(), listenKey, EPOLLIN));
+  }
+
+  void admit(UniqueFd socket) {
+    SysResult<PeerCredentials> peer = peerCredentials(socket.get());
+    if (!peer || connections_.size() >= maxConnections()) return;
+    const std::uint32_t uid = peer->uid;
+    const auto ofUser = connectionsOfUser_.find(uid);
+    if (ofUser != connectionsOfUser_.end() && ofUser->second >= limits_.maxConnectionsPerUser) return;
+    auto connection = std::make_shared<LinuxConnection>(
+        dispatch_, poll_, limits_,
+        LinuxConnection::Place{.socket = std::move(socket), .key = nextKey_, .peer = std::move(*peer)});
+    if (!connection->watch()) return;
+    connections_.emplace(nextKey_++, connection);
+    ++connectionsOfUser_[uid];
+    connection->queue().async([accept = accept_, connection] {
+      if (!(*accept)(connection)) connection->end(CloseReason::closedByUs);
+    });
+  }
+
+  Dispatch& dispatch_;
+  const TransportLimits limits_;
+  UniqueFd listening_;
+  const std::shared_ptr<Accept> accept_;
+  std::shared_ptr<const TransportPoll> poll_;
+  std::atomic<bool> stopping_ = false;
+  Semaphore ended_;
+  UniqueFd spare_;
+  Connections connections_;
+  std::map<std::uint32_t, unsigned> connectionsOfUser_;
+  std::uint64_t nextKey_ = firstConnectionKey;
+  std::optional<MonotonicTime> stallDeadline_;
+  std::optional<MonotonicTime> acceptAgainAt_;
+  std::array<char, readBytes> buffer_;
+};
+
+LinuxTransport::LinuxTransport(Dispatch& dispatch, LinuxTransportOptions options)
+    : dispatch_(dispatch), options_(std::move(options)) {}
+
+LinuxTransport::~LinuxTransport() {
+  if (loop_) loop_->stop();
+}
+
+void LinuxTransport::resume(Accept accept) {
+  UniqueFd listening = std::move(options_.listening);
+  if (!listening.valid()) listening = makeListeningSocket(options_.path);
+  loop_ = std::make_shared<Loop>(dispatch_, options_.limits, std::move(listening), std::move(accept));
+  dispatch_.throwAwayThread("com.harrowfern.quillmark.helper.transport", [loop = loop_] { loop->run(); });
+}
+
+}  // namespace quillmark::os

@@ -1,0 +1,103 @@
+#include "platform/linux/TransportSocket.h"
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include "base/Error.h"
+
+namespace quillmark::os {
+namespace {
+
+constexpr int backlog = 128;
+
+bool fill(sockaddr_un& address, const std::string& path) {
+  address = {};
+  address.sun_family = AF_UNIX;
+  if (path.size() >= sizeof address.sun_path) return false;
+  std::memcpy(address.sun_path, path.data(), path.size());
+  return true;
+}
+
+const sockaddr* generic(const sockaddr_un& address) {
+  return reinterpret_cast<const sockaddr*>(&address);
+}
+
+UniqueFd streamSocket() {
+  return UniqueFd(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+}
+
+void prepareDirectory(const std::string& path) {
+  const std::size_t slash = path.rfind('/');
+  if (slash == std::string::npos || slash == 0) return;
+  const std::string directory = path.substr(0, slash);
+  if (::mkdir(directory.c_str(), 0755) == 0) {
+    if (::chmod(directory.c_str(), 0755) < 0) throw posixError("chmod", directory, errno);
+    return;
+  }
+  if (errno != EEXIST) throw posixError("mkdir", directory, errno);
+  struct stat facts;
+  if (::lstat(directory.c_str(), &facts) < 0) throw posixError("lstat", directory, errno);
+  if (!S_ISDIR(facts.st_mode)) throw posixError("mkdir", directory, ENOTDIR);
+  if (facts.st_uid != ::geteuid() || (facts.st_mode & 022) != 0) throw posixError("listen", directory, EPERM);
+}
+
+void refuseWhatIsInUse(const std::string& path) {
+  struct stat facts;
+  if (::lstat(path.c_str(), &facts) < 0) {
+    if (errno == ENOENT) return;
+    throw posixError("lstat", path, errno);
+  }
+  if (!S_ISSOCK(facts.st_mode)) throw posixError("listen", path, EEXIST);
+  const SysResult<UniqueFd> connected = connectTo(path);
+  if (connected || connected.error() != ECONNREFUSED) throw posixError("listen", path, EADDRINUSE);
+}
+
+}  // namespace
+
+UniqueFd makeListeningSocket(const std::string& path) {
+  prepareDirectory(path);
+  refuseWhatIsInUse(path);
+  // Made beside its place and moved there when it answers, so that nobody finds it half made.
+  const std::string making = path + ".new";
+  sockaddr_un address;
+  if (!fill(address, making)) throw posixError("listen", path, ENAMETOOLONG);
+  UniqueFd socket = streamSocket();
+  if (!socket.valid()) throw posixError("socket", path, errno);
+  ::unlink(making.c_str());
+  if (::bind(socket.get(), generic(address), sizeof address) < 0) throw posixError("bind", making, errno);
+  if (::chmod(making.c_str(), 0666) < 0) throw posixError("chmod", making, errno);
+  if (::listen(socket.get(), backlog) < 0) throw posixError("listen", making, errno);
+  if (::rename(making.c_str(), path.c_str()) < 0) throw posixError("rename", path, errno);
+  return socket;
+}
+
+SysResult<PeerCredentials> peerCredentials(int socket) {
+  ucred credentials;
+  socklen_t length = sizeof credentials;
+  if (::getsockopt(socket, SOL_SOCKET, SO_PEERCRED, &credentials, &length) < 0) return Errno{errno};
+  PeerCredentials peer{.uid = credentials.uid, .gid = credentials.gid, .groups = {}, .pid = credentials.pid};
+  peer.groups.resize(32);
+  for (;;) {
+    length = static_cast<socklen_t>(peer.groups.size() * sizeof(std::uint32_t));
+    const int result = ::getsockopt(socket, SOL_SOCKET, SO_PEERGROUPS, peer.groups.data(), &length);
+    if (result < 0 && errno != ERANGE) return Errno{errno};
+    peer.groups.resize(length / sizeof(std::uint32_t));
+    if (result == 0) return peer;
+  }
+}
+
+SysResult<UniqueFd> connectTo(const std::string& path) {
+  sockaddr_un address;
+  if (!fill(address, path)) return Errno{ENAMETOOLONG};
+  UniqueFd socket = streamSocket();
+  if (!socket.valid() || ::connect(socket.get(), generic(address), sizeof address) < 0) return Errno{errno};
+  return socket;
+}
+
+}  // namespace quillmark::os

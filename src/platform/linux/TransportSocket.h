@@ -1,0 +1,23 @@
+// The listening socket's place in the file system, and what the kernel says of who connects to it.
+// Errors: makeListeningSocket throws Error with a sentence for the operator.
+#pragma once
+
+#include <string>
+
+#include "base/SysResult.h"
+#include "base/UniqueFd.h"
+#include "platform/Transport.h"
+
+namespace quillmark::os {
+
+// Listens at the path, which everybody may connect to: who may talk is decided at accept. The directory is made when it
+// is missing, 0755; one that others may write, or that isn't ours, is refused. A socket that nobody listens on is
+// replaced; one that somebody does listen on, and anything that is no socket, is refused.
+[[nodiscard]] UniqueFd makeListeningSocket(const std::string& path);
+
+[[nodiscard]] SysResult<PeerCredentials> peerCredentials(int socket);
+
+// The connected socket, non-blocking, or the errno; ENAMETOOLONG for a path that no socket can have.
+[[nodiscard]] SysResult<UniqueFd> connectTo(const std::string& path);
+
+}  // namespace quillmark::os

@@ -1,0 +1,22 @@
+// The handlers of all served commands, one each. They throw Error; what they leave unsaid the failure exit says.
+#pragma once
+
+#include "service/CommandRun.h"
+#include "wire/Commands.h"
+
+namespace quillmark {
+
+void handle(CommandRun& run, const HelperVersion& call);
+void handle(CommandRun& run, const HelperGitCommit& call);
+void handle(CommandRun& run, const ProtocolVersion& call);
+void handle(CommandRun& run, const HelperHealth& call);
+void handle(CommandRun& run, const GetSchedule& call);
+void handle(CommandRun& run, const ListSchedules& call);
+void handle(CommandRun& run, const GetHelperSettings& call);
+void handle(CommandRun& run, const ListSnapshots& call);
+void handle(CommandRun& run, const CreateSnapshot& call);
+void handle(CommandRun& run, const DeleteSnapshot& call);
+void handle(CommandRun& run, const MountSnapshot& call);
+void handle(CommandRun& run, const UnmountSnapshot& call);
+
+}  // namespace quillmark

@@ -1,0 +1,66 @@
+// HelperService: what one client talks to. Owns its context (who calls, four work queues), nothing long-lived.
+// Ownership: shared by its connection's callbacks and by nobody else; queued work holds it weakly, so that a client that
+//            went away leaves no command behind.
+// Threads:   receive() is called for one line at a time; the rest from any queue.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <string>
+
+#include "base/Uuid.h"
+#include "journal/HelperEvent.h"
+#include "platform/dispatch.h"
+#include "snapshots/APFSManager.h"
+#include "wire/Rpc.h"
+
+namespace quillmark {
+
+class HelperEnvironment;
+class TransportConnection;
+
+struct ClientIdentity {
+  HelperEvent::Client client = HelperEvent::Client::unknown;
+  std::optional<std::string> user;  // from the password database
+  std::optional<std::uint32_t> peerUID;
+};
+
+class HelperService final : public std::enable_shared_from_this<HelperService> {
+ public:
+  HelperService(HelperEnvironment& environment, std::weak_ptr<TransportConnection> connection, ClientIdentity identity);
+  ~HelperService();
+
+  // One line of the client, on the delivery queue of its connection.
+  void receive(const std::string& line);
+
+  [[nodiscard]] HelperEnvironment& environment() { return environment_; }
+  [[nodiscard]] APFSManager& apfs() { return apfs_; }
+  [[nodiscard]] HelperEvent::Client client() const { return identity_.client; }
+  [[nodiscard]] const std::optional<std::string>& user() const { return identity_.user; }
+  [[nodiscard]] std::optional<std::uint32_t> peerUID() const { return identity_.peerUID; }
+
+ private:
+  [[nodiscard]] bool isExported(const CommandSpec& command) const;
+  void begin(RpcCall call);
+  void run(const CommandSpec& command, const ArgumentValues& arguments, const std::optional<std::string>& id);
+  [[nodiscard]] std::shared_ptr<Queue> queueOf(CommandQueue queue) const;
+  void answer(const std::optional<std::string>& id, const RpcReply& reply);
+  void send(std::string line);
+  void callStarted();
+  void callEnded();
+
+  HelperEnvironment& environment_;
+  const std::weak_ptr<TransportConnection> connection_;
+  const ClientIdentity identity_;
+  APFSManager apfs_;
+  const std::shared_ptr<Queue> queryQueue_;
+  const std::shared_ptr<Queue> mutationQueue_;
+  const std::shared_ptr<Queue> mountQueue_;
+  const std::shared_ptr<Queue> historyQueue_;
+  const Uuid shutdownRegistrationID_;
+
+  Guarded<unsigned> unanswered_;
+};
+
+}  // namespace quillmark

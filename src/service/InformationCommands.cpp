@@ -1,0 +1,23 @@
+#include "base/HelperLog.h"
+#include "service/Handlers.h"
+#include "service/HelperEnvironment.h"
+#include "wire/Json.h"
+#include "wire/QuillmarkXPC.h"
+
+namespace quillmark {
+
+void handle(CommandRun& run, const HelperVersion&) {
+  const std::string version = run.environment().platform.bundle.shortVersion.value_or("0.1.0");
+  run.environment().log.info("XPC helperVersion() -> " + version);
+  run.replyString(version);
+}
+
+void handle(CommandRun& run, const HelperGitCommit&) {
+  run.replyString(run.environment().platform.bundle.gitCommit.value_or("unknown"));
+}
+
+void handle(CommandRun& run, const ProtocolVersion&) { run.replyNumber(QuillmarkXPC::protocolVersion); }
+
+void handle(CommandRun& run, const HelperHealth&) { run.replyData(encodeJson(run.environment().health.evaluate())); }
+
+}  // namespace quillmark

@@ -1,0 +1,49 @@
+// ShutdownCoordinator: one drain from open to gone. While draining, new mutations and connections are refused; what was
+// queued before runs out, within a limit; then the process exits with status 0.
+// Threads: thread-safe; the lock is held for flag and map work only.
+#pragma once
+
+#include <chrono>
+#include <functional>
+#include <map>
+#include <memory>
+#include <vector>
+
+#include "base/Error.h"
+#include "base/Uuid.h"
+#include "platform/dispatch.h"
+
+namespace quillmark {
+
+class HelperLog;
+
+class ShutdownCoordinator final {
+ public:
+  static constexpr std::chrono::seconds timeLimit{60};
+
+  struct Hooks {
+    std::function<void()> quiesce;      // stops timers and whatever makes new work
+    std::function<void()> exitProcess;  // does not return in the product
+  };
+  ShutdownCoordinator(Dispatch& dispatch, HelperLog& log, Hooks hooks);
+
+  // The queues of one client, waited for by the drain.
+  void add(const Uuid& id, std::vector<std::shared_ptr<Queue>> queues);
+  void remove(const Uuid& id);
+  [[nodiscard]] bool isDraining();
+  // True when this call started the drain, false when one was under way. Returns at once.
+  bool requestQuit(std::chrono::seconds timeout = timeLimit);
+
+ private:
+  void drain(const std::vector<std::shared_ptr<Queue>>& queues, std::chrono::seconds timeout);
+
+  Dispatch& dispatch_;
+  HelperLog& log_;
+  const Hooks hooks_;
+
+  Mutex lock_;
+  bool draining_ GUARDED_BY(lock_) = false;
+  std::map<Uuid, std::vector<std::shared_ptr<Queue>>> registrations_ GUARDED_BY(lock_);
+};
+
+}  // namespace quillmark

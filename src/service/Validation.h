@@ -1,0 +1,22 @@
+// The rules for arguments that many commands share. The refusal's text is the command's.
+#pragma once
+
+#include <string_view>
+
+namespace quillmark {
+
+// Exactly 36 characters that parse as a UUID, in either case.
+[[nodiscard]] bool isValidVolumeUUID(std::string_view text);
+// At most 127 bytes of UTF-8, every scalar above 31 and no "/". Empty passes.
+[[nodiscard]] bool isValidLabel(std::string_view text);
+// 1 to 240 bytes of UTF-8, every scalar above 31 and no "/".
+[[nodiscard]] bool isValidSnapshotName(std::string_view text);
+
+// Throws invalidVolumeUUID with "Volume UUID is malformed".
+void requireVolumeUUID(std::string_view text);
+// Throws invalidLabel.
+void requireLabel(std::string_view text);
+// Throws invalidSnapshotUUID with "Snapshot name is malformed".
+void requireSnapshotName(std::string_view text);
+
+}  // namespace quillmark

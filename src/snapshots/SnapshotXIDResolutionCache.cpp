@@ -1,0 +1,142 @@
+#include "snapshots/SnapshotXIDResolutionCache.h"
+
+#include <algorithm>
+#include <cmath>
+
+#include "base/Error.h"
+#include "platform/Files.h"
+#include "platform/PlatformLog.h"
+#include "snapshots/LogNames.h"
+#include "snapshots/RootCacheFile.h"
+#include "wire/RecordCoding.h"
+
+namespace quillmark {
+namespace {
+
+constexpr std::int64_t fileVersion = 1;
+constexpr std::size_t maxFileSize = std::size_t{64} << 20;
+
+struct StoredRow {
+  std::string name;
+  std::uint64_t fileID = 0;
+  std::int64_t ctimeNS = 0;
+  Xid xid;
+};
+
+struct StoredCache {
+  std::int64_t version = 0;
+  std::vector<StoredRow> rows;
+};
+
+}  // namespace
+
+template <>
+struct Description<StoredRow> {
+  static void fields(auto& field, auto& row) {
+    field("name", row.name);
+    field("fileID", row.fileID);
+    field("ctimeNS", row.ctimeNS);
+    field("xid", row.xid);
+  }
+};
+
+template <>
+struct Description<StoredCache> {
+  static void fields(auto& field, auto& cache) {
+    field("version", cache.version);
+    field("rows", cache.rows);
+  }
+};
+
+SnapshotXIDResolutionCache::SnapshotXIDResolutionCache(Threads& threads, Posix& posix, Random& random, PlatformLog& log,
+                                                       const HostPaths& paths)
+    : posix_(posix), random_(random), log_(log), directory_(paths.state("snapshot-xids")), lock_(threads) {}
+
+SnapshotXIDResolutionCache::Key SnapshotXIDResolutionCache::keyOf(const RawSnapshotEntry& entry) {
+  return {entry.name, entry.fileID, std::llround(entry.created.secondsSince1970() * 1e9)};
+}
+
+std::optional<std::vector<Xid>> SnapshotXIDResolutionCache::lookup(const std::string& volumeUUID,
+                                                                   const std::vector<RawSnapshotEntry>& entries) {
+  const VolumeUuid volume(volumeUUID);
+  loadIfNeeded(volume);
+  std::vector<Xid> xids;
+  xids.reserve(entries.size());
+  Rows kept;
+  {
+    MutexLock lock(lock_);
+    const auto known = byVolume_.find(volume);
+    if (known == byVolume_.end()) return std::nullopt;
+    for (const RawSnapshotEntry& entry : entries) {
+      const auto row = known->second.find(keyOf(entry));
+      if (row == known->second.end()) return std::nullopt;
+      xids.push_back(row->second);
+    }
+    if (known->second.size() <= entries.size()) return xids;
+    for (const RawSnapshotEntry& entry : entries) kept.insert(*known->second.find(keyOf(entry)));
+    known->second = kept;
+  }
+  writeFile(volume, kept);
+  return xids;
+}
+
+void SnapshotXIDResolutionCache::store(const std::string& volumeUUID, const std::vector<RawSnapshotEntry>& entries,
+                                       const std::vector<Xid>& xids) {
+  if (entries.size() != xids.size()) return;
+  const VolumeUuid volume(volumeUUID);
+  Rows rows;
+  for (std::size_t i = 0; i < entries.size(); ++i) rows[keyOf(entries[i])] = xids[i];
+  {
+    MutexLock lock(lock_);
+    byVolume_[volume] = rows;
+    loaded_.insert(volume);
+  }
+  writeFile(volume, rows);
+}
+
+// The file is read outside the lock; of two readers the first to come back counts.
+void SnapshotXIDResolutionCache::loadIfNeeded(const VolumeUuid& volume) {
+  {
+    MutexLock lock(lock_);
+    if (loaded_.contains(volume)) return;
+  }
+  std::optional<Rows> rows;
+  if (Uuid::parse(volume.text())) rows = readFile(volume);
+  MutexLock lock(lock_);
+  if (!loaded_.insert(volume).second || !rows || rows->empty()) return;
+  byVolume_.emplace(volume, std::move(*rows));
+}
+
+SnapshotXIDResolutionCache::Rows SnapshotXIDResolutionCache::readFile(const VolumeUuid& volume) {
+  Rows rows;
+  try {
+    const std::optional<std::string> text = quillmark::readFile(posix_, pathOf(volume), maxFileSize);
+    if (!text) return rows;
+    const auto stored = decodeJson<StoredCache>(*text);
+    if (stored.version != fileVersion) return rows;
+    for (const StoredRow& row : stored.rows) rows[{row.name, row.fileID, row.ctimeNS}] = row.xid;
+  } catch (const Error&) {
+    rows.clear();
+  }
+  return rows;
+}
+
+void SnapshotXIDResolutionCache::writeFile(const VolumeUuid& volume, const Rows& rows) {
+  if (!Uuid::parse(volume.text())) return;
+  StoredCache stored{fileVersion, {}};
+  for (const auto& [key, xid] : rows) stored.rows.push_back({key.name, key.fileID, key.ctimeNS, xid});
+  std::sort(stored.rows.begin(), stored.rows.end(),
+            [](const StoredRow& a, const StoredRow& b) { return a.xid < b.xid; });
+  try {
+    writeRootCacheFile(posix_, random_, encodeJson(stored), pathOf(volume));
+  } catch (const Error& error) {
+    log_.log(PlatformLogType::normal, LogNames::subsystem, LogNames::apfs,
+             "snapshot XID cache for " + volume.text() + " could not be written: " + error.description());
+  }
+}
+
+std::string SnapshotXIDResolutionCache::pathOf(const VolumeUuid& volume) const {
+  return directory_ + "/" + volume.text() + ".json";
+}
+
+}  // namespace quillmark

@@ -1,0 +1,201 @@
+// Every command as a type: its arguments in order, and its row of the command table.
+//
+//   DeleteSnapshot call{.name = name, .volumeUUID = uuid, .force = false};
+//   const ArgumentValues values = argumentValues(call);           // the client's way
+//   const auto same = commandFrom<DeleteSnapshot>(values);        // the service's way
+#pragma once
+
+#include <array>
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <tuple>
+#include <type_traits>
+#include <vector>
+
+#include "wire/CommandTable.h"
+
+namespace quillmark {
+
+// An argument: its name in the table and the member that holds it.
+template <class Command, class Type>
+struct Field {
+  using type = Type;
+  constexpr Field(std::string_view fieldName, Type Command::*fieldMember) : name(fieldName), member(fieldMember) {}
+  std::string_view name;
+  Type Command::*member;
+};
+
+// The part of a row that isn't told by the arguments.
+struct CommandTraits {
+  std::string_view selector;
+  ReplyKind reply;
+  std::string_view replyRecord = {};
+  CommandQueue queue = CommandQueue::delivery;
+  bool drains = false;
+  CommandProtocols protocols = CommandProtocols::helper;
+  std::string_view entryLine = {};
+};
+
+struct HelperVersion {
+  static constexpr CommandTraits traits{.selector = "helperVersionWithReply:",
+                                        .reply = ReplyKind::string,
+                                        .protocols = CommandProtocols::helperAndFinder};
+  static constexpr auto fields() { return std::tuple(); }
+};
+
+struct HelperGitCommit {
+  static constexpr CommandTraits traits{.selector = "helperGitCommitWithReply:", .reply = ReplyKind::string};
+  static constexpr auto fields() { return std::tuple(); }
+};
+
+struct ProtocolVersion {
+  static constexpr CommandTraits traits{.selector = "protocolVersionWithReply:",
+                                        .reply = ReplyKind::int64,
+                                        .protocols = CommandProtocols::helperAndFinder};
+  static constexpr auto fields() { return std::tuple(); }
+};
+
+struct HelperHealth {
+  static constexpr CommandTraits traits{
+      .selector = "helperHealthWithReply:", .reply = ReplyKind::data, .replyRecord = "HelperHealthStatus"};
+  static constexpr auto fields() { return std::tuple(); }
+};
+
+struct GetSchedule {
+  static constexpr CommandTraits traits{.selector = "getScheduleForVolume:reply:",
+                                        .reply = ReplyKind::data,
+                                        .replyRecord = "SchedulePolicy",
+                                        .entryLine = "XPC getSchedule(volume={volumeUUID})"};
+  std::string volumeUUID;
+  static constexpr auto fields() { return std::tuple(Field("volumeUUID", &GetSchedule::volumeUUID)); }
+};
+
+struct ListSchedules {
+  static constexpr CommandTraits traits{
+      .selector = "listSchedulesWithReply:", .reply = ReplyKind::data, .replyRecord = "object of SchedulePolicy by volume"};
+  static constexpr auto fields() { return std::tuple(); }
+};
+
+struct GetHelperSettings {
+  static constexpr CommandTraits traits{.selector = "getHelperSettingsWithReply:",
+                                        .reply = ReplyKind::data,
+                                        .replyRecord = "HelperSettings",
+                                        .protocols = CommandProtocols::helperAndFinder};
+  static constexpr auto fields() { return std::tuple(); }
+};
+
+struct ListSnapshots {
+  static constexpr CommandTraits traits{
+      .selector = "listSnapshotsOnVolume:includeSizes:forceSizeRefresh:reply:",
+      .reply = ReplyKind::data,
+      .replyRecord = "array of SnapshotRecord",
+      .queue = CommandQueue::query,
+      .entryLine = "XPC listSnapshots(volume={volumeUUID}{includeSizes?, sizes}{forceSizeRefresh?, force})"};
+  std::string volumeUUID;
+  bool includeSizes = false;
+  bool forceSizeRefresh = false;
+  static constexpr auto fields() {
+    return std::tuple(Field("volumeUUID", &ListSnapshots::volumeUUID),
+                      Field("includeSizes", &ListSnapshots::includeSizes),
+                      Field("forceSizeRefresh", &ListSnapshots::forceSizeRefresh));
+  }
+};
+
+struct CreateSnapshot {
+  static constexpr CommandTraits traits{.selector = "createSnapshotOnVolume:label:reply:",
+                                        .reply = ReplyKind::string,
+                                        .queue = CommandQueue::mutation,
+                                        .drains = true,
+                                        .entryLine = "XPC createSnapshot(volume={volumeUUID}, label={label})"};
+  std::string volumeUUID;
+  std::string label;
+  static constexpr auto fields() {
+    return std::tuple(Field("volumeUUID", &CreateSnapshot::volumeUUID), Field("label", &CreateSnapshot::label));
+  }
+};
+
+struct DeleteSnapshot {
+  static constexpr CommandTraits traits{
+      .selector = "deleteSnapshotWithName:onVolume:force:reply:",
+      .reply = ReplyKind::error,
+      .queue = CommandQueue::mutation,
+      .drains = true,
+      .entryLine = "XPC deleteSnapshot(name={name}, volume={volumeUUID}, force={force})"};
+  std::string name;
+  std::string volumeUUID;
+  bool force = false;
+  static constexpr auto fields() {
+    return std::tuple(Field("name", &DeleteSnapshot::name), Field("volumeUUID", &DeleteSnapshot::volumeUUID),
+                      Field("force", &DeleteSnapshot::force));
+  }
+};
+
+struct MountSnapshot {
+  static constexpr CommandTraits traits{
+      .selector = "mountSnapshotWithName:onVolume:xid:reply:",
+      .reply = ReplyKind::string,
+      .queue = CommandQueue::mount,
+      .drains = true,
+      .entryLine = "XPC mountSnapshot(name={name}, volume={volumeUUID}, xid={xid})"};
+  std::string name;
+  std::string volumeUUID;
+  std::uint64_t xid = 0;
+  static constexpr auto fields() {
+    return std::tuple(Field("name", &MountSnapshot::name), Field("volumeUUID", &MountSnapshot::volumeUUID),
+                      Field("xid", &MountSnapshot::xid));
+  }
+};
+
+struct UnmountSnapshot {
+  static constexpr CommandTraits traits{.selector = "unmountSnapshotAtPath:reply:",
+                                        .reply = ReplyKind::error,
+                                        .queue = CommandQueue::mount,
+                                        .drains = true,
+                                        .entryLine = "XPC unmountSnapshot(path={path})"};
+  std::string path;
+  static constexpr auto fields() { return std::tuple(Field("path", &UnmountSnapshot::path)); }
+};
+
+// In the order of the documents.
+using AllCommands = std::tuple<HelperVersion, HelperGitCommit, ProtocolVersion, HelperHealth, GetSchedule, ListSchedules,
+                               GetHelperSettings, ListSnapshots, CreateSnapshot, DeleteSnapshot, MountSnapshot,
+                               UnmountSnapshot>;
+
+template <class Type>
+constexpr ArgumentType argumentType() {
+  if constexpr (std::is_same_v<Type, std::string>) return ArgumentType::string;
+  if constexpr (std::is_same_v<Type, std::optional<std::string>>) return ArgumentType::optionalString;
+  if constexpr (std::is_same_v<Type, bool>) return ArgumentType::boolean;
+  if constexpr (std::is_same_v<Type, std::uint64_t>) return ArgumentType::uint64;
+  if constexpr (std::is_same_v<Type, std::int64_t>) return ArgumentType::int64;
+  if constexpr (std::is_same_v<Type, std::vector<std::string>>) return ArgumentType::stringArray;
+  if constexpr (std::is_same_v<Type, JsonArgument>) return ArgumentType::json;
+}
+
+template <class Command>
+[[nodiscard]] ArgumentValues argumentValues(const Command& command) {
+  return std::apply(
+      [&](const auto&... field) {
+        ArgumentValues values;
+        (values.push_back(ArgumentValue(command.*field.member)), ...);
+        return values;
+      },
+      Command::fields());
+}
+
+// Needs values of the types that the command's row names, as decodeCall gives them.
+template <class Command>
+[[nodiscard]] Command commandFrom(const ArgumentValues& values) {
+  Command command;
+  std::size_t at = 0;
+  std::apply(
+      [&](const auto&... field) {
+        ((command.*field.member = std::get<typename std::remove_cvref_t<decltype(field)>::type>(values.at(at++))), ...);
+      },
+      Command::fields());
+  return command;
+}
+
+}  // namespace quillmark

@@ -1,0 +1,164 @@
+#include "wire/JsonText.h"
+
+#include <fmt/format.h>
+
+#include <charconv>
+#include <chrono>
+#include <cmath>
+
+#include "wire/Json.h"
+
+namespace quillmark {
+
+namespace json = boost::json;
+
+Error malformedJson(const std::string& where, const std::string& what) {
+  return Error("NSCocoaErrorDomain", 4864, fmt::format("The JSON text is malformed: {} {}", where, what));
+}
+
+std::optional<Date> parseIso8601(std::string_view text) {
+  // "2026-03-01T09:15:02Z", the one form that is written.
+  static constexpr std::string_view shape = "dddd-dd-ddTdd:dd:ddZ";
+  if (text.size() != shape.size()) return std::nullopt;
+  for (std::size_t i = 0; i < shape.size(); ++i) {
+    const bool digit = text[i] >= '0' && text[i] <= '9';
+    if (shape[i] == 'd' ? !digit : text[i] != shape[i]) return std::nullopt;
+  }
+  const auto number = [&](std::size_t at, std::size_t length) {
+    int value = 0;
+    std::from_chars(text.data() + at, text.data() + at + length, value);
+    return value;
+  };
+  const std::chrono::year_month_day day(std::chrono::year(number(0, 4)),
+                                        std::chrono::month(static_cast<unsigned>(number(5, 2))),
+                                        std::chrono::day(static_cast<unsigned>(number(8, 2))));
+  const int hour = number(11, 2), minute = number(14, 2), second = number(17, 2);
+  if (!day.ok() || hour > 23 || minute > 59 || second > 60) return std::nullopt;
+  const auto days = std::chrono::sys_days(day).time_since_epoch().count();
+  return Date::from1970(static_cast<double>(days) * 86400.0 + hour * 3600 + minute * 60 + second);
+}
+
+// Everything of one text lives and dies together; past the cap the parse fails instead of the process.
+class ParsedJson::CappedMemory final : public json::memory_resource {
+ public:
+  ~CappedMemory() override = default;
+
+ private:
+  void* do_allocate(std::size_t size, std::size_t alignment) override {
+    if (size > maxJsonMemory - used_) throw std::bad_alloc();
+    used_ += size;
+    return upstream_.allocate(size, alignment);
+  }
+  void do_deallocate(void* block, std::size_t size, std::size_t alignment) override {
+    upstream_.deallocate(block, size, alignment);
+  }
+  bool do_is_equal(const memory_resource& other) const noexcept override { return this == &other; }
+
+  json::monotonic_resource upstream_;
+  std::size_t used_ = 0;
+};
+
+ParsedJson::ParsedJson(std::string_view text) : memory_(std::make_unique<CappedMemory>()) {
+  json::parse_options options;
+  options.max_depth = maxJsonDepth;
+  try {
+    json::error_code failure;
+    value_.emplace(json::parse(text, failure, memory_.get(), options));
+    if (failure) throw malformedJson("$", failure.message());
+  } catch (const std::bad_alloc&) {
+    throw malformedJson("$", "takes too much memory");
+  }
+  const auto finite = [](const auto& self, const json::value& value) -> bool {
+    if (const double* number = value.if_double()) return std::isfinite(*number);
+    if (const json::array* array = value.if_array()) {
+      return std::all_of(array->begin(), array->end(), [&](const json::value& item) { return self(self, item); });
+    }
+    if (const json::object* object = value.if_object()) {
+      return std::all_of(object->begin(), object->end(), [&](const auto& item) { return self(self, item.value()); });
+    }
+    return true;
+  };
+  if (!finite(finite, *value_)) throw malformedJson("$", "holds a number out of range");
+}
+
+ParsedJson::~ParsedJson() = default;
+
+namespace {
+
+// Walks well-formed JSON by its brackets and strings only.
+class TextWalk {
+ public:
+  explicit TextWalk(std::string_view text) : text_(text) {}
+
+  [[nodiscard]] char peek() const { return at_ < text_.size() ? text_[at_] : '\0'; }
+  void skip() { ++at_; }
+  void skipBlanks() {
+    while (peek() == ' ' || peek() == '\t' || peek() == '\n' || peek() == '\r') ++at_;
+  }
+  std::string_view value() {
+    skipBlanks();
+    const std::size_t begin = at_;
+    int depth = 0;
+    do {
+      const char c = peek();
+      if (c == '"') {
+        string();
+        continue;
+      }
+      if (depth == 0 && c != '{' && c != '[') {
+        scalar();
+        break;
+      }
+      if (c == '{' || c == '[') ++depth;
+      if (c == '}' || c == ']') --depth;
+      ++at_;
+    } while (depth > 0 && at_ < text_.size());
+    return text_.substr(begin, at_ - begin);
+  }
+
+ private:
+  void string() {
+    for (++at_; at_ < text_.size() && text_[at_] != '"'; ++at_) {
+      if (text_[at_] == '\\') ++at_;
+    }
+    ++at_;
+  }
+  void scalar() {
+    while (at_ < text_.size() && std::string_view(",]} \t\r\n").find(text_[at_]) == std::string_view::npos) ++at_;
+  }
+
+  std::string_view text_;
+  std::size_t at_ = 0;
+};
+
+}  // namespace
+
+std::vector<std::string_view> elementTexts(std::string_view object, std::string_view key) {
+  std::string_view array;
+  TextWalk members(object);
+  members.skipBlanks();
+  members.skip();
+  for (members.skipBlanks(); members.peek() == '"'; members.skipBlanks()) {
+    const std::string_view name = members.value();
+    members.skipBlanks();
+    members.skip();
+    const std::string_view value = members.value();
+    json::error_code failure;
+    const json::value decoded = json::parse(name, failure);
+    if (decoded.is_string() && std::string_view(decoded.get_string()) == key) array = value;
+    members.skipBlanks();
+    if (members.peek() == ',') members.skip();
+  }
+  std::vector<std::string_view> texts;
+  if (array.empty() || array.front() != '[') return texts;
+  TextWalk elements(array);
+  elements.skip();
+  for (elements.skipBlanks(); elements.peek() != ']' && elements.peek() != '\0'; elements.skipBlanks()) {
+    texts.push_back(elements.value());
+    elements.skipBlanks();
+    if (elements.peek() == ',') elements.skip();
+  }
+  return texts;
+}
+
+}  // namespace quillmark
