@@ -1,12 +1,12 @@
 // DispatchBackend: what a backend shows to the suites of dispatch, locks and clocks.
 #pragma once
 
-#include <gtest/gtest.h>
-
 #include <chrono>
 #include <memory>
 #include <string>
 #include <vector>
+
+#include <gtest/gtest.h>
 
 #include "base/FunctionRef.h"
 #include "platform/dispatch.h"

@@ -63,8 +63,8 @@ TEST_P(DispatchSuite, ABarrierRunsAloneAndInItsPlace) {
     for (int i = 0; i < 3; ++i) visit("between");
     queue->syncBarrier([&] { events.add("barrier with " + std::to_string(crowd.inside()) + " inside"); });
     visit("after");
-    EXPECT_THAT(events.await(9), ElementsAre("before", "before", "before", "barrier with 0 inside", "between", "between",
-                                             "between", "barrier with 0 inside", "after"));
+    EXPECT_THAT(events.await(9), ElementsAre("before", "before", "before", "barrier with 0 inside", "between",
+                                             "between", "between", "barrier with 0 inside", "after"));
   });
 }
 
@@ -131,9 +131,8 @@ TEST_P(DispatchSuite, DelayedItemsComeInTheOrderOfTheirDelays) {
     auto queue = dispatch.makeQueue({.label = "serial"});
     Events events(dispatch);
     const MonotonicTime start = dispatch.clock().monotonic();
-    queue->asyncAfter(30ms, [&] {
-      events.add(dispatch.clock().monotonic() - start >= 30ms ? "second" : "second, too early");
-    });
+    queue->asyncAfter(
+        30ms, [&] { events.add(dispatch.clock().monotonic() - start >= 30ms ? "second" : "second, too early"); });
     queue->asyncAfter(10ms, [&] { events.add("first"); });
     EXPECT_THAT(events.await(2), ElementsAre("first", "second"));
   });

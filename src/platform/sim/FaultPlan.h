@@ -40,9 +40,9 @@ enum class Fault {
 struct FaultPlan {
   std::uint64_t seed = 0;  // of whatever is drawn after the fault, the power cut above all
   Fault fault = Fault::none;
-  std::uint64_t atCall = 0;             // counted from 1
+  std::uint64_t atCall = 0;            // counted from 1
   std::optional<PosixCall> only = {};  // absent: calls of all kinds are counted
-  int error = 5;                        // EIO
+  int error = 5;                       // EIO
 
   [[nodiscard]] std::string describe() const;
 };

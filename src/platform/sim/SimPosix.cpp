@@ -1,14 +1,14 @@
 #include "platform/sim/SimPosix.h"
 
-#include <fcntl.h>
-#include <unistd.h>
-
 #include <algorithm>
 #include <cerrno>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <sstream>
+
+#include <fcntl.h>
+#include <unistd.h>
 
 #include "base/Error.h"
 
@@ -63,10 +63,17 @@ SysResult<SimPosix::Verdict> SimPosix::enter(PosixCall call) {
   if (plan_.only && plan_.only != call) return Verdict::goOn;
   if (++counted_ != plan_.atCall) return Verdict::goOn;
   switch (plan_.fault) {
-    case Fault::none: return Verdict::goOn;
-    case Fault::fail: fired_ = true; return Errno{plan_.error};
-    case Fault::shortWrite: fired_ = call == PosixCall::write; return fired_ ? Verdict::shortWrite : Verdict::goOn;
-    case Fault::kill: fired_ = true; return Errno{die()};
+    case Fault::none:
+      return Verdict::goOn;
+    case Fault::fail:
+      fired_ = true;
+      return Errno{plan_.error};
+    case Fault::shortWrite:
+      fired_ = call == PosixCall::write;
+      return fired_ ? Verdict::shortWrite : Verdict::goOn;
+    case Fault::kill:
+      fired_ = true;
+      return Errno{die()};
   }
   return Verdict::goOn;
 }
@@ -114,7 +121,9 @@ SimNode::Ref SimPosix::nodeOf(int fd) const {
   return found == open_.end() ? nullptr : found->second;
 }
 
-Date SimPosix::now() { return clock_ ? clock_->now() : Date{}; }
+Date SimPosix::now() {
+  return clock_ ? clock_->now() : Date{};
+}
 
 void SimPosix::touch(const SimNode::Ref& node, bool contents) {
   if (!node) return;
@@ -254,10 +263,9 @@ SysStatus SimPosix::fsync(int fd) {
     durability_.namesSynced(node);
   } else {
     const int reading = ::open(("/proc/self/fd/" + std::to_string(fd)).c_str(), O_RDONLY | O_CLOEXEC);
-    SimDurability::synced(*node, {.content = contentsFrom(reading, node->changedFrom),
-                                  .mode = facts->mode,
-                                  .uid = node->uid,
-                                  .gid = node->gid});
+    SimDurability::synced(
+        *node,
+        {.content = contentsFrom(reading, node->changedFrom), .mode = facts->mode, .uid = node->uid, .gid = node->gid});
     ::close(reading);
   }
   return {};

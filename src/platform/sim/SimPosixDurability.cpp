@@ -61,11 +61,17 @@ class Cut final {
     if (unchanged) return live;
     const std::size_t reached = between(same, live.size());
     switch (between(0, 4)) {
-      case 0: return durable;
-      case 1: return live;
-      case 2: return live.substr(0, reached);
-      case 3: std::fill(live.begin() + static_cast<std::ptrdiff_t>(reached), live.end(), '\0'); return live;
-      default: return mixed(durable, std::move(live), same);
+      case 0:
+        return durable;
+      case 1:
+        return live;
+      case 2:
+        return live.substr(0, reached);
+      case 3:
+        std::fill(live.begin() + static_cast<std::ptrdiff_t>(reached), live.end(), '\0');
+        return live;
+      default:
+        return mixed(durable, std::move(live), same);
     }
   }
 
@@ -85,7 +91,9 @@ class Cut final {
 
 }  // namespace
 
-SimDurability::SimDurability() : root_(std::make_shared<SimNode>()) { root_->directory = true; }
+SimDurability::SimDurability() : root_(std::make_shared<SimNode>()) {
+  root_->directory = true;
+}
 
 SimDurability::SimDurability(const SimDurability& other) : changes_(other.changes_) {
   Copier copy;
@@ -213,7 +221,9 @@ std::vector<SimDurability::Survivor> SimDurability::afterPowerCut(std::uint64_t 
 
   // The disk's names: the certain ones, then in their order the changes that reached it.
   std::map<const SimNode*, std::map<std::string, SimNode::Ref>> disk;
-  const auto namesOf = [&](const SimNode& node) -> auto& { return disk.try_emplace(&node, node.durableNames).first->second; };
+  const auto namesOf = [&](const SimNode& node) -> auto& {
+    return disk.try_emplace(&node, node.durableNames).first->second;
+  };
   for (const Change& change : changes_) {
     if (!change.safe() && !cut.coin()) continue;
     for (const Entry& entry : change.entries) apply(namesOf(*entry.directory), entry.name, entry.node);

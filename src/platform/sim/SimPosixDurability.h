@@ -40,10 +40,10 @@ struct SimNode {
   std::map<std::string, Ref> names;         // a directory's, as every program sees them
   std::map<std::string, Ref> durableNames;  // as the disk holds them for certain
 
-  State durable;                 // as of the last fsync
-  bool everSynced = false;       // else the disk may hold nothing of it
-  std::size_t changedFrom = 0;   // contents below this offset are as they were at the last fsync
-  std::optional<State> buried;   // what a file held when its last name went
+  State durable;                // as of the last fsync
+  bool everSynced = false;      // else the disk may hold nothing of it
+  std::size_t changedFrom = 0;  // contents below this offset are as they were at the last fsync
+  std::optional<State> buried;  // what a file held when its last name went
 };
 
 class SimDurability final {

@@ -1,0 +1,93 @@
+// quillmark-helper: the background service. Takes no options and no environment.
+#include <fmt/format.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cstdio>
+
+#include "platform/linux/Clock.h"
+#include "platform/linux/DeviceNames.h"
+#include "platform/linux/Disks.h"
+#include "platform/linux/Dispatch.h"
+#include "platform/linux/PlatformLog.h"
+#include "platform/linux/Posix.h"
+#include "platform/linux/Processes.h"
+#include "platform/linux/PropertyList.h"
+#include "platform/linux/Random.h"
+#include "platform/linux/ServiceHost.h"
+#include "platform/linux/SnapshotCalls.h"
+#include "platform/linux/ThisProcess.h"
+#include "platform/linux/Transport.h"
+#include "platform/linux/Users.h"
+#include "service/BuildFacts.h"
+#include "service/HelperProcess.h"
+
+namespace quillmark {
+namespace {
+
+constexpr int anotherInstanceRuns = 75;  // EX_TEMPFAIL of sysexits.h(3)
+
+int serve(const char* executable) {
+  HostPaths paths;
+  paths.diskutil = os::programDirectory() + "/diskutil";
+  os::requireHost();
+  const std::optional<UniqueFd> instance = os::lockInstance(paths.stateDirectory);
+  if (!instance) {
+    fmt::print(stderr, "quillmark-helper: another instance is running\n");
+    return anotherInstanceRuns;
+  }
+  os::prepareSignals();
+  std::setvbuf(stderr, nullptr, _IOLBF, 0);
+  const bool ownsLog = os::sendStandardErrorTo(paths.helperLog);
+
+  os::LinuxClock clock;
+  std::atomic<HelperLog*> log{nullptr};
+  const auto onCapReached = [&log](const std::string& blockers) {
+    if (HelperLog* ready = log.load()) ready->warn("all worker threads are blocked: " + blockers);
+  };
+  os::LinuxDispatch dispatch(clock, {.onCapReached = onCapReached});
+  os::LinuxRandom random;
+  os::LinuxPosix posix;
+  os::DeviceNames names(posix, paths.deviceNames, os::DeviceNames::Mode::writer);
+  os::LinuxSnapshotCalls snapshots(dispatch, names);
+  os::LinuxDisks disks(names);
+  os::LinuxProcesses processes(dispatch);
+  os::LinuxPropertyLists propertyLists;
+  os::LinuxTransportOptions transport{.path = paths.socket};
+  if (auto activated = os::activatedSocket()) transport.listening = std::move(*activated);
+  os::LinuxTransport listener(dispatch, std::move(transport));
+  os::LinuxPlatformLog platformLog;
+  os::LinuxThisProcess process;
+  os::LinuxUsers users;
+
+  const Platform platform{dispatch,      clock,     random,   posix,       snapshots, disks, processes,
+                          propertyLists, listener,  platformLog, process,  users,     paths, buildFacts()};
+  HelperProcess helper(platform, {.logRotation = ownsLog ? HelperLogWriter::Rotation::ofLogFile
+                                                         : HelperLogWriter::Rotation::never,
+                                  .executable = executable ? executable : "?",
+                                  .exitProcess = [] { ::_exit(0); }});
+  log = &helper.log();
+  try {
+    helper.start();
+  } catch (const Error& error) {
+    helper.log().error("The helper could not start: " + error.description());
+    ::_exit(1);
+  }
+  // The process leaves from the drain that a signal, or a client, starts.
+  while (true) {
+    os::waitForQuitSignal();
+    helper.requestQuit();
+  }
+}
+
+}  // namespace
+}  // namespace quillmark
+
+int main(int count, char** arguments) {
+  try {
+    return quillmark::serve(count > 0 ? arguments[0] : nullptr);
+  } catch (const std::exception& exception) {
+    fmt::print(stderr, "quillmark-helper: {}\n", exception.what());
+    return 1;
+  }
+}

@@ -1,0 +1,39 @@
+#include "platform/linux/Posix.h"
+
+#include <cstdlib>
+#include <filesystem>
+
+#include "platform/contract/PosixSuite.h"
+#include "platform/sim/SimPosix.h"
+
+namespace quillmark::contract {
+namespace {
+
+class LinuxPosixBackend final {
+ public:
+  LinuxPosixBackend() {
+    if (!::mkdtemp(directory_.data())) std::abort();
+  }
+  ~LinuxPosixBackend() { std::filesystem::remove_all(directory_); }
+  Posix& posix() { return posix_; }
+  [[nodiscard]] const std::string& directory() const { return directory_; }
+
+ private:
+  os::LinuxPosix posix_;
+  std::string directory_ = "/tmp/quillmark-posix-XXXXXX";
+};
+
+class SimPosixBackend final {
+ public:
+  Posix& posix() { return posix_; }
+  [[nodiscard]] const std::string& directory() const { return posix_.root(); }
+
+ private:
+  sim::SimPosix posix_;
+};
+
+INSTANTIATE_TYPED_TEST_SUITE_P(Linux, PosixSuite, LinuxPosixBackend);
+INSTANTIATE_TYPED_TEST_SUITE_P(Simulated, PosixSuite, SimPosixBackend);
+
+}  // namespace
+}  // namespace quillmark::contract

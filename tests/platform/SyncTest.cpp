@@ -1,0 +1,8 @@
+#include "DispatchBackends.h"
+#include "platform/contract/SyncSuite.h"
+
+namespace quillmark::contract {
+
+INSTANTIATE_TEST_SUITE_P(Sync, SyncSuite, backends(), backendName);
+
+}  // namespace quillmark::contract
