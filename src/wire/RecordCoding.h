@@ -216,7 +216,8 @@ void decode(const json::value& from, Type& into, const std::string& where, DateS
     into.clear();
     into.reserve(from.get_array().size());
     for (const json::value& item : from.get_array()) {
-      decode(item, into.emplace_back(), where + "[" + std::to_string(into.size() - 1) + "]", dates);
+      const std::string itemPlace = where + "[" + std::to_string(into.size()) + "]";
+      decode(item, into.emplace_back(), itemPlace, dates);
     }
   } else {
     if (!from.is_object()) throw malformedJson(where, "is no object");

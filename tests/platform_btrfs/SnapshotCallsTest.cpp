@@ -58,7 +58,7 @@ class BtrfsBackend final {
 }  // namespace
 
 namespace contract {
-INSTANTIATE_TYPED_TEST_SUITE_P(Btrfs, SnapshotCallsContract, BtrfsBackend);
+INSTANTIATE_TYPED_TEST_SUITE_P(Btrfs, SnapshotCallsSuite, BtrfsBackend);
 }  // namespace contract
 
 }  // namespace quillmark

@@ -155,6 +155,7 @@ TEST(Simulation, AFrozenLifeIsNeverHeardOfAgain) {
   Life& life = simulation.startLife("first");
   std::vector<std::string> events;
   struct Told {
+    explicit Told(std::vector<std::string>& all) : events(all) {}
     std::vector<std::string>& events;
     ~Told() { events.push_back("unwound"); }
   };
@@ -165,15 +166,15 @@ TEST(Simulation, AFrozenLifeIsNeverHeardOfAgain) {
   life.atEnd([&] { toldOfEnd = true; });
   simulation.run(life, [&] {
     timer->fireAfter(10ms, 10ms);
-    queue->asyncAfter(5ms, [&, told = std::make_unique<Told>(Told{events})] { events.push_back("delayed"); });
+    queue->asyncAfter(5ms, [&, told = std::make_unique<Told>(events)] { events.push_back("delayed"); });
     queue->async([&] {
-      const Told told{events};
+      const Told told(events);
       const auto onHeap = std::make_unique<std::string>(100, 'x');  // only this fiber knows it
       MutexLock lock(mutex);
       life.delay(1s);
       events.push_back("resumed " + *onHeap);
     });
-    queue->async([&, told = std::make_unique<Told>(Told{events})] { events.push_back("queued"); });
+    queue->async([&, told = std::make_unique<Told>(events)] { events.push_back("queued"); });
   });
   simulation.runFor(1ms);
   life.kill();

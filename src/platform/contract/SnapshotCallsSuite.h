@@ -64,7 +64,7 @@ inline std::vector<std::string> namesOf(const std::vector<SnapshotListEntry>& en
 }
 
 template <class Backend>
-class SnapshotCallsContract : public ::testing::Test {
+class SnapshotCallsSuite : public ::testing::Test {
  protected:
   SnapshotCalls& calls() { return backend_.calls(); }
   Disks& disks() { return backend_.disks(); }
@@ -84,20 +84,20 @@ class SnapshotCallsContract : public ::testing::Test {
   Backend backend_;
 };
 
-TYPED_TEST_SUITE_P(SnapshotCallsContract);
+TYPED_TEST_SUITE_P(SnapshotCallsSuite);
 
-TYPED_TEST_P(SnapshotCallsContract, SnapshotsAreListedByNameInAscendingOrderOfTheirIdentity) {
+TYPED_TEST_P(SnapshotCallsSuite, SnapshotsAreListedByNameInAscendingOrderOfTheirIdentity) {
   for (const char* name : {"zeta", "alpha", "mid.2026-03-01T09-00-00Z"}) ASSERT_EQ(this->create(name), 0);
   const auto entries = this->list();
   EXPECT_THAT(namesOf(entries), ::testing::ElementsAre("zeta", "alpha", "mid.2026-03-01T09-00-00Z"));
   for (std::size_t i = 0; i < entries.size(); ++i) {
     EXPECT_NE(entries[i].fileId, 0u);
     EXPECT_GT(entries[i].createdSeconds, 0);
-    if (i > 0) EXPECT_GT(entries[i].fileId, entries[i - 1].fileId);
+    EXPECT_TRUE(i == 0 || entries[i].fileId > entries[i - 1].fileId);
   }
 }
 
-TYPED_TEST_P(SnapshotCallsContract, ANameStandsOnceAndCanBeGivenAnewToAnotherSnapshot) {
+TYPED_TEST_P(SnapshotCallsSuite, ANameStandsOnceAndCanBeGivenAnewToAnotherSnapshot) {
   ASSERT_EQ(this->create("twice"), 0);
   EXPECT_EQ(this->create("twice"), EEXIST);
   const auto first = this->list();
@@ -108,13 +108,13 @@ TYPED_TEST_P(SnapshotCallsContract, ANameStandsOnceAndCanBeGivenAnewToAnotherSna
   EXPECT_GT(this->list().at(0).fileId, first.at(0).fileId);
 }
 
-TYPED_TEST_P(SnapshotCallsContract, NamesThatNoFileBearsAreRefused) {
+TYPED_TEST_P(SnapshotCallsSuite, NamesThatNoFileBearsAreRefused) {
   for (const std::string name : {"", ".", "..", "a/b", ":path", "\xFF", "a\nb"}) EXPECT_EQ(this->create(name), EINVAL);
   EXPECT_EQ(this->create(std::string(256, 'n')), ENAMETOOLONG);
   EXPECT_EQ(this->create(std::string(255, 'n')), 0);
 }
 
-TYPED_TEST_P(SnapshotCallsContract, AListingGoesOnWhereTheLastCallStopped) {
+TYPED_TEST_P(SnapshotCallsSuite, AListingGoesOnWhereTheLastCallStopped) {
   for (const char* name : {"a", "b", "c"}) ASSERT_EQ(this->create(name), 0);
   const auto volume = this->opened();
   std::vector<std::byte> tooSmall(56);
@@ -127,13 +127,13 @@ TYPED_TEST_P(SnapshotCallsContract, AListingGoesOnWhereTheLastCallStopped) {
   EXPECT_EQ(*after, 0);
 }
 
-TYPED_TEST_P(SnapshotCallsContract, OnlyTheExpectedVolumeIsOpened) {
+TYPED_TEST_P(SnapshotCallsSuite, OnlyTheExpectedVolumeIsOpened) {
   const VolumeUuid other("00000000-0000-4000-8000-000000000001");
   EXPECT_EQ(this->calls().open(this->backend_.mountPoint(), other).error(), ESTALE);
   EXPECT_EQ(this->calls().open(this->backend_.mountPoint() + "/nowhere", this->backend_.uuid()).error(), ENOENT);
 }
 
-TYPED_TEST_P(SnapshotCallsContract, AMountedSnapshotIsToldByItsPathAndCanBeNeitherDeletedNorMountedAgain) {
+TYPED_TEST_P(SnapshotCallsSuite, AMountedSnapshotIsToldByItsPathAndCanBeNeitherDeletedNorMountedAgain) {
   ASSERT_EQ(this->create("shown"), 0);
   const std::string directory = this->backend_.makeDirectory("shown");
   const auto description = this->disks().describe(this->backend_.mountPoint());
@@ -154,7 +154,7 @@ TYPED_TEST_P(SnapshotCallsContract, AMountedSnapshotIsToldByItsPathAndCanBeNeith
   EXPECT_EQ(this->mount(directory, "shown"), ENOENT);
 }
 
-TYPED_TEST_P(SnapshotCallsContract, AForcedUnmountTakesThePathAtOnceAndLetsReadersGoOn) {
+TYPED_TEST_P(SnapshotCallsSuite, AForcedUnmountTakesThePathAtOnceAndLetsReadersGoOn) {
   ASSERT_EQ(this->create("busy"), 0);
   const std::string directory = this->backend_.makeDirectory("busy");
   ASSERT_EQ(this->mount(directory, "busy"), 0);
@@ -166,7 +166,7 @@ TYPED_TEST_P(SnapshotCallsContract, AForcedUnmountTakesThePathAtOnceAndLetsReade
   EXPECT_TRUE(reader->canRead());
 }
 
-TYPED_TEST_P(SnapshotCallsContract, SnapshotsOfOtherProgramsComeGoAndCanBeDeleted) {
+TYPED_TEST_P(SnapshotCallsSuite, SnapshotsOfOtherProgramsComeGoAndCanBeDeleted) {
   ASSERT_EQ(this->create("ours"), 0);
   this->backend_.makeForeign();
   const auto both = this->names();
@@ -180,7 +180,7 @@ TYPED_TEST_P(SnapshotCallsContract, SnapshotsOfOtherProgramsComeGoAndCanBeDelete
   EXPECT_THAT(this->names(), ::testing::ElementsAre("ours"));
 }
 
-TYPED_TEST_P(SnapshotCallsContract, TheVolumeIsDescribedAsWhatItIs) {
+TYPED_TEST_P(SnapshotCallsSuite, TheVolumeIsDescribedAsWhatItIs) {
   const std::string mountPoint = this->backend_.mountPoint();
   ASSERT_TRUE(this->disks().startSession());
   const auto paths = this->disks().mountedVolumePaths();
@@ -205,7 +205,7 @@ TYPED_TEST_P(SnapshotCallsContract, TheVolumeIsDescribedAsWhatItIs) {
   EXPECT_EQ(status->flags & mntReadOnly, 0u);
 }
 
-REGISTER_TYPED_TEST_SUITE_P(SnapshotCallsContract, SnapshotsAreListedByNameInAscendingOrderOfTheirIdentity,
+REGISTER_TYPED_TEST_SUITE_P(SnapshotCallsSuite, SnapshotsAreListedByNameInAscendingOrderOfTheirIdentity,
                             ANameStandsOnceAndCanBeGivenAnewToAnotherSnapshot, NamesThatNoFileBearsAreRefused,
                             AListingGoesOnWhereTheLastCallStopped, OnlyTheExpectedVolumeIsOpened,
                             AMountedSnapshotIsToldByItsPathAndCanBeNeitherDeletedNorMountedAgain,

@@ -65,13 +65,12 @@ std::optional<std::string> structureFault(json::value& value) {
   return std::nullopt;
 }
 
-// The next number to give, past all that stand in the map, and the counter moved past it. The counter remembers those
-// whose entries were taken out.
-std::uint64_t takeNumber(json::object& parent, std::string_view counterKey, const json::object& map,
+// The next number to give: past all that stand in the map, and past those whose entries were taken out, which the
+// counter remembers.
+std::uint64_t nextNumber(const json::object& parent, std::string_view counterKey, const json::object& map,
                          std::string_view numberKey) {
   std::uint64_t next = std::max<std::uint64_t>(1, numberAt(parent, counterKey).value_or(0));
   for (const auto& [key, value] : map) next = std::max(next, *numberAt(value.get_object(), numberKey) + 1);
-  parent[counterKey] = next + 1;
   return next;
 }
 
@@ -148,7 +147,7 @@ class DeviceNames::File final {
 
  private:
   static json::value empty() {
-    return json::value{{"version", version}, {"nextDisk", 1}, {"fileSystems", json::object{}}};
+    return json::object({{"version", version}, {"nextDisk", 1}, {"fileSystems", json::object()}});
   }
 
   static bool isSame(const FileStatus& a, const FileStatus& b) {
@@ -276,17 +275,27 @@ std::optional<Numbers> numbersOf(json::object& root, const Uuid& fileSystem, con
   return numbers;
 }
 
+// An insertion moves what the object holds: no reference into an object outlives one.
+void giveVolume(json::object& entry, const Uuid& volume) {
+  json::object& volumes = entry.at("volumes").get_object();
+  const std::uint64_t number = nextNumber(entry, "nextVolume", volumes, "volume");
+  volumes[volume.lower()] = json::object({{"volume", number}});
+  entry["nextVolume"] = number + 1;
+}
+
+void giveDisk(json::object& root, const Uuid& fileSystem) {
+  json::object& fileSystems = root.at("fileSystems").get_object();
+  const std::uint64_t number = nextNumber(root, "nextDisk", fileSystems, "disk");
+  fileSystems[fileSystem.lower()] = json::object({{"disk", number}, {"nextVolume", 1}, {"volumes", json::object()}});
+  root["nextDisk"] = number + 1;
+}
+
 void give(json::object& root, const Uuid& fileSystem, const Uuid* volume) {
-  auto& fileSystems = root.at("fileSystems").get_object();
-  if (!fileSystems.contains(fileSystem.lower())) {
-    const std::uint64_t disk = takeNumber(root, "nextDisk", fileSystems, "disk");
-    fileSystems[fileSystem.lower()] = {{"disk", disk}, {"nextVolume", 1}, {"volumes", json::object{}}};
-  }
-  auto& entry = fileSystems.at(fileSystem.lower()).get_object();
-  auto& volumes = entry.at("volumes").get_object();
-  if (!volume || volumes.contains(volume->lower())) return;
-  const std::uint64_t number = takeNumber(entry, "nextVolume", volumes, "volume");
-  volumes[volume->lower()] = {{"volume", number}};
+  const auto fileSystems = [&]() -> json::object& { return root.at("fileSystems").get_object(); };
+  if (!fileSystems().contains(fileSystem.lower())) giveDisk(root, fileSystem);
+  json::object& entry = fileSystems().at(fileSystem.lower()).get_object();
+  const bool isNew = volume && !entry.at("volumes").get_object().contains(volume->lower());
+  if (isNew) giveVolume(entry, *volume);
 }
 
 std::string nameOf(Numbers numbers) {
