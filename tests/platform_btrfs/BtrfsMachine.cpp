@@ -98,7 +98,8 @@ BtrfsMachine::~BtrfsMachine() {
 
 std::string BtrfsMachine::shell(const std::string& command) {
   std::string output;
-  FILE* pipe = ::popen(("set -e; { " + command + "; } 2>&1").c_str(), "r");
+  ::setenv("COMMAND", command.c_str(), 1);
+  FILE* pipe = ::popen("exec bash -ec \"$COMMAND\" 2>&1", "r");
   check(pipe != nullptr, "popen");
   char buffer[4096];
   for (std::size_t count; (count = std::fread(buffer, 1, sizeof buffer, pipe)) > 0;) output.append(buffer, count);

@@ -121,8 +121,9 @@ SysResult<std::string> label(int fd) {
 }
 
 SysStatus searchTree(int fd, std::uint64_t tree, TreeKey first, TreeKey last, TreeItemUse use) {
-  const auto memory = std::make_unique<std::byte[]>(sizeof(btrfs_ioctl_search_args_v2) + searchBufferSize);
+  const auto memory = std::make_unique_for_overwrite<std::byte[]>(sizeof(btrfs_ioctl_search_args_v2) + searchBufferSize);
   auto* arguments = reinterpret_cast<btrfs_ioctl_search_args_v2*>(memory.get());
+  *arguments = {};
   btrfs_ioctl_search_key& key = arguments->key;
   key.tree_id = tree;
   key.min_objectid = first.objectId, key.min_type = first.type, key.min_offset = first.offset;

@@ -231,13 +231,15 @@ void DispatchPool::shutdown() {
   std::vector<pthread_t> threads;
   {
     NativeLock lock(mutex_);
+    if (ending_) return;
     while (!ready_.empty() || !excess_.empty() || arriving_ > 0 || busyCount() > 0) {
       quiet_.wait(mutex_);
     }
-    if (std::exchange(ending_, true)) return;
+    ending_ = true;
     gone_ = true;
     for (Worker* worker : idle_) {
       threads.push_back(worker->thread);
+      ended_.push_back(worker);
       worker->idle = false;
       worker->wake.notifyOne();
     }

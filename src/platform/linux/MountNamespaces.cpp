@@ -19,6 +19,12 @@ namespace {
 // A process may end between being listed and being asked, and one that ended has no mounts.
 bool isGone(int error) { return error == ENOENT || error == ESRCH || error == EINVAL; }
 
+// 0 when it isn't told: of a process that ended, or one with more rights than we have. Its table may be open even so.
+ino_t mountNamespace(const std::string& process) {
+  struct stat status;
+  return ::stat((process + "/ns/mnt").c_str(), &status) == 0 ? status.st_ino : 0;
+}
+
 SysResult<std::string> readAll(const std::string& path) {
   const UniqueFd file(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
   if (!file.valid()) return Errno{errno};
@@ -47,20 +53,16 @@ SysResult<bool> isMountedAnywhere(DeviceNumber device, btrfs::SubvolumeId subvol
   const std::unique_ptr<DIR, Close> processes(::opendir("/proc"));
   if (!processes) return Errno{errno};
   std::unordered_set<ino_t> seen;
-  struct stat status;
-  if (::stat("/proc/self/ns/mnt", &status) == 0) seen.insert(status.st_ino);
+  if (const ino_t ownNamespace = mountNamespace("/proc/self")) seen.insert(ownNamespace);
   while (const dirent* entry = ::readdir(processes.get())) {
     if (!isProcess(entry->d_name)) continue;
     const std::string process = std::string("/proc/") + entry->d_name;
-    if (::stat((process + "/ns/mnt").c_str(), &status) != 0) {
-      if (isGone(errno)) continue;
-      return Errno{errno};
-    }
-    if (seen.contains(status.st_ino)) continue;
+    const ino_t nameSpace = mountNamespace(process);
+    if (nameSpace != 0 && seen.contains(nameSpace)) continue;
     const auto text = readAll(process + "/mountinfo");
     if (!text && !isGone(text.error())) return Errno{text.error()};
     if (!text) continue;  // another process of that namespace may still tell
-    seen.insert(status.st_ino);
+    if (nameSpace != 0) seen.insert(nameSpace);
     if (MountTable::parse(*text).isMounted(device, subvolume)) return true;
   }
   return false;

@@ -60,8 +60,11 @@ SysResult<std::vector<ListedSnapshot>> listSnapshots(int fd, const VolumeIdentit
   std::vector<ListedSnapshot> found;
   SubvolumePaths paths(fd);
   const SysStatus read = btrfs::forEachSubvolume(fd, [&](const btrfs::Subvolume& subvolume, const btrfs::Place& place) {
-    paths.know(subvolume.id, place);
-    if (volume.isSnapshot(subvolume)) found.push_back({{}, snapshotXid(subvolume), subvolume, place});
+    if (volume.isSnapshot(subvolume)) {
+      found.push_back({{}, snapshotXid(subvolume), subvolume, place});
+    } else {
+      paths.know(subvolume.id, place);
+    }
   });
   if (!read) return Errno{read.error()};
   for (ListedSnapshot& snapshot : found) {

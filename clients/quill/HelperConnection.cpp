@@ -1,0 +1,116 @@
+#include "quill/HelperConnection.h"
+
+#include <fmt/format.h>
+
+#include <cerrno>
+#include <chrono>
+
+#include "platform/clock.h"
+#include "quill/Failures.h"
+#include "wire/QuillmarkError.h"
+#include "wire/QuillmarkXPC.h"
+
+namespace quillmark::cli {
+namespace {
+
+// A snapshot waits for all that was written before it: minutes on a slow disk.
+constexpr std::chrono::minutes patience{30};
+
+Error notReachable(const Error& cause) {
+  const auto says = [&](std::string suggestion) {
+    return clientError(ClientFault::helperNotReachable, cause.description(), std::move(suggestion));
+  };
+  switch (cause.code()) {
+    case ENOENT:
+    case ENOTDIR:
+    case ECONNREFUSED: return says("Start the helper as root: quillmark-helper");
+    case EACCES:
+      return says("The helper serves root and the members of the group quillmark: join it and log in anew.");
+    case EPIPE:
+      return says("It serves root and the members of the group quillmark, through an installed quill; its log says why "
+                  "it let go.");
+    default: return says({});
+  }
+}
+
+Error answerLost(const Error& cause) {
+  return clientError(ClientFault::answerLost, cause.description(),
+                     "Whether the request was carried out isn't known: look before you repeat it.");
+}
+
+RpcIncoming understood(const std::string& line) {
+  try {
+    return decodeIncoming(line);
+  } catch (const Error& error) {
+    throw clientError(ClientFault::answerMalformed, "The helper's answer can't be understood: " + error.description());
+  }
+}
+
+Error channelFailed(const Error& cause, bool answered) { return answered ? answerLost(cause) : notReachable(cause); }
+
+}  // namespace
+
+HelperConnection::HelperConnection(std::unique_ptr<ClientChannel> channel, Clock& clock)
+    : channel_(std::move(channel)), clock_(clock) {}
+
+void HelperConnection::requireSameProtocol() {
+  const std::int64_t spoken = call(ProtocolVersion{}).value;
+  if (spoken == QuillmarkXPC::protocolVersion) return;
+  throw QuillmarkError::make(QuillmarkErrorCode::protocolVersionMismatch,
+                             fmt::format("This quill speaks protocol version {}, but the running helper speaks {}.",
+                                         QuillmarkXPC::protocolVersion, spoken))
+      .withRecoverySuggestion("Install both from one release and restart the helper.");
+}
+
+Answer<std::optional<std::string>> HelperConnection::callText(std::string_view selector, std::string_view params) {
+  RpcReply reply = exchange(encodeRequestText(++lastId_, selector, params));
+  return {std::move(reply.valueJson), std::move(reply.error)};
+}
+
+RpcReply HelperConnection::exchange(const std::string& request) {
+  RpcIncoming incoming;
+  try {
+    channel_->send(request);
+    incoming = receiveAnswer();
+  } catch (const Error& error) {
+    if (error.domain() != posixErrorDomain) throw;
+    throw channelFailed(error, answered_);
+  }
+  answered_ = true;
+  if (incoming.kind == RpcIncoming::Kind::refusal) {
+    throw Error(std::string(rpcErrorDomain), incoming.refusalCode, std::move(incoming.refusalMessage));
+  }
+  if (incoming.reply.error && !QuillmarkError::isOperationCompleted(*incoming.reply.error)) {
+    throw Error(std::move(*incoming.reply.error));
+  }
+  return std::move(incoming.reply);
+}
+
+RpcIncoming HelperConnection::receiveAnswer() {
+  const MonotonicTime deadline = clock_.monotonic() + patience;
+  while (true) {
+    RpcIncoming incoming = understood(channel_->receive(deadline - clock_.monotonic()));
+    if (incoming.kind == RpcIncoming::Kind::push) continue;
+    if (!incoming.id || *incoming.id == lastId_) return incoming;
+  }
+}
+
+HelperConnection& HelperAccess::connection() {
+  HelperConnection& helper = anyConnection();
+  if (!checked_) helper.requireSameProtocol();
+  checked_ = true;
+  return helper;
+}
+
+HelperConnection& HelperAccess::anyConnection() {
+  if (!connection_) {
+    try {
+      connection_ = std::make_unique<HelperConnection>(connect_(), clock_);
+    } catch (const Error& error) {
+      throw channelFailed(error, false);
+    }
+  }
+  return *connection_;
+}
+
+}  // namespace quillmark::cli

@@ -1,0 +1,104 @@
+// HelperConnection: calls to the helper, one at a time, each answered before the next.
+//
+//   const Answer<std::string> created = helper.call(CreateSnapshot{.volumeUUID = uuid, .label = label});
+//
+// Ownership: owns the channel, borrows the clock.
+// Threads:   one thread at a time. A call blocks until it is answered, for at most the channel's patience.
+// Errors:    the helper's own error thrown as it came; a refused call as an Error of the domain of JSON-RPC; a channel
+//            that fails as helperNotReachable before the first answer, as answerLost after that.
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include "base/Error.h"
+#include "platform/Transport.h"
+#include "wire/Commands.h"
+#include "wire/Rpc.h"
+
+namespace quillmark {
+class Clock;
+}
+
+namespace quillmark::cli {
+
+// What a call gave. A warning tells that a follow-up step failed: the call itself was carried out and must not be
+// repeated.
+template <class Value>
+struct Answer {
+  Value value{};
+  std::optional<Error> warning;
+};
+
+template <ReplyKind kind>
+struct ReplyValue {
+  using type = std::string;  // the text, or the JSON text of a payload
+};
+template <>
+struct ReplyValue<ReplyKind::int64> {
+  using type = std::int64_t;
+};
+
+class HelperConnection final {
+ public:
+  HelperConnection(std::unique_ptr<ClientChannel> channel, Clock& clock);
+
+  // Throws protocolVersionMismatch when the helper speaks another version than this client.
+  void requireSameProtocol();
+
+  template <class Command>
+  [[nodiscard]] auto call(const Command& command) {
+    using Value = typename ReplyValue<Command::traits.reply>::type;
+    RpcReply reply = exchange(encodeRequest(++lastId_, Command::traits.selector, argumentValues(command)));
+    Answer<Value> answer;
+    const bool warningAlone = reply.error && reply.valueJson.value_or("null") == "null";
+    if (!warningAlone) {
+      if constexpr (Command::traits.reply == ReplyKind::string) answer.value = stringValue(reply);
+      if constexpr (Command::traits.reply == ReplyKind::int64) answer.value = int64Value(reply);
+      if constexpr (Command::traits.reply == ReplyKind::data) answer.value = reply.valueJson.value_or("null");
+    }
+    answer.warning = std::move(reply.error);
+    return answer;
+  }
+  // Any selector; params is the JSON text of an array. The value is JSON text.
+  [[nodiscard]] Answer<std::optional<std::string>> callText(std::string_view selector, std::string_view params);
+
+ private:
+  // The reply to the request just numbered: its error, if any, says that the operation was completed.
+  [[nodiscard]] RpcReply exchange(const std::string& request);
+  // The answer to the latest request; pushes on the way are passed over.
+  [[nodiscard]] RpcIncoming receiveAnswer();
+
+  const std::unique_ptr<ClientChannel> channel_;
+  Clock& clock_;
+  std::uint64_t lastId_ = 0;
+  bool answered_ = false;
+};
+
+// HelperAccess: the connection, made when it is first needed.
+// Ownership: borrows the clock.
+// Threads:   one thread at a time.
+class HelperAccess final {
+ public:
+  // Throws Error when the helper can't be reached.
+  using Connect = std::function<std::unique_ptr<ClientChannel>()>;
+
+  HelperAccess(Connect connect, Clock& clock) : connect_(std::move(connect)), clock_(clock) {}
+
+  // With a helper of the same protocol.
+  [[nodiscard]] HelperConnection& connection();
+  // With whatever helper there is: for telling what it is.
+  [[nodiscard]] HelperConnection& anyConnection();
+
+ private:
+  const Connect connect_;
+  Clock& clock_;
+  std::unique_ptr<HelperConnection> connection_;
+  bool checked_ = false;
+};
+
+}  // namespace quillmark::cli
