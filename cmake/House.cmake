@@ -10,7 +10,7 @@ endif()
 add_library(quillmark_options INTERFACE)
 target_compile_options(quillmark_options INTERFACE
   -Wall -Wextra -Wno-missing-field-initializers -Wpedantic -Wshadow -Wnon-virtual-dtor -Woverloaded-virtual -Wcast-qual -Wimplicit-fallthrough -Wvla -Werror
-  -ffile-prefix-map=${CMAKE_SOURCE_DIR}/src/= -ffile-prefix-map=${CMAKE_SOURCE_DIR}/=
+  -ffile-prefix-map=${CMAKE_SOURCE_DIR}/= -ffile-prefix-map=${CMAKE_SOURCE_DIR}/src/=
   -fno-omit-frame-pointer -fstack-protector-strong)
 target_compile_definitions(quillmark_options INTERFACE _GNU_SOURCE _FILE_OFFSET_BITS=64)
 if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU")

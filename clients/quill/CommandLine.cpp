@@ -1,6 +1,7 @@
 #include "quill/CommandLine.h"
 
 #include <CLI/CLI.hpp>
+
 #include <algorithm>
 
 #include "platform/NameText.h"
@@ -19,7 +20,9 @@ std::string guarded(const std::string& argument) {
   return argument.starts_with('[') || argument.starts_with(guard) ? guard + argument : argument;
 }
 
-std::string unguarded(const std::string& argument) { return argument.starts_with(guard) ? argument.substr(1) : argument; }
+std::string unguarded(const std::string& argument) {
+  return argument.starts_with(guard) ? argument.substr(1) : argument;
+}
 
 std::string name(const std::string& argument) { return nameText(unguarded(argument), NameEscapes::controls); }
 std::string path(const std::string& argument) { return nameText(unguarded(argument)); }

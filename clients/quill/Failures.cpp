@@ -109,9 +109,8 @@ std::string adviceOn(const Error& error) {
 }
 
 std::string errorJson(const Error& error) {
-  std::string text =
-      fmt::format(R"({{"domain":{},"code":{},"name":{},"message":{})", jsonString(error.domain()), error.code(),
-                  jsonString(nameOf(error)), jsonString(error.description()));
+  std::string text = fmt::format(R"({{"domain":{},"code":{},"name":{},"message":{})", jsonString(error.domain()),
+                                 error.code(), jsonString(nameOf(error)), jsonString(error.description()));
   if (!error.recoverySuggestion().empty()) {
     text += ",\"recoverySuggestion\":" + jsonString(error.recoverySuggestion());
   }

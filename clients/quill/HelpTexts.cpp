@@ -6,7 +6,7 @@ const std::string_view volumeOption =
     "The volume: its name, UUID, device, or any path on it. Without this option the current directory decides, or "
     "there being just one volume";
 
-const HelpEntry program{"quill", "Snapshots of btrfs volumes: take them, look into them, delete them.",
+const HelpEntry program {"quill", "Snapshots of btrfs volumes: take them, look into them, delete them.",
                         R"(
 Examples:
   quill volumes                       what is there
@@ -35,8 +35,8 @@ Examples:
   quill volumes
   quill volumes --json | jq -r '.[].id')"};
 
-const HelpEntry list{"list", "List the snapshots of a volume, the newest last",
-                     R"(
+  const HelpEntry list{"list", "List the snapshots of a volume, the newest last",
+                       R"(
 Columns: name, XID, time of creation, flags, and sizes where they are known.
 A terminal shows a snapshot's label in place of its name where it has one, and
 names of our own without "com.harrowfern.Quillmark.". Times are local.
@@ -47,16 +47,16 @@ Examples:
   quill list -v Data
   quill list -v /home | awk '{print $2}'      the XIDs)"};
 
-const HelpEntry create{"create", "Take a snapshot and print its name",
-                       R"(
+  const HelpEntry create{"create", "Take a snapshot and print its name",
+                         R"(
 The label may have up to 127 bytes, without slashes and control characters.
 
 Examples:
   quill create
   quill create "before upgrade" -v Data)"};
 
-const HelpEntry remove{"delete", "Delete snapshots and print their names",
-                       R"(
+  const HelpEntry remove{"delete", "Delete snapshots and print their names",
+                         R"(
 All references are read from one listing before anything is deleted. One that
 fails doesn't keep the others; the exit code is then the highest of all.
 
@@ -65,7 +65,7 @@ Examples:
   quill delete latest latest~1 -v Data
   quill delete 4587521 --force               also if it is protected)"};
 
-const HelpEntry mount{"mount", "Mount a snapshot for reading and print the path",
+  const HelpEntry mount {"mount", "Mount a snapshot for reading and print the path",
                       R"(
 A snapshot that is mounted already stays so, and its path is printed.
 
@@ -81,20 +81,20 @@ Examples:
   quill unmount latest
   quill unmount /Volumes/Data-2f6c…@snap-4587521)"};
 
-const HelpEntry health{"health", "Show how the helper's parts are", R"(
+    const HelpEntry health{"health", "Show how the helper's parts are", R"(
 States: healthy, degraded, unavailable. The exit code is 0 whatever they are.
 
 Example:
   quill health --json | jq -r .scheduler.state)"};
 
-const HelpEntry version{"version", "Show the versions of quill and of the running helper", R"(
+    const HelpEntry version{"version", "Show the versions of quill and of the running helper", R"(
 Fails where the two speak different protocols.
 
 Example:
   quill version)"};
 
-const HelpEntry call{"call", "Make any call of the helper and print its value",
-                     R"(
+    const HelpEntry call{"call", "Make any call of the helper and print its value",
+                         R"(
 Each argument is JSON text: true, 17, null, '"text"', '["a","b"]'. One that
 begins with "-" and a letter comes behind "--". Strings and numbers are printed
 bare, nothing for null, all else as JSON; with --json everything as JSON.
@@ -104,4 +104,4 @@ Examples:
   quill call getScheduleForVolume:reply: '"2f6c0c4e-…"'
   quill call createSnapshotOnVolume:label:reply: '"2f6c0c4e-…"' '"by hand"')"};
 
-}  // namespace quillmark::cli::HelpTexts
+  }  // namespace quillmark::cli::HelpTexts

@@ -24,11 +24,11 @@ Error notReachable(const Error& cause) {
     case ENOENT:
     case ENOTDIR:
     case ECONNREFUSED: return says("Start the helper as root: quillmark-helper");
-    case EACCES:
-      return says("The helper serves root and the members of the group quillmark: join it and log in anew.");
+    case EACCES: return says("The helper serves root and the members of the group quillmark: join it and log in anew.");
     case EPIPE:
-      return says("It serves root and the members of the group quillmark, through an installed quill; its log says why "
-                  "it let go.");
+      return says(
+          "It serves root and the members of the group quillmark, through an installed quill; its log says why "
+          "it let go.");
     default: return says({});
   }
 }

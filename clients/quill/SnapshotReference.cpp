@@ -31,7 +31,8 @@ std::optional<std::uint64_t> ageOf(std::string_view reference) {
 }
 
 Error notFound(std::string_view reference) {
-  return QuillmarkError::make(QuillmarkErrorCode::snapshotNotFound, fmt::format("There is no snapshot \"{}\".", reference));
+  return QuillmarkError::make(QuillmarkErrorCode::snapshotNotFound,
+                              fmt::format("There is no snapshot \"{}\".", reference));
 }
 
 SnapshotRecord byAge(std::vector<SnapshotRecord> snapshots, std::uint64_t age, std::string_view reference) {
@@ -41,7 +42,8 @@ SnapshotRecord byAge(std::vector<SnapshotRecord> snapshots, std::uint64_t age, s
         fmt::format("There is no snapshot \"{}\": the volume has {}.", reference, snapshots.size()));
   }
   const auto wanted = snapshots.begin() + static_cast<std::ptrdiff_t>(age);
-  std::nth_element(snapshots.begin(), wanted, snapshots.end(), [](const auto& a, const auto& b) { return a.xid > b.xid; });
+  std::nth_element(snapshots.begin(), wanted, snapshots.end(),
+                   [](const auto& a, const auto& b) { return a.xid > b.xid; });
   return *wanted;
 }
 

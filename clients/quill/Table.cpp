@@ -62,7 +62,8 @@ void cutDown(const Table& table, std::size_t limit, Shape& shape) {
   }
 }
 
-std::string padded(const std::string& text, const std::string& bare, std::size_t width, Column::Align align, bool last) {
+std::string padded(const std::string& text, const std::string& bare, std::size_t width, Column::Align align,
+                   bool last) {
   const std::size_t used = displayWidth(bare);
   const std::string blanks(width > used ? width - used : 0, ' ');
   if (align == Column::Align::right) return blanks + text;

@@ -14,8 +14,8 @@ enum class Tone { plain, good, doubtful, bad };
 struct Column {
   std::string head;
   enum class Align { left, right } align = Align::left;
-  bool mayBeCut = false;    // shortened where the terminal is too narrow
-  bool mayBeLeft = false;   // left out where the terminal is too narrow
+  bool mayBeCut = false;   // shortened where the terminal is too narrow
+  bool mayBeLeft = false;  // left out where the terminal is too narrow
 };
 
 // Raw text; laying out makes it harmless.

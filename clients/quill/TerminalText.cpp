@@ -17,7 +17,8 @@ constexpr std::string_view cut = "…";
 bool isObeyed(char32_t scalar) {
   const auto code = static_cast<UChar32>(scalar);
   const auto category = U_MASK(u_charType(code));
-  return (category & (U_GC_CC_MASK | U_GC_ZL_MASK | U_GC_ZP_MASK)) != 0 || u_hasBinaryProperty(code, UCHAR_BIDI_CONTROL);
+  return (category & (U_GC_CC_MASK | U_GC_ZL_MASK | U_GC_ZP_MASK)) != 0 ||
+         u_hasBinaryProperty(code, UCHAR_BIDI_CONTROL);
 }
 
 // Appends the step at `at`, written out when a terminal would obey it.

@@ -59,11 +59,12 @@ Volumes named(const Volumes& volumes, const std::string& text) {
 Volumes atPlace(const Volumes& volumes, const Place& place, const std::string& text) {
   switch (place.kind) {
     case Place::Kind::nothing: throw unknown(fmt::format("There is no volume \"{}\".", text), volumes);
-    case Place::Kind::elsewhere: throw unknown(fmt::format("\"{}\" is on no volume that is served here.", text), volumes);
+    case Place::Kind::elsewhere:
+      throw unknown(fmt::format("\"{}\" is on no volume that is served here.", text), volumes);
     case Place::Kind::nestedSubvolume:
-      throw unknown(fmt::format("\"{}\" is in a subvolume that isn't mounted by itself, so no volume's snapshots hold it.",
-                                text),
-                    volumes);
+      throw unknown(
+          fmt::format("\"{}\" is in a subvolume that isn't mounted by itself, so no volume's snapshots hold it.", text),
+          volumes);
     case Place::Kind::volumes: break;
   }
   Volumes found = mountedAt(volumes, place.mountPaths);

@@ -1,5 +1,7 @@
 #include "platform/NameText.h"
 
+#include <algorithm>
+
 #include "base/Text.h"
 
 namespace quillmark {
@@ -12,6 +14,13 @@ bool isEscape(char32_t scalar) { return scalar >= firstEscape && scalar <= lastE
 
 bool isControl(char32_t scalar) { return scalar < 0x20 || scalar == 0x7F; }
 
+// How many bytes from here on are printable ASCII, as nearly all names are.
+std::size_t plainRun(std::string_view bytes, std::size_t at) {
+  const auto isOther = [](char byte) { return static_cast<signed char>(byte) < 0x20 || byte == 0x7F; };
+  return static_cast<std::size_t>(std::find_if(bytes.begin() + static_cast<std::ptrdiff_t>(at), bytes.end(), isOther) -
+                                  bytes.begin()) - at;
+}
+
 void escapeByte(std::string& text, char byte) { appendUtf8(text, firstEscape + static_cast<unsigned char>(byte)); }
 
 }  // namespace
@@ -20,6 +29,10 @@ std::string nameText(std::string_view bytes, NameEscapes escapes) {
   std::string text;
   text.reserve(bytes.size());
   for (std::size_t at = 0; at < bytes.size();) {
+    const std::size_t plain = plainRun(bytes, at);
+    text.append(bytes, at, plain);
+    at += plain;
+    if (at == bytes.size()) break;
     const Utf8Step step = decodeUtf8(bytes, at);
     const bool escaped = !step.scalar || isEscape(*step.scalar) ||
                          (escapes == NameEscapes::controls && isControl(*step.scalar));

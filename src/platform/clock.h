@@ -19,6 +19,12 @@ struct MonotonicClockTag {
 };
 using MonotonicTime = MonotonicClockTag::time_point;
 
+// The moment a span after another; a span without an end stays one, a negative one counts as none.
+[[nodiscard]] constexpr MonotonicTime after(MonotonicTime time, std::chrono::nanoseconds span) {
+  if (span.count() <= 0) return time;
+  return span > MonotonicTime::max() - time ? MonotonicTime::max() : time + span;
+}
+
 // A moment as the machine's people read it.
 struct LocalTime {
   int year, month, day, hour, minute, second, millisecond;

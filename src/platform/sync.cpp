@@ -9,7 +9,7 @@
 namespace quillmark {
 
 void sleepFor(Threads& threads, std::chrono::nanoseconds duration) {
-  const MonotonicTime deadline = threads.clock().monotonic() + duration;
+  const MonotonicTime deadline = after(threads.clock().monotonic(), duration);
   Mutex mutex(threads);
   ConditionVariable never(threads);
   MutexLock lock(mutex);
@@ -29,7 +29,7 @@ void Semaphore::wait() {
 }
 
 bool Semaphore::waitFor(std::chrono::nanoseconds duration) {
-  const MonotonicTime deadline = threads_.clock().monotonic() + duration;
+  const MonotonicTime deadline = after(threads_.clock().monotonic(), duration);
   MutexLock lock(mutex_);
   while (count_ <= 0) {
     if (threads_.clock().monotonic() >= deadline) return false;
@@ -63,7 +63,7 @@ void Group::wait() {
 }
 
 bool Group::waitFor(std::chrono::nanoseconds duration) {
-  const MonotonicTime deadline = threads_.clock().monotonic() + duration;
+  const MonotonicTime deadline = after(threads_.clock().monotonic(), duration);
   MutexLock lock(mutex_);
   while (underWay_ > 0) {
     if (threads_.clock().monotonic() >= deadline) return false;

@@ -112,7 +112,8 @@ class Guarded final {
 
 class Semaphore final {
  public:
-  explicit Semaphore(Threads& threads, int count = 0) : threads_(threads), mutex_(threads), changed_(threads), count_(count) {}
+  explicit Semaphore(Threads& threads, int count = 0)
+      : threads_(threads), mutex_(threads), changed_(threads), count_(count) {}
   void signal();
   void wait();
   // False when the time passed first. A duration of 0 or less only looks.

@@ -1,16 +1,16 @@
-#include <filesystem>
-#include <fstream>
-
 #include <sys/mount.h>
 #include <sys/wait.h>
 #include <unistd.h>
+
+#include <filesystem>
+#include <fstream>
 
 #include "DispatchBackends.h"
 #include "platform/contract/ClockSuite.h"
 
 namespace quillmark::contract {
 
-INSTANTIATE_TEST_SUITE_P(Clock, ClockSuite, backends(), backendName);
+INSTANTIATE_TEST_SUITE_P(Clock, ClockSuite, testing::ValuesIn(backends()), backendName);
 
 // In a mount namespace of its own, with an /etc that holds nothing but the zone: tells what differs from the expected.
 int followZoneInPrivateEtc() {

@@ -1,9 +1,9 @@
 // What only real threads can show: how the pool grows and shrinks, and how the process ends on a defect.
-#include <csignal>
-
 #include <gmock/gmock.h>
 #include <sys/syscall.h>
 #include <unistd.h>
+
+#include <csignal>
 
 #include "DispatchBackends.h"
 
@@ -73,7 +73,7 @@ TEST_F(DispatchPoolTest, TheCapSparesSerialQueuesAndIsToldOnce) {
   EXPECT_TRUE(served.waitFor(10s));
   for (int i = 0; i < 10; ++i) go.signal();
   EXPECT_TRUE(group.waitFor(10s));
-  EXPECT_THAT(reports.await(1), ElementsAre(testing::StartsWith("4 threads are busy, in \"crowd\" ")));
+  EXPECT_THAT(reports.await(1), ElementsAre("4 threads are busy, in \"crowd\" 4."));
 }
 
 TEST_F(DispatchPoolTest, ShutdownRunsOutWhatItemsPutOnQueues) {
@@ -116,6 +116,12 @@ TEST_F(DispatchPoolTest, WorkersBlockSignalsAndBackgroundItemsAreIdleToTheDisk) 
   EXPECT_EQ(observe(QualityOfService::utility), ordinary);
   EXPECT_EQ(observe(QualityOfService::background), 3);
   EXPECT_EQ(observe(QualityOfService::userInitiated), ordinary) << "the same worker, back in its class";
+  Semaphore done(dispatch);
+  dispatch.global(QualityOfService::background)->async([&] {
+    EXPECT_EQ(observe(QualityOfService::utility), ordinary) << "a worker that a background item made necessary";
+    done.signal();
+  });
+  done.wait();
 }
 
 // Goal:   a thread that acts for a user doesn't hand its identity on to the pool.

@@ -3,6 +3,6 @@
 
 namespace quillmark::contract {
 
-INSTANTIATE_TEST_SUITE_P(Dispatch, DispatchSuite, backends(), backendName);
+INSTANTIATE_TEST_SUITE_P(Dispatch, DispatchSuite, testing::ValuesIn(backends()), backendName);
 
 }  // namespace quillmark::contract

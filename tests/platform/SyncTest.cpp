@@ -3,6 +3,6 @@
 
 namespace quillmark::contract {
 
-INSTANTIATE_TEST_SUITE_P(Sync, SyncSuite, backends(), backendName);
+INSTANTIATE_TEST_SUITE_P(Sync, SyncSuite, testing::ValuesIn(backends()), backendName);
 
 }  // namespace quillmark::contract

@@ -1,12 +1,13 @@
 // DispatchBackend: what a backend shows to the suites of dispatch, locks and clocks.
 #pragma once
 
+#include <gtest/gtest.h>
+
 #include <chrono>
+#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
-
-#include <gtest/gtest.h>
 
 #include "base/FunctionRef.h"
 #include "platform/dispatch.h"
@@ -24,8 +25,8 @@ class DispatchBackend {
 };
 
 struct NamedBackend {
-  const char* name;
-  std::unique_ptr<DispatchBackend> (*make)();
+  std::string name;
+  std::function<std::unique_ptr<DispatchBackend>()> make;
   friend void PrintTo(const NamedBackend& backend, std::ostream* out) { *out << backend.name; }
 };
 

@@ -13,7 +13,7 @@ enum class TestProgram {
   talksAndFails,  // "out" and "err" on its streams, exit status 3
   copiesInput,    // to its output, until the end of it
   runsOn,         // until it is told to end
-  ignoresTerminate,
+  ignoresTerminate,  // says "r" when it does
   leavesAChild,  // ends at once with status 0, while its child keeps the streams open
   talksMuch,     // 1,000,000 bytes
   doesNotExist,
@@ -35,11 +35,11 @@ struct NamedProcessBackend {
 class TestChild final {
  public:
   TestChild(ProcessBackend& backend, TestProgram program, bool wantsInput = false)
-      : dispatch_(backend.dispatch()), exited_(dispatch_), read_(dispatch_) {
+      : dispatch_(backend.dispatch()), exited_(std::make_shared<Semaphore>(dispatch_)), read_(dispatch_) {
     ProcessRequest request = backend.request(program);
     request.wantsInput = wantsInput;
     child = backend.processes().prepare(std::move(request));
-    child->onExit([this] { exited_.signal(); });
+    child->onExit([exited = exited_] { exited->signal(); });
   }
   ~TestChild() {
     child->kill();
@@ -51,7 +51,7 @@ class TestChild final {
     startReader(output, &ChildProcess::readOutput);
     startReader(errors, &ChildProcess::readErrors);
   }
-  [[nodiscard]] bool exitsWithin(std::chrono::nanoseconds span) { return exited_.waitFor(span); }
+  [[nodiscard]] bool exitsWithin(std::chrono::nanoseconds span) { return exited_->waitFor(span); }
   [[nodiscard]] bool readsToTheEndWithin(std::chrono::nanoseconds span) { return read_.waitFor(span); }
 
   std::unique_ptr<ChildProcess> child;
@@ -75,7 +75,7 @@ class TestChild final {
   }
 
   Dispatch& dispatch_;
-  Semaphore exited_;
+  const std::shared_ptr<Semaphore> exited_;
   Group read_;
 };
 
@@ -167,8 +167,9 @@ TEST_P(ProcessSuite, SignalsEndAProgramWithTheirNumberAsStatus) {
     child.child->terminate();
   });
   with(TestProgram::ignoresTerminate, [](TestChild& child) {
-    child.startReaders();
     ASSERT_EQ(child.child->launch(), std::nullopt);
+    std::byte ready[1];
+    ASSERT_EQ(*child.child->readOutput(ready), 1U);
     child.child->terminate();
     EXPECT_FALSE(child.exitsWithin(200ms));
     child.child->kill();

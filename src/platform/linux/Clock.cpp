@@ -1,13 +1,13 @@
 #include "platform/linux/Clock.h"
 
+#include <unistd.h>
+
 #include <array>
 #include <cmath>
 #include <cstdlib>
 #include <ctime>
 #include <fstream>
 #include <string_view>
-
-#include <unistd.h>
 
 namespace quillmark::os {
 namespace {
@@ -48,22 +48,16 @@ std::string zoneOfFile() {
 
 }  // namespace
 
-LinuxClock::LinuxClock() {
-  ::unsetenv("TZ");
-}
+LinuxClock::LinuxClock() { ::unsetenv("TZ"); }
 
 Date LinuxClock::now() {
   const timespec time = read(CLOCK_REALTIME);
   return Date::from1970(static_cast<double>(time.tv_sec)) + Seconds(static_cast<double>(time.tv_nsec) * 1e-9);
 }
 
-MonotonicTime LinuxClock::monotonic() {
-  return MonotonicTime(span(read(CLOCK_MONOTONIC)));
-}
+MonotonicTime LinuxClock::monotonic() { return MonotonicTime(span(read(CLOCK_MONOTONIC))); }
 
-std::chrono::nanoseconds LinuxClock::sinceBoot() {
-  return span(read(CLOCK_BOOTTIME));
-}
+std::chrono::nanoseconds LinuxClock::sinceBoot() { return span(read(CLOCK_BOOTTIME)); }
 
 std::string LinuxClock::timeZone() {
   std::string zone = zoneOfLink();

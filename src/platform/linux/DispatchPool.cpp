@@ -1,10 +1,10 @@
 #include "platform/linux/DispatchPool.h"
 
-#include <algorithm>
-#include <map>
-
 #include <sys/syscall.h>
 #include <unistd.h>
+
+#include <algorithm>
+#include <map>
 
 namespace quillmark::os {
 namespace {
@@ -35,9 +35,7 @@ class ThreadGate final : public Gate {
 };
 
 // The calling thread's, which differs from the process's while it acts for a user.
-unsigned threadUid() {
-  return static_cast<unsigned>(::syscall(SYS_geteuid));
-}
+unsigned threadUid() { return static_cast<unsigned>(::syscall(SYS_geteuid)); }
 
 // ioprio_set(2): the best-effort class takes its level from the nice value, the idle class waits for everybody else.
 void setBackgroundPriority(bool background) {
@@ -49,38 +47,24 @@ void setBackgroundPriority(bool background) {
 }  // namespace
 
 DispatchPool::DispatchPool(Clock& clock, DispatchPoolOptions options)
-    : clock_(clock),
-      idleSpan_(options.idleSpan),
-      cap_(options.cap),
-      ownUid_(threadUid()),
-      onCapReached_(std::move(options.onCapReached)),
-      timers_(clock) {}
+    : clock_(clock), idleSpan_(options.idleSpan), cap_(options.cap), ownUid_(threadUid()),
+      onCapReached_(std::move(options.onCapReached)), timers_(clock) {}
 
 DispatchPool::~DispatchPool() = default;
 
-std::unique_ptr<Gate> DispatchPool::makeGate(const DispatchQueue&) {
-  return std::make_unique<ThreadGate>();
-}
+std::unique_ptr<Gate> DispatchPool::makeGate(const DispatchQueue&) { return std::make_unique<ThreadGate>(); }
 
-const ItemFrame*& DispatchPool::frame() {
-  return currentFrame;
-}
+const ItemFrame*& DispatchPool::frame() { return currentFrame; }
 
-AlarmId DispatchPool::setAlarm(MonotonicTime time, Work work) {
-  return timers_.set(time, std::move(work));
-}
-AlarmId DispatchPool::setAlarm(Date date, Work work) {
-  return timers_.set(date, std::move(work));
-}
+AlarmId DispatchPool::setAlarm(MonotonicTime time, Work work) { return timers_.set(time, std::move(work)); }
+AlarmId DispatchPool::setAlarm(Date date, Work work) { return timers_.set(date, std::move(work)); }
 
 std::size_t DispatchPool::workerCount() {
   NativeLock lock(mutex_);
   return workers_.size() - ended_.size();
 }
 
-std::size_t DispatchPool::busyCount() const {
-  return workers_.size() - ended_.size() - idle_.size();
-}
+std::size_t DispatchPool::busyCount() const { return workers_.size() - ended_.size() - idle_.size(); }
 
 void DispatchPool::submit(ReadyItem item) {
   Worker* woken = nullptr;
@@ -148,6 +132,7 @@ void DispatchPool::startWorker(Worker& worker) {
 
 void DispatchPool::workerMain(Worker& worker) {
   bool background = false;
+  setBackgroundPriority(background);  // a thread inherits the class of its creator, too
   for (auto item = nextItem(worker, true); item; item = nextItem(worker, false)) runItems(std::move(*item), background);
 }
 
@@ -220,8 +205,9 @@ std::string DispatchPool::blockedLabels() {
   for (const auto& worker : workers_) {
     if (worker->queue) ++counts[worker->queue->label()];
   }
-  std::string text = std::to_string(workers_.size() - ended_.size()) + " threads are busy, in";
-  for (const auto& [label, count] : counts) text += " \"" + label + "\" " + std::to_string(count) + ";";
+  for (const ReadyItem& item : ready_) ++counts[item.queue->label()];
+  std::string text = std::to_string(busyCount()) + " threads are busy, in";
+  for (const auto& [label, count] : counts) text += " \"" + label + "\" " + std::to_string(count) + ",";
   text.back() = '.';
   return text;
 }

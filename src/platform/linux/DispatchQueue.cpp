@@ -44,8 +44,7 @@ class DispatchQueue::Turn final {
 };
 
 DispatchQueue::DispatchQueue(std::shared_ptr<DispatchHost> host, QueueOptions options)
-    : host_(std::move(host)),
-      options_(std::move(options)),
+    : host_(std::move(host)), options_(std::move(options)),
       width_(options_.concurrent ? std::max(options_.width, 1u) : 1) {}
 
 bool DispatchQueue::isCurrent() const {
@@ -84,7 +83,7 @@ void DispatchQueue::asyncAfter(std::chrono::nanoseconds delay, Work work) {
   auto queue = std::static_pointer_cast<DispatchQueue>(shared_from_this());
   // Nobody takes the alarm back: it is the item's only way onto the queue.
   static_cast<void>(
-      host_->setAlarm(host_->clock().monotonic() + std::max(delay, std::chrono::nanoseconds(0)),
+      host_->setAlarm(after(host_->clock().monotonic(), delay),
                       [queue = std::move(queue), work = std::move(work)]() mutable { queue->async(std::move(work)); }));
 }
 
@@ -171,10 +170,11 @@ std::optional<ReadyItem> DispatchQueue::run(ReadyItem item) {
 std::shared_ptr<Queue> makeGlobalQueue(std::shared_ptr<DispatchHost> host, QualityOfService quality) {
   constexpr unsigned globalQueueWidth = 4096;
   static constexpr std::array labels = {"global.userInitiated", "global.utility", "global.background"};
-  return std::make_shared<DispatchQueue>(std::move(host), QueueOptions{.label = labels[static_cast<std::size_t>(quality)],
-                                                                       .concurrent = true,
-                                                                       .qualityOfService = quality,
-                                                                       .width = globalQueueWidth});
+  return std::make_shared<DispatchQueue>(std::move(host),
+                                         QueueOptions{.label = labels[static_cast<std::size_t>(quality)],
+                                                      .concurrent = true,
+                                                      .qualityOfService = quality,
+                                                      .width = globalQueueWidth});
 }
 
 }  // namespace quillmark::os

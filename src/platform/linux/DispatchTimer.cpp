@@ -1,5 +1,6 @@
 #include "platform/linux/DispatchTimer.h"
 
+#include <algorithm>
 #include <cmath>
 #include <variant>
 
@@ -20,9 +21,10 @@ using Schedule = std::variant<std::monostate, MonotonicSchedule, WallSchedule>;
 
 // The first moment of the timer's grid after now: whatever was missed is one firing.
 MonotonicTime following(const MonotonicSchedule& schedule, MonotonicTime now) {
-  const auto interval = std::max(*schedule.interval, std::chrono::nanoseconds(1));
+  constexpr std::chrono::nanoseconds longest = std::chrono::hours(24 * 36'500);
+  const auto interval = std::clamp(*schedule.interval, std::chrono::nanoseconds(1), longest);
   const auto late = std::max(now - schedule.next, std::chrono::nanoseconds(0));
-  return schedule.next + (late / interval + 1) * interval;
+  return after(schedule.next, (late / interval + 1) * interval);
 }
 
 Date following(const WallSchedule& schedule, Date now) {
@@ -41,7 +43,7 @@ class DispatchTimer::Shared final : public std::enable_shared_from_this<Shared> 
       : host_(std::move(host)), queue_(std::move(queue)), handler_(std::move(handler)) {}
 
   void setAfter(std::chrono::nanoseconds delay, std::optional<std::chrono::nanoseconds> interval) {
-    set(MonotonicSchedule{host_->clock().monotonic() + delay, interval});
+    set(MonotonicSchedule{after(host_->clock().monotonic(), delay), interval});
   }
 
   void set(Schedule schedule) {
@@ -133,20 +135,14 @@ class DispatchTimer::Shared final : public std::enable_shared_from_this<Shared> 
 DispatchTimer::DispatchTimer(std::shared_ptr<DispatchHost> host, std::shared_ptr<Queue> queue, Work handler)
     : shared_(std::make_shared<Shared>(std::move(host), std::move(queue), std::move(handler))) {}
 
-DispatchTimer::~DispatchTimer() {
-  shared_->set({});
-}
+DispatchTimer::~DispatchTimer() { shared_->set({}); }
 
 void DispatchTimer::fireAfter(std::chrono::nanoseconds delay, std::optional<std::chrono::nanoseconds> interval) {
   shared_->setAfter(delay, interval);
 }
 
-void DispatchTimer::fireAt(Date date, std::optional<Seconds> interval) {
-  shared_->set(WallSchedule{date, interval});
-}
+void DispatchTimer::fireAt(Date date, std::optional<Seconds> interval) { shared_->set(WallSchedule{date, interval}); }
 
-void DispatchTimer::cancel() {
-  shared_->set({});
-}
+void DispatchTimer::cancel() { shared_->set({}); }
 
 }  // namespace quillmark::os

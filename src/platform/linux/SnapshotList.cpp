@@ -30,28 +30,27 @@ SysResult<std::string> SubvolumePaths::prefixOfSubvolume(btrfs::SubvolumeId id, 
     know(id, std::move(*found->place));
   }
   const btrfs::Place place = places_.at(id);
-  auto prefix = prefixOf({place.parent, place.directory}, depth + 1);
-  if (!prefix) return prefix;
-  return *prefix + place.name + "/";
+  const auto prefix = prefixOf({place.parent, place.directory}, depth + 1);
+  if (!prefix) return Errno{prefix.error()};
+  return **prefix + place.name + "/";
 }
 
-SysResult<std::string> SubvolumePaths::prefixOf(Directory directory, int depth) {
-  if (const auto known = prefixes_.find(directory); known != prefixes_.end()) return known->second;
+SysResult<const std::string*> SubvolumePaths::prefixOf(Directory directory, int depth) {
+  if (const auto known = prefixes_.find(directory); known != prefixes_.end()) return &known->second;
   auto prefix = prefixOfSubvolume(directory.subvolume, depth);
-  if (!prefix) return prefix;
+  if (!prefix) return Errno{prefix.error()};
   if (directory.inode != btrfs::rootInode) {
-    auto within = btrfs::directoryPath(fd_, directory.subvolume, directory.inode);
-    if (!within) return within;
+    const auto within = btrfs::directoryPath(fd_, directory.subvolume, directory.inode);
+    if (!within) return Errno{within.error()};
     *prefix += *within;
   }
   if (prefix->size() > pathLimit) return Errno{ENAMETOOLONG};
-  prefixes_.emplace(directory, *prefix);
-  return prefix;
+  return &prefixes_.emplace(directory, std::move(*prefix)).first->second;
 }
 
 SysResult<TopLevelPath> SubvolumePaths::pathOf(const btrfs::Place& place) {
-  auto prefix = prefixOf({place.parent, place.directory}, 0);
-  if (prefix) return TopLevelPath{*prefix + place.name, true};
+  const auto prefix = prefixOf({place.parent, place.directory}, 0);
+  if (prefix) return TopLevelPath{**prefix + place.name, true};
   if (isUnresolvable(prefix.error())) return TopLevelPath{place.name, false};
   return Errno{prefix.error()};
 }
@@ -73,8 +72,9 @@ SysResult<std::vector<ListedSnapshot>> listSnapshots(int fd, const VolumeIdentit
     snapshot.name = listedName(*path, volume.volume, snapshot.subvolume.uuid);
   }
   if (volume.subvolume.isNil()) std::erase_if(found, isForeign);
-  std::sort(found.begin(), found.end(),
-            [](const ListedSnapshot& a, const ListedSnapshot& b) { return a.xid < b.xid; });
+  const auto isOlder = [](const ListedSnapshot& a, const ListedSnapshot& b) { return a.xid < b.xid; };
+  // Ids ascend as transactions do, until a remount gives one anew.
+  if (!std::is_sorted(found.begin(), found.end(), isOlder)) std::sort(found.begin(), found.end(), isOlder);
   return found;
 }
 

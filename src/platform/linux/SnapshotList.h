@@ -53,7 +53,7 @@ class SubvolumePaths final {
       return std::hash<std::uint64_t>{}(directory.subvolume * 0x9E3779B97F4A7C15 ^ directory.inode);
     }
   };
-  [[nodiscard]] SysResult<std::string> prefixOf(Directory directory, int depth);
+  [[nodiscard]] SysResult<const std::string*> prefixOf(Directory directory, int depth);
   [[nodiscard]] SysResult<std::string> prefixOfSubvolume(btrfs::SubvolumeId id, int depth);
 
   int fd_;

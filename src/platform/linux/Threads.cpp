@@ -1,11 +1,11 @@
 #include "platform/linux/Threads.h"
 
+#include <unistd.h>
+
 #include <csignal>
 #include <cstdlib>
 #include <ctime>
 #include <exception>
-
-#include <unistd.h>
 
 namespace quillmark::os {
 namespace {
@@ -86,12 +86,8 @@ MonotonicTime monotonicNow() {
   return MonotonicTime(std::chrono::seconds(now.tv_sec) + std::chrono::nanoseconds(now.tv_nsec));
 }
 
-std::unique_ptr<MutexBackend> makeNativeMutexBackend() {
-  return std::make_unique<MutexOfThreads>();
-}
-std::unique_ptr<ConditionBackend> makeNativeConditionBackend() {
-  return std::make_unique<ConditionOfThreads>();
-}
+std::unique_ptr<MutexBackend> makeNativeMutexBackend() { return std::make_unique<MutexOfThreads>(); }
+std::unique_ptr<ConditionBackend> makeNativeConditionBackend() { return std::make_unique<ConditionOfThreads>(); }
 
 int startThread(const char* name, std::size_t stackSize, Work& work, pthread_t& thread) {
   const ThreadAttributes attributes(stackSize);

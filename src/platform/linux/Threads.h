@@ -2,13 +2,13 @@
 // Threads: thread-safe.
 #pragma once
 
+#include <pthread.h>
+
 #include <chrono>
 #include <cstddef>
 #include <memory>
 #include <optional>
 #include <string>
-
-#include <pthread.h>
 
 #include "base/FunctionRef.h"
 #include "base/ThreadSafety.h"

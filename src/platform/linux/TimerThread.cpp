@@ -1,12 +1,12 @@
 #include "platform/linux/TimerThread.h"
 
-#include <algorithm>
-#include <cerrno>
-#include <cmath>
-
 #include <poll.h>
 #include <sys/timerfd.h>
 #include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cmath>
 
 #include "base/Error.h"
 

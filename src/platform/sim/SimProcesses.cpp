@@ -43,7 +43,8 @@ class SimRun final : public std::enable_shared_from_this<SimRun> {
     MutexLock lock(mutex_);
     program_ = std::move(program);
     queue_->asyncAfter(program_.outputAfter, [self = shared_from_this()] { self->print(); });
-    if (program_.endsByItself && !program_.echoesInput) {
+    const bool waitsForInput = program_.echoesInput && !inputClosed_;
+    if (program_.endsByItself && !waitsForInput) {
       queue_->asyncAfter(std::max(program_.endsAfter, program_.outputAfter),
                          [self = shared_from_this()] { self->end(self->ownStatus()); });
     }

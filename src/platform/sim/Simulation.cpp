@@ -18,9 +18,7 @@ void requireOutside(const Scheduler& scheduler, const char* operation) {
 }  // namespace
 
 Life::Life(Scheduler& scheduler, std::shared_ptr<LifeHost> host, std::uint64_t seed)
-    : host_(std::move(host)),
-      dispatch_(std::make_unique<LifeDispatch>(host_)),
-      random_(std::make_unique<Draws>(seed)),
+    : host_(std::move(host)), dispatch_(std::make_unique<LifeDispatch>(host_)), random_(std::make_unique<Draws>(seed)),
       scheduler_(scheduler) {
   host_->setLife(this);
 }
@@ -36,33 +34,21 @@ Life::~Life() {
   if (host_->isFrozen()) LifeHost::lose(host_);
 }
 
-const std::string& Life::name() const {
-  return host_->name();
-}
-int Life::pid() const {
-  return host_->pid();
-}
-Clock& Life::clock() {
-  return host_->clock();
-}
-bool Life::isAlive() const {
-  return !host_->gone();
-}
-void Life::atEnd(UniqueFunction<void()> work) {
-  host_->addEnding(std::move(work));
-}
+const std::string& Life::name() const { return host_->name(); }
+int Life::pid() const { return host_->pid(); }
+Clock& Life::clock() { return host_->clock(); }
+bool Life::isAlive() const { return !host_->gone(); }
+void Life::atEnd(UniqueFunction<void()> work) { host_->addEnding(std::move(work)); }
 
 Life* Life::current() {
   const Scheduler* const scheduler = Scheduler::current();
   return scheduler && scheduler->running() ? scheduler->running()->life->life() : nullptr;
 }
 
-void Life::spawn(std::string label, Work work) {
-  dispatch_->throwAwayThread(std::move(label), std::move(work));
-}
+void Life::spawn(std::string label, Work work) { dispatch_->throwAwayThread(std::move(label), std::move(work)); }
 
 void Life::delay(std::chrono::nanoseconds span) {
-  const MonotonicTime until = scheduler_.clock().monotonic() + span;
+  const MonotonicTime until = after(scheduler_.clock().monotonic(), span);
   while (scheduler_.clock().monotonic() < until) scheduler_.park({.what = "sleeps", .deadline = until});
 }
 
@@ -77,7 +63,7 @@ void Life::kill() {
 
 void Life::end() {
   requireOutside(scheduler_, "end()");
-  const MonotonicTime limit = scheduler_.clock().monotonic() + scheduler_.options().patience;
+  const MonotonicTime limit = after(scheduler_.clock().monotonic(), scheduler_.options().patience);
   while (isAlive() && host_->isActive()) {
     if (scheduler_.step() || scheduler_.serveAlarms() || scheduler_.advance(limit)) continue;
     const std::string text = scheduler_.seedLine() + "\"" + name() + "\" never ends:" + scheduler_.waits();
@@ -146,7 +132,7 @@ void Simulation::runUntilIdle() {
 
 void Simulation::runFor(std::chrono::nanoseconds span) {
   requireOutside(*scheduler_, "runFor()");
-  const MonotonicTime end = clock().monotonic() + span;
+  const MonotonicTime end = after(clock().monotonic(), span);
   do {
     scheduler_->runWhatIsRunnable();
   } while (scheduler_->advance(end));
@@ -158,27 +144,13 @@ void Simulation::jumpWallClock(Seconds by) {
   scheduler_->clock().jumpWall(std::chrono::duration_cast<std::chrono::nanoseconds>(by));
 }
 
-void Simulation::sleepMachine(std::chrono::nanoseconds span) {
-  scheduler_->clock().sleep(span);
-}
-void Simulation::setTimeZone(std::string name) {
-  scheduler_->clock().setTimeZone(std::move(name));
-}
-Clock& Simulation::clock() {
-  return scheduler_->clock();
-}
-Random& Simulation::random() {
-  return scheduler_->draws();
-}
-std::uint64_t Simulation::seed() const {
-  return scheduler_->options().seed;
-}
-std::uint64_t Simulation::steps() const {
-  return scheduler_->steps();
-}
-void Simulation::yield() {
-  scheduler_->yield();
-}
+void Simulation::sleepMachine(std::chrono::nanoseconds span) { scheduler_->clock().sleep(span); }
+void Simulation::setTimeZone(std::string name) { scheduler_->clock().setTimeZone(std::move(name)); }
+Clock& Simulation::clock() { return scheduler_->clock(); }
+Random& Simulation::random() { return scheduler_->draws(); }
+std::uint64_t Simulation::seed() const { return scheduler_->options().seed; }
+std::uint64_t Simulation::steps() const { return scheduler_->steps(); }
+void Simulation::yield() { scheduler_->yield(); }
 
 std::uint64_t Simulation::lastDraw() const {
   std::uint64_t all = scheduler_->draws().last();

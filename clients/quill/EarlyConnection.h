@@ -1,0 +1,23 @@
+// The helper knows a genuine client by the group that the program's file gives it. That group serves to connect and for
+// nothing else: whatever runs with it, a pager for one, could pass as this client.
+#pragma once
+
+#include <memory>
+#include <optional>
+#include <string>
+
+#include "base/Error.h"
+#include "platform/Transport.h"
+
+namespace quillmark::cli {
+
+struct EarlyConnection {
+  std::unique_ptr<ClientChannel> channel;
+  std::optional<Error> failure;  // why there is none; absent where none was tried
+};
+
+// Where the file gives a group: connects, then gives the group up for good. Call before anything reads an argument, the
+// environment or a file. Ends the process when the group can't be given up.
+[[nodiscard]] EarlyConnection connectAndDropGroup(const std::string& socket);
+
+}  // namespace quillmark::cli

@@ -1,0 +1,35 @@
+// quill from its arguments to its exit code, over whatever world it is given.
+// Ownership: borrows the world.
+// Threads:   one thread.
+// Errors:    none; every failure is told and becomes an exit code.
+#pragma once
+
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "platform/HostPaths.h"
+#include "platform/Transport.h"
+#include "platform/clock.h"
+#include "quill/LocalVolumes.h"
+#include "quill/Output.h"
+
+namespace quillmark::cli {
+
+struct World {
+  TextSink& sink;
+  TerminalFacts terminal;
+  Clock& clock;  // in the person's time zone
+  LocalVolumes& volumes;
+  const HostPaths& paths;
+  // Another socket than the service's own, where one was asked for. Throws Error in the POSIX domain.
+  std::function<std::unique_ptr<ClientChannel>(const std::optional<std::string>& socket)> connect;
+  std::function<std::shared_ptr<void>(const std::string& text)> busy;
+};
+
+// Arguments as bytes, without the program's name.
+[[nodiscard]] int runQuill(const std::vector<std::string>& arguments, World& world);
+
+}  // namespace quillmark::cli

@@ -1,0 +1,39 @@
+// The commands of quill: each does its work and answers the exit code.
+// Ownership: borrow their context.
+// Threads:   one thread at a time.
+// Errors:    thrown; what was printed before stays.
+#pragma once
+
+#include <functional>
+#include <memory>
+#include <string>
+
+#include "platform/HostPaths.h"
+#include "quill/CommandLine.h"
+#include "quill/HelperConnection.h"
+#include "quill/LocalVolumes.h"
+#include "quill/Output.h"
+
+namespace quillmark::cli {
+
+struct CommandContext {
+  HelperAccess& helper;
+  LocalVolumes& volumes;
+  Clock& clock;
+  Output& output;
+  const HostPaths& paths;
+  // Tells the person what is waited for as long as the result lives.
+  std::function<std::shared_ptr<void>(const std::string& text)> busy;
+};
+
+[[nodiscard]] int run(CommandContext& context, const VolumesRequest& request);
+[[nodiscard]] int run(CommandContext& context, const ListRequest& request);
+[[nodiscard]] int run(CommandContext& context, const CreateRequest& request);
+[[nodiscard]] int run(CommandContext& context, const DeleteRequest& request);
+[[nodiscard]] int run(CommandContext& context, const MountRequest& request);
+[[nodiscard]] int run(CommandContext& context, const UnmountRequest& request);
+[[nodiscard]] int run(CommandContext& context, const HealthRequest& request);
+[[nodiscard]] int run(CommandContext& context, const VersionRequest& request);
+[[nodiscard]] int run(CommandContext& context, const CallRequest& request);
+
+}  // namespace quillmark::cli

@@ -1,0 +1,79 @@
+#include "quill/Terminal.h"
+
+#include <fcntl.h>
+#include <poll.h>
+#include <sys/ioctl.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdlib>
+
+#include "quill/Failures.h"
+
+namespace quillmark::cli {
+namespace {
+
+constexpr unsigned leastColumns = 20;
+constexpr unsigned mostColumns = 1000;
+
+std::string_view environment(const char* name) {
+  const char* value = std::getenv(name);
+  return value ? value : std::string_view();
+}
+
+std::size_t columnsOf(int fd) {
+  winsize size{};
+  if (::ioctl(fd, TIOCGWINSZ, &size) != 0) return 0;
+  return size.ws_col >= leastColumns && size.ws_col <= mostColumns ? size.ws_col : 0;
+}
+
+// 0, or the errno by which the rest couldn't be written.
+int writeAll(int fd, std::string_view text) {
+  while (!text.empty()) {
+    const ssize_t count = ::write(fd, text.data(), text.size());
+    if (count >= 0) {
+      text.remove_prefix(static_cast<std::size_t>(count));
+    } else if (errno == EAGAIN) {
+      pollfd wait{fd, POLLOUT, 0};
+      ::poll(&wait, 1, -1);
+    } else if (errno != EINTR) {
+      return errno;
+    }
+  }
+  return 0;
+}
+
+}  // namespace
+
+void requireStandardDescriptors() {
+  for (int fd = 0; fd <= 2; ++fd) {
+    if (::fcntl(fd, F_GETFD) >= 0) continue;
+    if (::open("/dev/null", fd == 0 ? O_RDONLY : O_WRONLY) != fd) ::_exit(exitFailed);
+  }
+}
+
+TerminalFacts terminalFacts() {
+  const std::string_view type = environment("TERM");
+  TerminalFacts facts;
+  facts.outputIsTerminal = ::isatty(STDOUT_FILENO) == 1;
+  facts.errorsIsTerminal = ::isatty(STDERR_FILENO) == 1;
+  facts.obeysEscapes = !type.empty() && type != "dumb";
+  facts.wantsColor = facts.obeysEscapes && environment("NO_COLOR").empty();
+  if (facts.outputIsTerminal) facts.columns = columnsOf(STDOUT_FILENO);
+  return facts;
+}
+
+void DescriptorSink::write(Stream stream, std::string_view text) {
+  if (stream == Stream::errors) {
+    writeAll(STDERR_FILENO, text);
+    return;
+  }
+  if (readerGone_) return;
+  const int error = writeAll(STDOUT_FILENO, text);
+  if (error == 0) return;
+  readerGone_ = true;
+  if (error != EPIPE)
+    throw clientError(ClientFault::outputFailed, "The output could not be written: " + errnoText(error));
+}
+
+}  // namespace quillmark::cli

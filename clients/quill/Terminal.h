@@ -1,0 +1,23 @@
+// The person's side of the process: its three standard descriptors and what they are.
+#pragma once
+
+#include "quill/Output.h"
+
+namespace quillmark::cli {
+
+// Opens /dev/null in the place of each that is closed, so that no file or socket of ours takes it. Call first of all.
+void requireStandardDescriptors();
+
+// By isatty(3), TERM, NO_COLOR (https://no-color.org) and the terminal's own word on its size, where that makes sense.
+[[nodiscard]] TerminalFacts terminalFacts();
+
+// Writes to descriptors 1 and 2. SIGPIPE must be ignored.
+class DescriptorSink final : public TextSink {
+ public:
+  void write(Stream stream, std::string_view text) override;
+
+ private:
+  bool readerGone_ = false;  // of standard output
+};
+
+}  // namespace quillmark::cli

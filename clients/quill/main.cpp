@@ -1,0 +1,67 @@
+// quill: the command line client of the snapshot service.
+#include <csignal>
+#include <cstdlib>
+
+#include "platform/linux/Clock.h"
+#include "platform/linux/Dispatch.h"
+#include "platform/linux/ServiceHost.h"
+#include "platform/linux/TransportClient.h"
+#include "quill/EarlyConnection.h"
+#include "quill/LinuxLocalVolumes.h"
+#include "quill/ProgressSign.h"
+#include "quill/Quill.h"
+#include "quill/Terminal.h"
+
+namespace quillmark::cli {
+namespace {
+
+// The machine's zone is the clock's own; here the person's counts.
+class PersonsZone {
+ public:
+  ~PersonsZone() {
+    if (zone_) ::setenv("TZ", zone_->c_str(), 1);
+  }
+
+ private:
+  const std::optional<std::string> zone_ = [] {
+    const char* value = std::getenv("TZ");
+    return value ? std::optional<std::string>(value) : std::nullopt;
+  }();
+};
+
+std::unique_ptr<os::LinuxClock> personsClock() {
+  const PersonsZone kept;
+  return std::make_unique<os::LinuxClock>();
+}
+
+int start(const std::vector<std::string>& arguments, EarlyConnection early, HostPaths paths) {
+  paths.diskutil = os::programDirectory() + "/diskutil";
+  const auto clock = personsClock();
+  os::LinuxDispatch dispatch(*clock);
+  LinuxLocalVolumes volumes(dispatch, paths);
+  DescriptorSink sink;
+  const TerminalFacts terminal = terminalFacts();
+  const auto connect = [&](const std::optional<std::string>& socket) -> std::unique_ptr<ClientChannel> {
+    if (!socket && early.failure) throw Error(*early.failure);
+    if (!socket && early.channel) return std::move(early.channel);
+    return os::LinuxClientChannel::connect(socket.value_or(paths.socket));
+  };
+  const auto busy = [&](const std::string& text) -> std::shared_ptr<void> {
+    if (!terminal.errorsIsTerminal || !terminal.obeysEscapes) return nullptr;
+    return std::make_shared<ProgressSign>(dispatch, sink, text);
+  };
+  World world{sink, terminal, *clock, volumes, paths, connect, busy};
+  return runQuill(arguments, world);
+}
+
+}  // namespace
+}  // namespace quillmark::cli
+
+int main(int count, char** words) {
+  using namespace quillmark;
+  cli::requireStandardDescriptors();
+  HostPaths paths;
+  cli::EarlyConnection early = cli::connectAndDropGroup(paths.socket);
+  ::signal(SIGPIPE, SIG_IGN);
+  return cli::start({words + std::min(count, 1), words + count}, std::move(early), std::move(paths));
+}

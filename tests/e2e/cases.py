@@ -1,0 +1,68 @@
+"""The ground that the tests stand on: volumes of their own, a helper, and a connection to it."""
+
+import os
+import unittest
+
+import helper
+import sandbox
+import volumes
+
+
+class HelperCase(unittest.TestCase):
+    """Each test gets fresh volumes and a helper on its first day; a failure shows the helper's log."""
+
+    def setUp(self):
+        self.made = []
+        self.volume = self.make_volume("photos")
+        self.helper = helper.Helper()
+        self.addCleanup(self.take_down)
+        self.helper.start()
+        self.client = self.connect()
+
+    def make_volume(self, name, top_level=False):
+        volume = volumes.Volume(name, top_level)
+        self.made.append(volume)
+        return volume
+
+    def connect(self):
+        client = helper.Client()
+        self.addCleanup(client.close)
+        return client
+
+    def take_down(self):
+        self.helper.kill()
+        for entry in volumes.mounts():
+            if entry.path.startswith("/Volumes/"):
+                sandbox.detach(entry.path)
+                os.rmdir(entry.path)
+        for volume in self.made:
+            volume.destroy()
+        helper.forget()
+
+    def run(self, result=None):
+        before = len(result.failures) + len(result.errors)
+        super().run(result)
+        if len(result.failures) + len(result.errors) > before:
+            print(f"--- the helper's log during {self.id()}\n{self.last_log}\n---", flush=True)
+
+    def doCleanups(self):
+        self.last_log = helper.log()
+        return super().doCleanups()
+
+    def assertRefused(self, code, text, call, *arguments, **named):
+        with self.assertRaises(helper.Refused) as caught:
+            call(*arguments, **named)
+        self.assertEqual((caught.exception.domain, caught.exception.code, caught.exception.text),
+                         ("com.harrowfern.quillmark.Error", code, text))
+
+    def names(self, client=None, volume=None):
+        return [snapshot["name"] for snapshot in (client or self.client).list(volume or self.volume)]
+
+
+class OnBothLayouts:
+    """The test runs on a volume that is a subvolume and on one that is its file system's top level."""
+
+    def on_both_layouts(self, test):
+        for volume in (self.volume, self.make_volume("archive", top_level=True)):
+            with self.subTest(layout="top level" if volume.is_top_level else "subvolume"):
+                test(volume)

@@ -1,0 +1,226 @@
+"""The helper as a process of the sandbox, and a client that speaks its protocol by hand."""
+
+import collections
+import json
+import os
+import shutil
+import signal
+import socket
+import subprocess
+import time
+
+SOCKET = "/run/com.harrowfern.quillmark/helper.sock"
+STATE = "/var/db/com.harrowfern.Quillmark"
+LOG = "/var/log/com.harrowfern.quillmark.helper.log"
+PATIENCE = 30.0  # seconds; long past what anything takes, under sanitizers too
+
+LIST = "listSnapshotsOnVolume:includeSizes:forceSizeRefresh:reply:"
+CREATE = "createSnapshotOnVolume:label:reply:"
+DELETE = "deleteSnapshotWithName:onVolume:force:reply:"
+MOUNT = "mountSnapshotWithName:onVolume:xid:reply:"
+UNMOUNT = "unmountSnapshotAtPath:reply:"
+VERSION = "helperVersionWithReply:"
+HEALTH = "helperHealthWithReply:"
+
+PROGRAMS = os.environ.get("QUILLMARK_PROGRAMS", "")
+
+
+def wait_until(holds, what, patience=PATIENCE):
+    """For what sends no event. Returns the first true answer."""
+    end = time.monotonic() + patience
+    while True:
+        answer = holds()
+        if answer:
+            return answer
+        if time.monotonic() > end:
+            raise AssertionError(f"never came: {what}")
+        time.sleep(0.003)
+
+
+class Refused(Exception):
+    """A failure that the service answered: domain, code and text."""
+
+    def __init__(self, error):
+        self.domain, self.code = error["domain"], error["code"]
+        self.text = error["userInfo"]["NSLocalizedDescriptionKey"]
+        super().__init__(f"{self.domain} {self.code}: {self.text}")
+
+
+class Malformed(Exception):
+    """JSON-RPC's own refusal of a call."""
+
+    def __init__(self, error):
+        self.code, self.text = error["code"], error["message"]
+        super().__init__(f"{self.code}: {self.text}")
+
+
+class Client:
+    """One connection. Pushes are kept aside."""
+
+    def __init__(self):
+        self.socket = socket.socket(socket.AF_UNIX, socket.SOCK_STREAM)
+        self.socket.settimeout(PATIENCE)
+        self.socket.connect(SOCKET)
+        self.received = b""
+        self.next_id = 0
+        self.pushes = collections.deque()
+
+    def __enter__(self):
+        return self
+
+    def __exit__(self, *_):
+        self.close()
+
+    def close(self):
+        self.socket.close()
+
+    def send(self, data):
+        self.socket.sendall(data)
+
+    def post(self, selector, *params):
+        """Sends a call and leaves its answer for later. The call's id."""
+        self.next_id += 1
+        self.send(request(self.next_id, selector, params))
+        return self.next_id
+
+    def read_line(self):
+        """The next line; None at the end of the stream."""
+        while b"\n" not in self.received:
+            try:
+                data = self.socket.recv(1 << 16)
+            except ConnectionResetError:
+                return None
+            if not data:
+                return None
+            self.received += data
+        line, _, self.received = self.received.partition(b"\n")
+        return line
+
+    def answer(self):
+        """The next message that is no push."""
+        while True:
+            line = self.read_line()
+            if line is None:
+                raise ConnectionError("the helper ended the connection")
+            message = json.loads(line)
+            if "method" not in message:
+                return message
+            self.pushes.append((message["method"], message["params"]))
+
+    def call(self, selector, *params):
+        number = self.post(selector, *params)
+        message = self.answer()
+        assert message.get("id") == number, message
+        return value_of(message)
+
+    # The commands, as tests speak of them.
+    def list(self, volume):
+        return sorted(self.call(LIST, volume.uuid, False, False), key=lambda snapshot: snapshot["xid"])
+
+    def create(self, volume, label=""):
+        return self.call(CREATE, volume.uuid, label)
+
+    def delete(self, volume, name, force=False):
+        return self.call(DELETE, name, volume.uuid, force)
+
+    def mount(self, volume, name, xid):
+        return self.call(MOUNT, name, volume.uuid, xid)
+
+    def unmount(self, path):
+        return self.call(UNMOUNT, path)
+
+
+def request(number, selector, params):
+    return json.dumps({"jsonrpc": "2.0", "id": number, "method": selector, "params": params}).encode() + b"\n"
+
+
+def value_of(message):
+    if "error" in message:
+        raise Malformed(message["error"])
+    result = message["result"]
+    if "error" in result:
+        raise Refused(result["error"])
+    return result["value"]
+
+
+class Helper:
+    """The service. As a context it is stopped by force at the end; its state stays until forget()."""
+
+    def __init__(self):
+        self.process = None
+
+    def __enter__(self):
+        self.start()
+        return self
+
+    def __exit__(self, *_):
+        self.kill()
+
+    @staticmethod
+    def launch(**options):
+        return subprocess.Popen([f"{PROGRAMS}/quillmark-helper"], stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
+                                stderr=subprocess.PIPE, **options)
+
+    def start(self):
+        self.process = self.launch()
+        wait_until(self._answers, "an answer of the helper")
+
+    def _answers(self):
+        if self.process.poll() is not None:
+            raise AssertionError(f"the helper ended: {self.process.communicate()}\n{log()}")
+        try:
+            with Client() as client:
+                return client.call(VERSION)
+        except OSError:
+            return None
+
+    @property
+    def pid(self):
+        return self.process.pid
+
+    def ask_to_end(self):
+        self.process.send_signal(signal.SIGTERM)
+
+    def wait(self):
+        status = self.process.wait(PATIENCE)
+        self._close_pipes()
+        return status
+
+    def kill(self):
+        if self.process is not None:
+            self.process.kill()
+            self.process.wait()
+            self._close_pipes()
+
+    def _close_pipes(self):
+        self.process.stdout.close()
+        self.process.stderr.close()
+
+    def descriptors(self):
+        return len(os.listdir(f"/proc/{self.pid}/fd"))
+
+    def resident_bytes(self):
+        with open(f"/proc/{self.pid}/status") as status:
+            return next(int(line.split()[1]) << 10 for line in status if line.startswith("VmRSS:"))
+
+
+def log():
+    try:
+        with open(LOG, errors="replace") as file:
+            return file.read()
+    except FileNotFoundError:
+        return ""
+
+
+def forget():
+    """The next helper starts as on its first day."""
+    for path in (STATE, "/var/lib/quillmark", "/run/com.harrowfern.quillmark"):
+        shutil.rmtree(path, ignore_errors=True)
+    if os.path.exists(LOG):
+        os.unlink(LOG)
+
+
+def quill(*words, **options):
+    """Runs the command line client; the finished process with its output as text."""
+    return subprocess.run([f"{PROGRAMS}/quill", *words], stdin=subprocess.DEVNULL, capture_output=True, text=True,
+                          timeout=PATIENCE, **options)

@@ -1,0 +1,144 @@
+"""Real btrfs volumes on loop devices, looked at by means of our own: ioctls and the btrfs program, never the service."""
+
+import contextlib
+import datetime
+import fcntl
+import os
+import struct
+import uuid
+
+import sandbox
+
+IMAGES = "/images"
+APPARENT_SIZE = 64 << 30  # past the default low-space minimum of 30 GB; sparse
+
+_SUBVOL_INFO = 0x81F8943C  # _IOR(0x94, 60, struct btrfs_ioctl_get_subvol_info_args), linux/btrfs.h
+_INFO_FIELDS = struct.Struct("=Q256sQQQQ16s16s16sQQQQ" + "QI4x" * 4 + "64x")
+REFERENCE_DATE = 978307200  # 2001-01-01 00:00:00 UTC
+
+
+class Subvolume:
+    """What the kernel knows of one."""
+
+    def __init__(self, path):
+        buffer = bytearray(_INFO_FIELDS.size)
+        fd = os.open(path, os.O_RDONLY | os.O_DIRECTORY)
+        try:
+            fcntl.ioctl(fd, _SUBVOL_INFO, buffer)
+        finally:
+            os.close(fd)
+        fields = _INFO_FIELDS.unpack(buffer)
+        self.id, self.uuid = fields[0], str(uuid.UUID(bytes=fields[6]))
+        self.parent_uuid = str(uuid.UUID(bytes=fields[7]))
+        self.otransid = fields[10]
+        seconds, nanoseconds = fields[15], fields[16]
+        self.made = seconds - REFERENCE_DATE + nanoseconds / 1e9
+        self.xid = self.otransid << 16 | self.id & 0xFFFF
+
+
+class Volume:
+    """A file system of its own with one mounted, writable subvolume: the top level, or "@NAME"."""
+
+    def __init__(self, name, top_level=False):
+        self.name, self.is_top_level = name, top_level
+        self.path = f"/data/{name}"
+        self.image = f"{IMAGES}/{name}.img"
+        os.makedirs(IMAGES, exist_ok=True)
+        os.makedirs(self.path)
+        with open(self.image, "wb") as image:
+            image.truncate(APPARENT_SIZE)
+        sandbox.run("mkfs.btrfs", "-q", "-L", name, self.image)
+        self.device = sandbox.run("losetup", "--find", "--show", self.image).decode().strip()
+        self.subvolume = "/" if top_level else f"/@{name}"
+        if not top_level:
+            with self.mounted_top_level() as top:
+                sandbox.run("btrfs", "subvolume", "create", f"{top}/@{name}")
+        self.mount()
+        self.uuid = Subvolume(self.path).uuid
+
+    def mount(self, path=None):
+        sandbox.run("mount", "-t", "btrfs", "-o", f"noatime,subvol={self.subvolume}", self.device, path or self.path)
+
+    def unmount(self):
+        sandbox.run("umount", self.path)
+
+    @contextlib.contextmanager
+    def mounted_top_level(self):
+        """The top level for a moment, at a path that tells the service nothing: it's read-only to it in no way."""
+        path = f"{IMAGES}/{self.name}.top"
+        os.makedirs(path, exist_ok=True)
+        sandbox.run("mount", "-t", "btrfs", "-o", "subvolid=5", self.device, path)
+        try:
+            yield path
+        finally:
+            sandbox.run("umount", path)
+
+    def place(self, top):
+        """Where the service keeps this volume's snapshots."""
+        return f"{top}/.quillmark/{self.uuid}"
+
+    def snapshot_at(self, path):
+        """A read-only snapshot by the btrfs program, at a path (text or bytes) of the top level."""
+        with self.mounted_top_level() as top:
+            where = os.path.join(os.fsencode(top), os.fsencode(path))
+            os.makedirs(os.path.dirname(where), exist_ok=True)
+            sandbox.run(b"btrfs", b"subvolume", b"snapshot", b"-r", os.fsencode(self.path), where)
+            return Subvolume(where)
+
+    def write(self, name, text):
+        path = f"{self.path}/{name}"
+        os.makedirs(os.path.dirname(path), exist_ok=True)
+        with open(path, "w") as file:
+            file.write(text)
+        return path
+
+    def destroy(self):
+        """Gone, whatever still holds it."""
+        for entry in mounts():
+            if entry.source == self.device:
+                sandbox.detach(entry.path)
+        sandbox.run("losetup", "--detach", self.device)
+        os.unlink(self.image)
+        os.rmdir(self.path)
+
+
+class Mount:
+    def __init__(self, line):
+        before, after = (part.split(" ") for part in line.rstrip("\n").split(" - "))
+        self.root, self.path, self.options = _unescaped(before[3]), _unescaped(before[4]), before[5].split(",")
+        self.kind, self.source = after[0], _unescaped(after[1])
+
+
+def _unescaped(text):
+    return text.encode("utf-8", "surrogateescape").decode("unicode_escape").encode("latin-1").decode(
+        "utf-8", "surrogateescape")
+
+
+def mounts():
+    with open("/proc/self/mountinfo", encoding="utf-8", errors="surrogateescape") as table:
+        return [Mount(line) for line in table]
+
+
+def is_mounted(path):
+    return any(entry.path == path for entry in mounts())
+
+
+def listed_name(path):
+    """How a foreign snapshot at this path of the top level (bytes) is named to clients."""
+    joined = b"".join({b"/": b":", b":": b"%3A", b"%": b"%25"}.get(bytes([b]), bytes([b])) for b in path)
+    text = ""
+    for scalar in joined.decode("utf-8", "surrogateescape"):
+        code = ord(scalar)
+        if 0xDC80 <= code <= 0xDCFF:  # a byte of no scalar
+            text += chr(0x10EF00 + code - 0xDC00)
+        elif code < 0x20 or code == 0x7F or 0x10EF00 <= code <= 0x10EFFF:
+            text += "".join(chr(0x10EF00 + b) for b in scalar.encode())
+        else:
+            text += scalar
+    return ":" + text
+
+
+def utc_second(offset=0):
+    """The time as snapshot names spell it, some seconds from now."""
+    moment = datetime.datetime.now(datetime.timezone.utc) + datetime.timedelta(seconds=offset)
+    return moment.strftime("%Y-%m-%dT%H-%M-%SZ")
