@@ -14,16 +14,16 @@ target_compile_options(quillmark_options INTERFACE
   -fno-omit-frame-pointer -fstack-protector-strong)
 target_compile_definitions(quillmark_options INTERFACE _GNU_SOURCE _FILE_OFFSET_BITS=64)
 if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
-  # Sees uninitialised storage in every std::optional that it can't follow.
-  target_compile_options(quillmark_options INTERFACE -Wno-maybe-uninitialized)
+  # Sees uninitialised storage in every std::optional, and impossible lengths in every joining of strings, that it can't
+  # follow. -fpch-preprocess is for ccache: precompiled headers stay includes.
+  target_compile_options(quillmark_options INTERFACE -Wno-maybe-uninitialized -Wno-restrict -Wno-stringop-overflow
+    -Wno-stringop-overread -Wno-array-bounds -fpch-preprocess)
 endif()
 if(CMAKE_CXX_COMPILER_ID STREQUAL "Clang")
   # Its thread-safety analysis is why we want it beside GCC. A precompiled header without its time of making is one that
   # ccache can give back.
   target_compile_options(quillmark_options INTERFACE -Wthread-safety -Wthread-safety-beta -Wno-unused-command-line-argument
     "SHELL:-Xclang -fno-pch-timestamp")
-else()
-  target_compile_options(quillmark_options INTERFACE -fpch-preprocess)  # for ccache: precompiled headers stay includes
 endif()
 if(CMAKE_BUILD_TYPE STREQUAL "Release" AND NOT QUILLMARK_SANITIZE)
   target_compile_options(quillmark_options INTERFACE -U_FORTIFY_SOURCE -D_FORTIFY_SOURCE=2)

@@ -96,7 +96,10 @@ Grammar::Grammar() {
   call_->add_option("arguments", words_, "Its arguments in order")->type_name("JSON");
 }
 
-bool Grammar::hasCommand(const std::string& word) const { return app_.get_subcommand_no_throw(word) != nullptr; }
+bool Grammar::hasCommand(const std::string& word) const {
+  const auto named = [&](const CLI::App* command) { return command->get_name() == word; };
+  return !app_.get_subcommands(named).empty();
+}
 
 std::variant<Invocation, HelpText> Grammar::parse(std::vector<std::string> arguments) {
   for (std::string& argument : arguments) argument = guarded(argument);

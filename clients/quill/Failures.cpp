@@ -37,7 +37,7 @@ constexpr std::array serviceCodes{
     of(notOurSnapshot, "notOurSnapshot", exitRefused),
     of(ambiguousSnapshotRef, "ambiguousSnapshotRef", exitWrongUse),
     of(snapshotCreateFailed, "snapshotCreateFailed"),
-    of(snapshotDeleteFailed, "snapshotDeleteFailed"),
+    of(snapshotDeleteFailed, "snapshotDeleteFailed", exitFailed, "If it is mounted: quill unmount"),
     of(snapshotMountFailed, "snapshotMountFailed"),
     of(snapshotListFailed, "snapshotListFailed"),
     of(snapshotUnmountFailed, "snapshotUnmountFailed"),

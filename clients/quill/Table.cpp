@@ -36,7 +36,9 @@ Lines shownCells(const Table& table) {
 Shape naturalShape(const Table& table, const Lines& lines) {
   Shape shape;
   for (std::size_t column = 0; column < table.columns.size(); ++column) {
-    shape.shown.push_back(column);
+    const auto isEmpty = [&](const auto& line) { return line[column].empty(); };
+    const bool shown = !table.columns[column].mayBeLeft || !std::all_of(lines.begin(), lines.end(), isEmpty);
+    if (shown) shape.shown.push_back(column);
     std::size_t width = displayWidth(table.columns[column].head);
     for (const auto& line : lines) width = std::max(width, displayWidth(line[column]));
     shape.widths.push_back(width);
@@ -62,13 +64,27 @@ void cutDown(const Table& table, std::size_t limit, Shape& shape) {
   }
 }
 
-std::string padded(const std::string& text, const std::string& bare, std::size_t width, Column::Align align,
-                   bool last) {
-  const std::size_t used = displayWidth(bare);
-  const std::string blanks(width > used ? width - used : 0, ' ');
-  if (align == Column::Align::right) return blanks + text;
-  return last ? text : text + blanks;
-}
+// One line of the table; `bare` without colours, by which the width is told.
+class Line {
+ public:
+  void add(const std::string& bare, const std::string& dressed, std::size_t width, Column::Align align) {
+    const std::size_t used = displayWidth(bare);
+    const std::size_t blanks = width > used ? width - used : 0;
+    if (align == Column::Align::right) pending_ += blanks;
+    if (!bare.empty()) {
+      text_ += std::string(pending_, ' ') + dressed;
+      pending_ = 0;
+    }
+    pending_ += (align == Column::Align::left ? blanks : 0) + gap;
+  }
+  [[nodiscard]] std::string whole() const { return text_ + "\n"; }
+
+ private:
+  std::string text_;
+  std::size_t pending_ = 0;  // blanks that are written once something follows
+};
+
+std::string bold(const std::string& text, bool color) { return color ? "\x1b[1m" + text + "\x1b[0m" : text; }
 
 }  // namespace
 
@@ -86,23 +102,20 @@ std::string layOutForTerminal(const Table& table, const TableStyle& style) {
     leaveOut(table, style.width, shape);
     cutDown(table, style.width, shape);
   }
-  std::string text;
-  const auto append = [&](std::size_t at, const std::string& bare, const std::string& dressed) {
-    const std::size_t column = shape.shown[at];
-    const bool last = at + 1 == shape.shown.size();
-    text += padded(dressed, bare, shape.widths[column], table.columns[column].align, last);
-    text += last ? "\n" : std::string(gap, ' ');
-  };
-  for (std::size_t at = 0; at < shape.shown.size(); ++at) {
-    const std::string& head = table.columns[shape.shown[at]].head;
-    append(at, head, style.color ? "\x1b[1m" + head + "\x1b[0m" : head);
+  Line head;
+  for (const std::size_t column : shape.shown) {
+    const Column& facts = table.columns[column];
+    head.add(facts.head, bold(facts.head, style.color), shape.widths[column], facts.align);
   }
+  std::string text = head.whole();
   for (std::size_t row = 0; row < lines.size(); ++row) {
-    for (std::size_t at = 0; at < shape.shown.size(); ++at) {
-      const std::size_t column = shape.shown[at];
+    Line line;
+    for (const std::size_t column : shape.shown) {
       const std::string bare = shortened(lines[row][column], shape.widths[column]);
-      append(at, bare, toned(bare, table.rows[row][column].tone, style.color));
+      const std::string dressed = toned(bare, table.rows[row][column].tone, style.color);
+      line.add(bare, dressed, shape.widths[column], table.columns[column].align);
     }
+    text += line.whole();
   }
   return text;
 }

@@ -15,7 +15,7 @@ struct Column {
   std::string head;
   enum class Align { left, right } align = Align::left;
   bool mayBeCut = false;   // shortened where the terminal is too narrow
-  bool mayBeLeft = false;  // left out where the terminal is too narrow
+  bool mayBeLeft = false;  // left out where the terminal is too narrow, or all its cells are empty
 };
 
 // Raw text; laying out makes it harmless.
@@ -35,8 +35,9 @@ struct TableStyle {
   bool color = false;
 };
 
-// A head line, columns aligned and two blanks apart; nothing at all without rows. Too wide for the terminal it drops
-// the columns that may be left, from the last one on, then cuts the widest that may be cut, down to 16 columns.
+// A head line, columns aligned and two blanks apart, no blanks at a line's end; nothing at all without rows. Too wide for
+// the terminal it drops the columns that may be left, from the last one on, then cuts the widest that may be cut, down
+// to 16 columns.
 [[nodiscard]] std::string layOutForTerminal(const Table& table, const TableStyle& style);
 // A line for each row and one word for each column, one blank apart, with no head.
 [[nodiscard]] std::string layOutPlain(const Table& table);

@@ -33,6 +33,11 @@ Error unknown(const std::string& message, const Volumes& volumes) {
   return QuillmarkError::make(QuillmarkErrorCode::volumeNotFound, message).withRecoverySuggestion(candidates(volumes));
 }
 
+Error leftOut(const std::string& subject, const Volumes& volumes) {
+  return unknown(subject + " is in a subvolume that isn't mounted by itself: the snapshots of no volume hold it.",
+                 volumes);
+}
+
 template <class Condition>
 Volumes those(const Volumes& volumes, Condition condition) {
   Volumes found;
@@ -61,10 +66,7 @@ Volumes atPlace(const Volumes& volumes, const Place& place, const std::string& t
     case Place::Kind::nothing: throw unknown(fmt::format("There is no volume \"{}\".", text), volumes);
     case Place::Kind::elsewhere:
       throw unknown(fmt::format("\"{}\" is on no volume that is served here.", text), volumes);
-    case Place::Kind::nestedSubvolume:
-      throw unknown(
-          fmt::format("\"{}\" is in a subvolume that isn't mounted by itself, so no volume's snapshots hold it.", text),
-          volumes);
+    case Place::Kind::nestedSubvolume: throw leftOut(fmt::format("\"{}\"", text), volumes);
     case Place::Kind::volumes: break;
   }
   Volumes found = mountedAt(volumes, place.mountPaths);
@@ -72,7 +74,10 @@ Volumes atPlace(const Volumes& volumes, const Place& place, const std::string& t
   return found;
 }
 
-std::string decided(const Volumes& volumes, const Volumes& hereabouts) {
+std::string decided(const Volumes& volumes, const Place& here) {
+  // Not the only volume then: its snapshots would lack what the person looks at.
+  if (here.kind == Place::Kind::nestedSubvolume) throw leftOut("The current directory", volumes);
+  const Volumes hereabouts = mountedAt(volumes, here.mountPaths);
   if (hereabouts.size() == 1) return hereabouts.front().id;
   if (volumes.size() == 1) return volumes.front().id;
   if (volumes.empty()) throw unknown("There is no volume to work on.", volumes);
@@ -84,7 +89,7 @@ std::string decided(const Volumes& volumes, const Volumes& hereabouts) {
 std::string chooseVolume(LocalVolumes& volumes, const std::optional<std::string>& text) {
   if (text && Uuid::parse(*text)) return *text;
   const Volumes all = volumes.list(false);
-  if (!text) return decided(all, mountedAt(all, volumes.here().mountPaths));
+  if (!text) return decided(all, volumes.here());
   Volumes meant = named(all, *text);
   if (meant.empty()) meant = atPlace(all, volumes.at(*text), *text);
   if (meant.size() > 1) throw wrongUse(fmt::format("\"{}\" means {} volumes.", *text, meant.size()), candidates(meant));

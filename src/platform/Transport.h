@@ -2,7 +2,8 @@
 // Ownership: a connection is shared between its user and the backend, which lets go of it when it ends.
 // Threads:   send, pause, resume and close from any thread. received() and closed() run one at a time for a connection,
 //            each connection on a queue of its own: a callback that waits delays nobody else.
-// Bounds:    a line of at most maxRequestBytes in; while more than maxUnsentBytes wait to be sent nothing more is read;
+// Bounds:    a line of at most maxRequestBytes in; while more than maxUnsentBytes wait to be sent nothing more is read,
+//            and nothing delivered, until half of them are gone;
 //            unsent bytes that don't shrink for stallLimit end the connection; maxConnectionsPerUser at a time.
 #pragma once
 

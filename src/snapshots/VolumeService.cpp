@@ -67,7 +67,11 @@ std::uint64_t differenceOrZero(std::uint64_t from, std::uint64_t what) { return 
 
 void sortByName(std::vector<APFSVolume>& volumes) {
   UErrorCode status = U_ZERO_ERROR;
-  const std::unique_ptr<icu::Collator> collator(icu::Collator::createInstance(status));
+  // A service without a language sorts as people do all the same, not by bytes.
+  const icu::Locale& machine = icu::Locale::getDefault();
+  const bool hasLanguage = std::string_view(machine.getVariant()) != "POSIX";
+  const std::unique_ptr<icu::Collator> collator(
+      icu::Collator::createInstance(hasLanguage ? machine : icu::Locale::getRoot(), status));
   if (collator) collator->setStrength(icu::Collator::SECONDARY);
   std::stable_sort(volumes.begin(), volumes.end(), [&](const APFSVolume& a, const APFSVolume& b) {
     if (!collator || U_FAILURE(status)) return a.name < b.name;

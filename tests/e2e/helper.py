@@ -60,7 +60,11 @@ class Client:
     def __init__(self):
         self.socket = socket.socket(socket.AF_UNIX, socket.SOCK_STREAM)
         self.socket.settimeout(PATIENCE)
-        self.socket.connect(SOCKET)
+        try:
+            self.socket.connect(SOCKET)
+        except OSError:
+            self.socket.close()
+            raise
         self.received = b""
         self.next_id = 0
         self.pushes = collections.deque()
@@ -128,6 +132,16 @@ class Client:
 
     def unmount(self, path):
         return self.call(UNMOUNT, path)
+
+
+def despite_changes(call, *arguments):
+    """Again, as long as the service says that others changed the inventory under it."""
+    while True:
+        try:
+            return call(*arguments)
+        except Refused as refused:
+            if not refused.text.startswith("Snapshot inventory changed while resolving"):
+                raise
 
 
 def request(number, selector, params):

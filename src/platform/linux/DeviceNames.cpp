@@ -103,7 +103,8 @@ std::optional<Numbers> parseName(std::string_view name) {
 // The file and what was last read of it. Called under the registry's lock.
 class DeviceNames::File final {
  public:
-  File(Posix& posix, std::string path, Mode mode) : posix_(posix), path_(std::move(path)), mode_(mode) {}
+  File(Posix& posix, std::string path, Mode mode)
+      : posix_(posix), path_(std::move(path)), mode_(mode), directoryUnsynced_(mode == Mode::writer) {}
 
   [[nodiscard]] bool isWriter() const { return mode_ == Mode::writer; }
   [[nodiscard]] const std::optional<std::string>& problem() const { return problem_ ? problem_ : writeProblem_; }
@@ -138,7 +139,7 @@ class DeviceNames::File final {
 
   // False while a rename that happened isn't known to be on disk.
   bool isDurable() {
-    if (!directoryUnsynced_ || syncDirectory()) return true;
+    if (!stamp_ || !directoryUnsynced_ || syncDirectory()) return true;
     writeProblem_ = problem_;
     return false;
   }
@@ -207,12 +208,14 @@ class DeviceNames::File final {
     return root();
   }
 
-  [[nodiscard]] std::string directory() const { return path_.substr(0, path_.rfind('/')); }
+  static std::string above(const std::string& path) { return path.substr(0, std::max<std::size_t>(1, path.rfind('/'))); }
 
   bool makeDirectory() {
-    const SysStatus made = posix_.mkdir(directory(), 0755);
+    const std::string directory = above(path_);
+    const SysStatus made = posix_.mkdir(directory, 0755);
     if (!made && made.error() != EEXIST) return fail("mkdir", made.error());
-    return true;
+    if (aboveUnsynced_) aboveUnsynced_ = !sync(above(directory));
+    return !aboveUnsynced_;
   }
 
   bool rename(const std::string& temporary) {
@@ -239,11 +242,15 @@ class DeviceNames::File final {
 
   bool syncDirectory() {
     directoryUnsynced_ = true;
-    const auto fd = posix_.open(directory(), {.read = true, .directory = true});
+    if (sync(above(path_))) directoryUnsynced_ = false;
+    return !directoryUnsynced_;
+  }
+
+  bool sync(const std::string& directory) {
+    const auto fd = posix_.open(directory, {.read = true, .directory = true});
     if (!fd) return fail("open", fd.error());
     const OpenFile file(posix_, *fd);
     if (const SysStatus status = posix_.fsync(file.get()); !status) return fail("fsync", status.error());
-    directoryUnsynced_ = false;
     return true;
   }
 
@@ -254,7 +261,9 @@ class DeviceNames::File final {
   std::optional<FileStatus> stamp_;
   std::optional<std::string> problem_;
   std::optional<std::string> writeProblem_;
-  bool directoryUnsynced_ = false;
+  // An earlier life may have ended between a rename, or a mkdir, and its being on disk.
+  bool directoryUnsynced_;
+  bool aboveUnsynced_ = true;
 };
 
 DeviceNames::DeviceNames(Posix& posix, std::string path, Mode mode)

@@ -16,6 +16,7 @@ namespace {
 
 constexpr std::size_t sizeLimit = 16 * 1024 * 1024;
 constexpr int depthLimit = 64;
+constexpr std::uint64_t largestSigned = std::numeric_limits<std::int64_t>::max();
 
 struct FreeNode {
   void operator()(void* node) const { ::plist_free(node); }
@@ -80,7 +81,7 @@ std::string xmlOf(plist_t node) {
 PropertyList::Value numberOf(plist_t node) {
   std::uint64_t bits = 0;
   ::plist_get_uint_val(node, &bits);
-  if (bits <= static_cast<std::uint64_t>(std::numeric_limits<std::int64_t>::max())) return static_cast<std::int64_t>(bits);
+  if (bits <= largestSigned) return static_cast<std::int64_t>(bits);
   if (xmlOf(node).find("<integer>-") != std::string::npos) return static_cast<std::int64_t>(bits);
   return bits;
 }
@@ -154,12 +155,12 @@ plist_t nodeOf(const PropertyList& list);
 struct MakeNode {
   plist_t operator()(std::monostate) const { return ::plist_new_string(""); }
   plist_t operator()(bool value) const { return ::plist_new_bool(value); }
-  plist_t operator()(std::int64_t value) const {
-    if (value >= 0) return ::plist_new_uint(static_cast<std::uint64_t>(value));
-    // The library makes negative numbers from text only.
+  plist_t operator()(std::int64_t value) const { return ::plist_new_uint(static_cast<std::uint64_t>(value)); }
+  plist_t operator()(std::uint64_t value) const {
+    if (value <= largestSigned) return ::plist_new_uint(value);
+    // From a number the library would make a negative one; from text it keeps the sign.
     return parsed("<plist version=\"1.0\"><integer>" + std::to_string(value) + "</integer></plist>").release();
   }
-  plist_t operator()(std::uint64_t value) const { return ::plist_new_uint(value); }
   plist_t operator()(double value) const { return ::plist_new_real(value); }
   plist_t operator()(const std::string& value) const { return ::plist_new_string(value.c_str()); }
   plist_t operator()(const PropertyArray& items) const {

@@ -1,15 +1,15 @@
 #include "platform/linux/Transport.h"
 
-#include <algorithm>
-#include <array>
-#include <cerrno>
-
 #include <fcntl.h>
 #include <sys/epoll.h>
 #include <sys/eventfd.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
 #include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
 
 #include "base/Error.h"
 #include "platform/linux/TransportConnection.h"
@@ -28,9 +28,7 @@ constexpr int acceptsPerTurn = 16;
 // How long nothing is accepted after the platform had no room for a connection.
 constexpr auto acceptPause = 100ms;
 
-UniqueFd spareDescriptor() {
-  return UniqueFd(::open("/dev/null", O_RDONLY | O_CLOEXEC));
-}
+UniqueFd spareDescriptor() { return UniqueFd(::open("/dev/null", O_RDONLY | O_CLOEXEC)); }
 
 std::size_t maxConnections() {
   rlimit limit;
@@ -55,12 +53,8 @@ void sooner(std::optional<MonotonicTime>& deadline, std::optional<MonotonicTime>
 class LinuxTransport::Loop final {
  public:
   Loop(Dispatch& dispatch, TransportLimits limits, UniqueFd listening, Accept accept)
-      : dispatch_(dispatch),
-        limits_(limits),
-        listening_(std::move(listening)),
-        accept_(std::make_shared<Accept>(std::move(accept))),
-        ended_(dispatch),
-        spare_(spareDescriptor()) {
+      : dispatch_(dispatch), limits_(limits), listening_(std::move(listening)),
+        accept_(std::make_shared<Accept>(std::move(accept))), ended_(dispatch), spare_(spareDescriptor()) {
     auto poll = std::make_shared<TransportPoll>();
     poll->epoll.reset(::epoll_create1(EPOLL_CLOEXEC));
     poll->wake.reset(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));

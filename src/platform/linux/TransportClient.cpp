@@ -1,12 +1,12 @@
 #include "platform/linux/TransportClient.h"
 
-#include <algorithm>
-#include <cerrno>
-
 #include <fcntl.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <sys/un.h>
+
+#include <algorithm>
+#include <cerrno>
 
 #include "base/Error.h"
 #include "platform/linux/TransportSocket.h"
@@ -24,25 +24,17 @@ Error clientError(int error, std::string description) {
 Error connectError(const std::string& path, int error) {
   switch (error) {
     case ENOENT:
-    case ENOTDIR:
-      return clientError(error, "The Quillmark helper is not running: there is no socket at " + path + ".");
+    case ENOTDIR: return clientError(error, "The Quillmark helper is not running: there is no socket at " + path + ".");
     case ECONNREFUSED:
       return clientError(error, "The Quillmark helper is not running: nobody listens at " + path + ".");
-    case EACCES:
-      return clientError(error, "You may not connect to the Quillmark helper at " + path + ".");
-    case EAGAIN:
-      return clientError(error, "The Quillmark helper at " + path + " is too busy to answer.");
-    default:
-      return posixError("connect", path, error);
+    case EACCES: return clientError(error, "You may not connect to the Quillmark helper at " + path + ".");
+    case EAGAIN: return clientError(error, "The Quillmark helper at " + path + " is too busy to answer.");
+    default: return posixError("connect", path, error);
   }
 }
 
-Error tooLongError() {
-  return clientError(EMSGSIZE, "The Quillmark helper sent more than it may.");
-}
-Error goneError() {
-  return clientError(EPIPE, "The Quillmark helper closed the connection.");
-}
+Error tooLongError() { return clientError(EMSGSIZE, "The Quillmark helper sent more than it may."); }
+Error goneError() { return clientError(EPIPE, "The Quillmark helper closed the connection."); }
 
 }  // namespace
 

@@ -1,11 +1,11 @@
 #include "platform/linux/TransportConnection.h"
 
-#include <array>
-#include <cerrno>
-
 #include <sys/epoll.h>
 #include <sys/socket.h>
 #include <unistd.h>
+
+#include <array>
+#include <cerrno>
 
 namespace quillmark::os {
 namespace {
@@ -26,15 +26,9 @@ void TransportPoll::wakeLoop() const {
 
 LinuxConnection::LinuxConnection(Dispatch& dispatch, std::shared_ptr<const TransportPoll> poll, TransportLimits limits,
                                  Place place)
-    : dispatch_(dispatch),
-      poll_(std::move(poll)),
-      limits_(limits),
-      key_(place.key),
-      peer_(std::move(place.peer)),
+    : dispatch_(dispatch), poll_(std::move(poll)), limits_(limits), key_(place.key), peer_(std::move(place.peer)),
       queue_(dispatch.makeQueue({.label = "com.harrowfern.quillmark.helper.connection"})),
-      splitter_(limits.maxRequestBytes),
-      mutex_(dispatch),
-      socket_(std::move(place.socket)) {}
+      splitter_(limits.maxRequestBytes), mutex_(dispatch), socket_(std::move(place.socket)) {}
 
 void LinuxConnection::start(Callbacks callbacks) {
   MutexLock lock(mutex_);
@@ -50,7 +44,7 @@ void LinuxConnection::send(std::string line) {
   if (line.size() > limits_.maxReplyBytes) return endLocked(CloseReason::lineTooLong);
   if (outbox_.empty()) shrankAt_ = dispatch_.clock().monotonic();
   outbox_.append(std::move(line));
-  outboxFull_ = outbox_.bytes() > limits_.maxUnsentBytes;
+  updateHold();
   if (loopWrites_) {
     if (outboxFull_) updateInterest();
     return;
@@ -65,14 +59,23 @@ void LinuxConnection::send(std::string line) {
 
 void LinuxConnection::pauseReading() {
   MutexLock lock(mutex_);
-  if (pauses_.fetch_add(1) == 0) updateInterest();
+  ++pauses_;
+  updateHold();
+  updateInterest();
 }
 
 void LinuxConnection::resumeReading() {
   MutexLock lock(mutex_);
-  if (pauses_.fetch_sub(1) != 1) return;
+  --pauses_;
+  updateHold();
   updateInterest();
-  if (batchLeft_ || !inbox_.empty()) scheduleDelivery();
+}
+
+// Whether lines that were read must wait; once they need not, their delivery goes on.
+void LinuxConnection::updateHold() {
+  outboxFull_ = outbox_.bytes() > (outboxFull_ ? limits_.maxUnsentBytes / 2 : limits_.maxUnsentBytes);
+  const bool held = pauses_ > 0 || outboxFull_;
+  if (held_.exchange(held) && !held && (batchLeft_ || !inbox_.empty())) scheduleDelivery();
 }
 
 void LinuxConnection::close() {
@@ -120,7 +123,7 @@ void LinuxConnection::scheduleDelivery() {
 
 void LinuxConnection::deliver() {
   while (nextBatch()) {
-    while (nextOfBatch_ < batch_.size() && pauses_ == 0 && !over_) {
+    while (nextOfBatch_ < batch_.size() && !held_ && !over_) {
       std::string line = std::move(batch_[nextOfBatch_++]);
       moreLinesFollow_ = nextOfBatch_ < batch_.size();
       callbacks_.received(std::move(line));
@@ -133,7 +136,7 @@ bool LinuxConnection::nextBatch() {
   MutexLock lock(mutex_);
   moreLinesFollow_ = false;
   batchLeft_ = nextOfBatch_ < batch_.size();
-  if (over_ || pauses_ > 0) {
+  if (over_ || held_) {
     delivering_ = false;
     return false;
   }
@@ -195,7 +198,7 @@ bool LinuxConnection::readSome(std::span<char> buffer) {
     inbox_.insert(inbox_.end(), std::make_move_iterator(lines.begin()), std::make_move_iterator(lines.end()));
   }
   if (undeliveredBytes_ > maxUndeliveredBytes) updateInterest();
-  if (pauses_ == 0) scheduleDelivery();
+  if (!held_) scheduleDelivery();
   return true;
 }
 
@@ -214,7 +217,7 @@ void LinuxConnection::flush(Writer writer) {
     outbox_.consume(static_cast<std::size_t>(count));
     shrankAt_ = dispatch_.clock().monotonic();
   }
-  outboxFull_ = outbox_.bytes() > (outboxFull_ ? limits_.maxUnsentBytes / 2 : limits_.maxUnsentBytes);
+  updateHold();
   if (outbox_.empty() && closing_) return endLocked(CloseReason::closedByUs);
   loopWrites_ = !outbox_.empty();
   updateInterest();
@@ -224,7 +227,7 @@ void LinuxConnection::flush(Writer writer) {
 
 bool LinuxConnection::wantsToRead() {
   inboxFull_ = undeliveredBytes_ > (inboxFull_ ? maxUndeliveredBytes / 2 : maxUndeliveredBytes);
-  return started_ && !closing_ && pauses_ == 0 && !inboxFull_ && !outboxFull_;
+  return started_ && !closing_ && !held_ && !inboxFull_;
 }
 
 void LinuxConnection::updateInterest() {

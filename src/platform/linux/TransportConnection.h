@@ -62,6 +62,7 @@ class LinuxConnection final : public TransportConnection, public std::enable_sha
   void scheduleClosed() REQUIRES(mutex_);
   void endLocked(CloseReason reason) REQUIRES(mutex_);
   void flush(Writer writer) REQUIRES(mutex_);
+  void updateHold() REQUIRES(mutex_);
   [[nodiscard]] bool wantsToRead() REQUIRES(mutex_);
   void updateInterest() REQUIRES(mutex_);
 
@@ -74,7 +75,7 @@ class LinuxConnection final : public TransportConnection, public std::enable_sha
 
   // Changed under the mutex, looked at without it between two lines.
   std::atomic<bool> over_ = false;
-  std::atomic<unsigned> pauses_ = 0;
+  std::atomic<bool> held_ = false;  // paused, or too much waits to be sent
   std::atomic<bool> moreLinesFollow_ = false;
 
   // Confined to the loop.
@@ -87,6 +88,7 @@ class LinuxConnection final : public TransportConnection, public std::enable_sha
   Mutex mutex_;
   UniqueFd socket_;      // closed under the mutex by the loop, which may use it without
   Callbacks callbacks_;  // set before started_, then confined to the queue
+  unsigned pauses_ GUARDED_BY(mutex_) = 0;
   bool started_ GUARDED_BY(mutex_) = false;
   bool closing_ GUARDED_BY(mutex_) = false;
   bool disposed_ GUARDED_BY(mutex_) = false;
@@ -96,7 +98,7 @@ class LinuxConnection final : public TransportConnection, public std::enable_sha
   std::size_t batchBytes_ GUARDED_BY(mutex_) = 0;
   bool inboxFull_ GUARDED_BY(mutex_) = false;
   bool delivering_ GUARDED_BY(mutex_) = false;
-  bool batchLeft_ GUARDED_BY(mutex_) = false;  // a pause stopped the delivery inside a batch
+  bool batchLeft_ GUARDED_BY(mutex_) = false;  // the delivery was held inside a batch
   LineQueue outbox_ GUARDED_BY(mutex_);
   bool outboxFull_ GUARDED_BY(mutex_) = false;
   bool loopWrites_ GUARDED_BY(mutex_) = false;

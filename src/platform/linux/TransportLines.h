@@ -2,13 +2,13 @@
 // Threads: thread-compatible.
 #pragma once
 
+#include <sys/uio.h>
+
 #include <cstddef>
 #include <deque>
 #include <span>
 #include <string>
 #include <string_view>
-
-#include <sys/uio.h>
 
 #include "base/FunctionRef.h"
 

@@ -1,13 +1,12 @@
 #include "platform/linux/TransportSocket.h"
 
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
-
-#include <sys/socket.h>
-#include <sys/stat.h>
-#include <sys/un.h>
-#include <unistd.h>
 
 #include "base/Error.h"
 
@@ -16,21 +15,9 @@ namespace {
 
 constexpr int backlog = 128;
 
-bool fill(sockaddr_un& address, const std::string& path) {
-  address = {};
-  address.sun_family = AF_UNIX;
-  if (path.size() >= sizeof address.sun_path) return false;
-  std::memcpy(address.sun_path, path.data(), path.size());
-  return true;
-}
+const sockaddr* generic(const sockaddr_un& address) { return reinterpret_cast<const sockaddr*>(&address); }
 
-const sockaddr* generic(const sockaddr_un& address) {
-  return reinterpret_cast<const sockaddr*>(&address);
-}
-
-UniqueFd streamSocket() {
-  return UniqueFd(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
-}
+UniqueFd streamSocket() { return UniqueFd(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0)); }
 
 void prepareDirectory(const std::string& path) {
   const std::size_t slash = path.rfind('/');
@@ -60,17 +47,25 @@ void refuseWhatIsInUse(const std::string& path) {
 
 }  // namespace
 
+std::optional<sockaddr_un> socketAddress(const std::string& path) {
+  sockaddr_un address{};
+  address.sun_family = AF_UNIX;
+  if (path.size() >= sizeof address.sun_path) return std::nullopt;
+  std::memcpy(address.sun_path, path.data(), path.size());
+  return address;
+}
+
 UniqueFd makeListeningSocket(const std::string& path) {
   prepareDirectory(path);
   refuseWhatIsInUse(path);
   // Made beside its place and moved there when it answers, so that nobody finds it half made.
   const std::string making = path + ".new";
-  sockaddr_un address;
-  if (!fill(address, making)) throw posixError("listen", path, ENAMETOOLONG);
+  const std::optional<sockaddr_un> address = socketAddress(making);
+  if (!address) throw posixError("listen", path, ENAMETOOLONG);
   UniqueFd socket = streamSocket();
   if (!socket.valid()) throw posixError("socket", path, errno);
   ::unlink(making.c_str());
-  if (::bind(socket.get(), generic(address), sizeof address) < 0) throw posixError("bind", making, errno);
+  if (::bind(socket.get(), generic(*address), sizeof *address) < 0) throw posixError("bind", making, errno);
   if (::chmod(making.c_str(), 0666) < 0) throw posixError("chmod", making, errno);
   if (::listen(socket.get(), backlog) < 0) throw posixError("listen", making, errno);
   if (::rename(making.c_str(), path.c_str()) < 0) throw posixError("rename", path, errno);
@@ -93,10 +88,10 @@ SysResult<PeerCredentials> peerCredentials(int socket) {
 }
 
 SysResult<UniqueFd> connectTo(const std::string& path) {
-  sockaddr_un address;
-  if (!fill(address, path)) return Errno{ENAMETOOLONG};
+  const std::optional<sockaddr_un> address = socketAddress(path);
+  if (!address) return Errno{ENAMETOOLONG};
   UniqueFd socket = streamSocket();
-  if (!socket.valid() || ::connect(socket.get(), generic(address), sizeof address) < 0) return Errno{errno};
+  if (!socket.valid() || ::connect(socket.get(), generic(*address), sizeof *address) < 0) return Errno{errno};
   return socket;
 }
 

@@ -2,6 +2,9 @@
 // Errors: makeListeningSocket throws Error with a sentence for the operator.
 #pragma once
 
+#include <sys/un.h>
+
+#include <optional>
 #include <string>
 
 #include "base/SysResult.h"
@@ -16,6 +19,9 @@ namespace quillmark::os {
 [[nodiscard]] UniqueFd makeListeningSocket(const std::string& path);
 
 [[nodiscard]] SysResult<PeerCredentials> peerCredentials(int socket);
+
+// Absent for a path that no socket can have.
+[[nodiscard]] std::optional<sockaddr_un> socketAddress(const std::string& path);
 
 // The connected socket, non-blocking, or the errno; ENAMETOOLONG for a path that no socket can have.
 [[nodiscard]] SysResult<UniqueFd> connectTo(const std::string& path);

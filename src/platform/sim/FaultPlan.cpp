@@ -1,9 +1,9 @@
 #include "platform/sim/FaultPlan.h"
 
+#include <fmt/format.h>
+
 #include <array>
 #include <cstring>
-
-#include <fmt/format.h>
 
 namespace quillmark::sim {
 
@@ -17,14 +17,10 @@ std::string nameOf(PosixCall call) {
 std::string FaultPlan::describe() const {
   const std::string where = fmt::format("call {}{}", atCall, only ? " of " + nameOf(*only) : "");
   switch (fault) {
-    case Fault::none:
-      return fmt::format("no fault, seed {}", seed);
-    case Fault::fail:
-      return fmt::format("{} at {}, seed {}", strerrorname_np(error), where, seed);
-    case Fault::shortWrite:
-      return fmt::format("short write at {}, seed {}", where, seed);
-    case Fault::kill:
-      return fmt::format("kill at {}, seed {}", where, seed);
+    case Fault::none: return fmt::format("no fault, seed {}", seed);
+    case Fault::fail: return fmt::format("{} at {}, seed {}", strerrorname_np(error), where, seed);
+    case Fault::shortWrite: return fmt::format("short write at {}, seed {}", where, seed);
+    case Fault::kill: return fmt::format("kill at {}, seed {}", where, seed);
   }
   return {};
 }

@@ -1,14 +1,14 @@
 #include "platform/sim/SimPosix.h"
 
+#include <fcntl.h>
+#include <unistd.h>
+
 #include <algorithm>
 #include <cerrno>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <sstream>
-
-#include <fcntl.h>
-#include <unistd.h>
 
 #include "base/Error.h"
 
@@ -63,17 +63,10 @@ SysResult<SimPosix::Verdict> SimPosix::enter(PosixCall call) {
   if (plan_.only && plan_.only != call) return Verdict::goOn;
   if (++counted_ != plan_.atCall) return Verdict::goOn;
   switch (plan_.fault) {
-    case Fault::none:
-      return Verdict::goOn;
-    case Fault::fail:
-      fired_ = true;
-      return Errno{plan_.error};
-    case Fault::shortWrite:
-      fired_ = call == PosixCall::write;
-      return fired_ ? Verdict::shortWrite : Verdict::goOn;
-    case Fault::kill:
-      fired_ = true;
-      return Errno{die()};
+    case Fault::none: return Verdict::goOn;
+    case Fault::fail: fired_ = true; return Errno{plan_.error};
+    case Fault::shortWrite: fired_ = call == PosixCall::write; return fired_ ? Verdict::shortWrite : Verdict::goOn;
+    case Fault::kill: fired_ = true; return Errno{die()};
   }
   return Verdict::goOn;
 }
@@ -121,9 +114,7 @@ SimNode::Ref SimPosix::nodeOf(int fd) const {
   return found == open_.end() ? nullptr : found->second;
 }
 
-Date SimPosix::now() {
-  return clock_ ? clock_->now() : Date{};
-}
+Date SimPosix::now() { return clock_ ? clock_->now() : Date{}; }
 
 void SimPosix::touch(const SimNode::Ref& node, bool contents) {
   if (!node) return;

@@ -61,17 +61,11 @@ class Cut final {
     if (unchanged) return live;
     const std::size_t reached = between(same, live.size());
     switch (between(0, 4)) {
-      case 0:
-        return durable;
-      case 1:
-        return live;
-      case 2:
-        return live.substr(0, reached);
-      case 3:
-        std::fill(live.begin() + static_cast<std::ptrdiff_t>(reached), live.end(), '\0');
-        return live;
-      default:
-        return mixed(durable, std::move(live), same);
+      case 0: return durable;
+      case 1: return live;
+      case 2: return live.substr(0, reached);
+      case 3: std::fill(live.begin() + static_cast<std::ptrdiff_t>(reached), live.end(), '\0'); return live;
+      default: return mixed(durable, std::move(live), same);
     }
   }
 
@@ -91,9 +85,7 @@ class Cut final {
 
 }  // namespace
 
-SimDurability::SimDurability() : root_(std::make_shared<SimNode>()) {
-  root_->directory = true;
-}
+SimDurability::SimDurability() : root_(std::make_shared<SimNode>()) { root_->directory = true; }
 
 SimDurability::SimDurability(const SimDurability& other) : changes_(other.changes_) {
   Copier copy;

@@ -32,8 +32,7 @@ struct SimTransport::Shared {
   }
 };
 
-SimPeer::SimPeer(Dispatch& client, std::shared_ptr<SimConnection> connection)
-    : client_(client), connection_(std::move(connection)) {}
+SimPeer::SimPeer(std::shared_ptr<SimConnection> connection) : connection_(std::move(connection)) {}
 SimPeer::~SimPeer() { connection_->clientClose(); }
 void SimPeer::send(std::string_view line) { connection_->clientSend(line); }
 std::string SimPeer::receive(std::chrono::nanoseconds timeout) { return connection_->clientReceive(timeout); }
@@ -66,7 +65,7 @@ std::unique_ptr<SimPeer> SimTransport::connect(PeerCredentials credentials, Disp
       shared_->server, client,
       SimConnection::Setting{
           .options = shared_->options, .peer = std::move(credentials), .seed = shared_->random.next()});
-  auto peer = std::make_unique<SimPeer>(client, connection);
+  auto peer = std::make_unique<SimPeer>(connection);
   if (full) {
     connection->end(CloseReason::closedByUs);
     return peer;

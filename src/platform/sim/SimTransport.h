@@ -30,7 +30,7 @@ class SimConnection;
 // The client's end. Waits in virtual time; receive and send need a fiber when they have to wait.
 class SimPeer final : public ClientChannel {
  public:
-  SimPeer(Dispatch& client, std::shared_ptr<SimConnection> connection);
+  explicit SimPeer(std::shared_ptr<SimConnection> connection);
   ~SimPeer() override;
 
   void send(std::string_view line) override;
@@ -42,7 +42,6 @@ class SimPeer final : public ClientChannel {
   [[nodiscard]] bool isOpen() const;
 
  private:
-  Dispatch& client_;
   const std::shared_ptr<SimConnection> connection_;
 };
 

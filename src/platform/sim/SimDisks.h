@@ -1,0 +1,32 @@
+// SimDisks: disks as the machine's simulated volumes describe them.
+// Ownership: borrows the volumes, which must outlive it.
+// Threads:   thread-safe; the settings are for the test alone, before others call.
+#pragma once
+
+#include "platform/Disks.h"
+#include "platform/sim/SimVolumes.h"
+
+namespace quillmark::sim {
+
+class SimDisks final : public Disks {
+ public:
+  explicit SimDisks(SimVolumes& volumes) : volumes_(volumes) {}
+
+  bool startSession() override { return canStartSession; }
+  std::optional<std::vector<std::string>> mountedVolumePaths() override;
+  std::optional<DiskDescription> describe(const std::string& volumePath) override;
+  std::optional<std::vector<std::string>> registryClasses(const std::string& bsdName) override;
+  std::optional<std::vector<std::string>> mediaBsdNames() override;
+  VolumeCapacities capacities(const std::string& volumePath) override;
+
+  bool canStartSession = true;
+  bool hasPaths = true;
+  bool hasRegistry = true;
+
+ private:
+  [[nodiscard]] std::optional<SimVolume> at(const std::string& mountPoint);
+
+  SimVolumes& volumes_;
+};
+
+}  // namespace quillmark::sim

@@ -1,0 +1,79 @@
+#include "platform/sim/SimSnapshotCalls.h"
+
+#include <algorithm>
+#include <cerrno>
+
+#include "platform/linux/SnapshotNames.h"
+
+namespace quillmark::sim {
+namespace {
+
+class SimOpenVolume final : public OpenVolume {
+ public:
+  explicit SimOpenVolume(const Uuid& volume) : uuid(volume) {}
+
+  const Uuid uuid;
+  std::optional<std::vector<SnapshotListEntry>> listing;
+  std::size_t next = 0;
+};
+
+// Every OpenVolume that reaches us was made by open().
+SimOpenVolume& own(OpenVolume& volume) { return static_cast<SimOpenVolume&>(volume); }
+
+}  // namespace
+
+SysResult<std::unique_ptr<OpenVolume>> SimSnapshotCalls::open(const std::string& mountPoint,
+                                                              const VolumeUuid& expected) {
+  if (const SysStatus begun = volumes_.begin(SimCall::open, mountPoint); !begun) return Errno{begun.error()};
+  for (const SimVolume& volume : volumes_.volumes()) {
+    if (volume.mountPoint != mountPoint) continue;
+    if (VolumeUuid(volume.uuid.lower()) != expected) return Errno{ESTALE};
+    return std::unique_ptr<OpenVolume>(std::make_unique<SimOpenVolume>(volume.uuid));
+  }
+  return Errno{ENOENT};
+}
+
+SysStatus SimSnapshotCalls::fs_snapshot_create(OpenVolume& volume, const std::string& name) {
+  if (const SysStatus begun = volumes_.begin(SimCall::create, name); !begun) return begun;
+  if (const auto fileName = os::placeFileName(name); !fileName) return Errno{fileName.error()};
+  const auto made = volumes_.addSnapshot(own(volume).uuid, name, clock_.now());
+  if (!made) return Errno{made.error()};
+  return {};
+}
+
+SysStatus SimSnapshotCalls::fs_snapshot_delete(OpenVolume& volume, const std::string& name) {
+  if (const SysStatus begun = volumes_.begin(SimCall::remove, name); !begun) return begun;
+  return volumes_.removeSnapshot(own(volume).uuid, name);
+}
+
+SysResult<int> SimSnapshotCalls::fs_snapshot_list(OpenVolume& volume, const AttributeList& attributes,
+                                                  std::span<std::byte> buffer) {
+  SimOpenVolume& opened = own(volume);
+  if (const SysStatus begun = volumes_.begin(SimCall::list, opened.uuid.lower()); !begun) return Errno{begun.error()};
+  if (!opened.listing) {
+    opened.listing.emplace();
+    for (const SimSnapshot& snapshot : volumes_.snapshots(opened.uuid)) {
+      opened.listing->push_back(
+          {snapshot.name, snapshot.createdSeconds, snapshot.createdNanoseconds, snapshot.fileId});
+    }
+  }
+  return writeSnapshotRecords(*opened.listing, opened.next, attributes, buffer);
+}
+
+SysStatus SimSnapshotCalls::fs_snapshot_mount(OpenVolume& volume, const std::string& directory,
+                                              const std::string& name, std::uint32_t mountFlags) {
+  if (const SysStatus begun = volumes_.begin(SimCall::mount, directory); !begun) return begun;
+  return volumes_.mount(own(volume).uuid, directory, name, mountFlags);
+}
+
+SysStatus SimSnapshotCalls::unmount(const std::string& path, bool force) {
+  if (const SysStatus begun = volumes_.begin(SimCall::unmount, path); !begun) return begun;
+  return volumes_.unmount(path, force);
+}
+
+SysResult<FileSystemStatus> SimSnapshotCalls::statfs(const std::string& path) {
+  if (const SysStatus begun = volumes_.begin(SimCall::statfs, path); !begun) return Errno{begun.error()};
+  return volumes_.status(path);
+}
+
+}  // namespace quillmark::sim

@@ -1,0 +1,347 @@
+#include <cerrno>
+
+#include "QuillWorld.h"
+#include "platform/NameText.h"
+#include "quill/ClientVersion.h"
+#include "quill/Failures.h"
+#include "quill/Quill.h"
+#include "wire/Json.h"
+#include "wire/JsonText.h"
+#include "wire/QuillmarkError.h"
+
+namespace quillmark::cli {
+namespace {
+
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::IsEmpty;
+using testing::StartsWith;
+
+using Words = std::vector<std::string>;
+
+Error posix(int error) { return Error(std::string(posixErrorDomain), error, "The Quillmark helper is not running."); }
+
+template <class Command>
+void failWith(QuillWorld& world, const Error& error) {
+  world.helper.on<Command>([error](auto&) -> RpcReply { throw Error(error); });
+}
+
+TEST(Quill, printsSnapshotsWholeForPrograms) {
+  QuillWorld world;
+  world.snapshots[0].isProtected = true;
+  world.snapshots[0].tag = "my tag";
+  world.snapshots[0].displayName = "Second";
+  world.snapshots[1].reclaimSizeBytes = 4096;
+  const Result result = world.run({"list"});
+  EXPECT_EQ(result.exitCode, 0) << result.errors;
+  EXPECT_EQ(result.output, manualName("2026-03-01", "first") + " 100 2026-03-01T09:00:00+00:00 - 4096\n" +
+                               manualName("2026-03-02", "second") +
+                               " 200 2026-03-01T09:00:00+00:00 protected,tag=my\\x20tag -\n");
+}
+
+TEST(Quill, printsSnapshotsByLabelForPeopleInTheirZone) {
+  QuillWorld world;
+  world.simulation.setTimeZone("Asia/Kolkata");
+  world.snapshots[0].displayName = "Second\x1b[2J";
+  EXPECT_THAT(world.run({"list"}).output, HasSubstr(" 2026-03-01T14:30:00+05:30 "));
+  world.terminal.outputIsTerminal = true;
+  EXPECT_EQ(world.run({"list"}).output,
+            "NAME                               XID  CREATED              FLAGS\n"
+            "manual.2026-03-01T00-00-00Z.first  100  2026-03-01 14:30:00\n"
+            "Second\\x1b[2J                      200  2026-03-01 14:30:00\n");
+  EXPECT_THAT(world.run({"list", "--full"}).output, HasSubstr(manualName("2026-03-02", "second") + " "));
+}
+
+TEST(Quill, passesTheListingOnAsJSON) {
+  QuillWorld world;
+  EXPECT_EQ(world.run({"--json", "list"}).output, encodeJson(world.snapshots) + "\n");
+  const Result volumes = world.run({"volumes", "--json"});
+  EXPECT_EQ(decodeJson<std::vector<APFSVolume>>(volumes.output), world.volumes.volumes);
+  EXPECT_EQ(world.run({"volumes"}).output,
+            "Data disk1s1 68719476736 1000 68719475736 NVMe /mnt/data " + dataUUID + "\n");
+}
+
+TEST(Quill, createsWithItsLabelOnTheChosenVolume) {
+  QuillWorld world;
+  CreateSnapshot seen;
+  world.helper.on<CreateSnapshot>([&](const CreateSnapshot& call) { return seen = call, RpcReply{"\"made\"", {}}; });
+  for (const std::string label : {"list", "[a,b]", "two words", "-dash"}) {
+    const Result result = world.run({"create", "-v", "Data", "--", label});
+    EXPECT_EQ(result.output, "made\n") << label << result.errors;
+    EXPECT_EQ(seen.label, label);
+    EXPECT_EQ(seen.volumeUUID, dataUUID);
+  }
+  EXPECT_EQ(world.run({"create", "--json"}).output, "{\"name\":\"made\"}\n");
+  EXPECT_EQ(seen.label, "");
+}
+
+TEST(Quill, aWarningOfCompletedWorkIsNoFailure) {
+  QuillWorld world;
+  const Error warning = QuillmarkError::operationCompleted("Not on record.");
+  world.helper.on<CreateSnapshot>([=](auto&) { return RpcReply{"\"made\"", warning}; });
+  Result result = world.run({"create"});
+  EXPECT_EQ(result.exitCode, 0);
+  EXPECT_EQ(result.output, "made\n");
+  EXPECT_THAT(result.errors, StartsWith("quill: Not on record.\nThe operation already completed."));
+  result = world.run({"create", "--json"});
+  EXPECT_EQ(result.exitCode, 0);
+  EXPECT_THAT(result.output, HasSubstr(R"({"name":"made","warning":{"domain":)"));
+  EXPECT_THAT(result.output, HasSubstr(R"("completed":true)"));
+
+  world.helper.on<DeleteSnapshot>([=](auto&) { return RpcReply{{}, warning}; });
+  result = world.run({"delete", "latest"});
+  EXPECT_EQ(result.exitCode, 0);
+  EXPECT_EQ(result.output, world.snapshots[0].name + "\n");
+  EXPECT_THAT(result.errors, HasSubstr("Not on record."));
+}
+
+TEST(Quill, deletesWhatItCanAndEndsWithTheWorst) {
+  QuillWorld world;
+  world.helper.on<DeleteSnapshot>([&](const DeleteSnapshot& call) -> RpcReply {
+    if (call.name == world.snapshots[0].name && !call.force) {
+      throw QuillmarkError::make(QuillmarkErrorCode::protectedSnapshot, "Refusing to delete a protected snapshot.");
+    }
+    return {};
+  });
+  const Words all{"delete", "latest", "nosuch", "first", "latest~1"};
+  Result result = world.run(all);
+  EXPECT_EQ(result.exitCode, exitRefused);
+  EXPECT_EQ(result.output, world.snapshots[1].name + "\n");
+  EXPECT_EQ(world.helper.calls.size(), 3u) << "one listing, two deletions: a snapshot named twice goes once";
+  EXPECT_THAT(result.errors, HasSubstr("quill: Refusing to delete a protected snapshot.\nTo delete it all the same"));
+  EXPECT_THAT(result.errors, HasSubstr("quill: There is no snapshot \"nosuch\"."));
+
+  result = world.run({"delete", "latest", "nosuch", "--json"});
+  const ParsedJson parsed(result.output);
+  const auto& outcomes = parsed.value().as_array();
+  ASSERT_EQ(outcomes.size(), 2u);
+  EXPECT_EQ(outcomes[0].at("error").at("name"), "protectedSnapshot");
+  EXPECT_EQ(outcomes[0].at("deleted"), false);
+  EXPECT_EQ(outcomes[1].at("reference"), "nosuch");
+  EXPECT_THAT(result.errors, IsEmpty());
+
+  EXPECT_EQ(world.run({"delete", "--force", "latest", "first"}).exitCode, 0);
+}
+
+// Goal:   a helper that dies between deletions leaves no doubt about what was done and what wasn't.
+TEST(Quill, tellsWhatBecameOfEachDeletionWhenTheHelperIsLost) {
+  QuillWorld world;
+  world.helper.callsUntilGone = 2;  // the protocol's version, the listing
+  const Result result = world.run({"delete", "latest", "first", "--json"});
+  EXPECT_EQ(result.exitCode, exitNotReachable);
+  EXPECT_EQ(world.helper.calls.size(), 2u);
+  const ParsedJson parsed(result.output);
+  EXPECT_EQ(parsed.value().at(0).at("error").at("name"), "answerLost");
+  EXPECT_EQ(parsed.value().at(1).at("error").at("name"), "helperNotReachable");
+  EXPECT_THAT(std::string(parsed.value().at(1).at("error").at("message").as_string()), HasSubstr("was not deleted"));
+}
+
+TEST(Quill, mountsAndUnmountsByReferenceAndPath) {
+  QuillWorld world;
+  MountSnapshot mounted;
+  std::string unmounted;
+  world.helper.on<MountSnapshot>([&](const MountSnapshot& call) {
+    return mounted = call, RpcReply{"\"/Volumes/x\"", {}};
+  });
+  world.helper.on<UnmountSnapshot>([&](const UnmountSnapshot& call) { return unmounted = call.path, RpcReply{}; });
+  EXPECT_EQ(world.run({"mount", "first"}).output, "/Volumes/x\n");
+  EXPECT_EQ(mounted.xid, 100u);
+  EXPECT_EQ(mounted.name, world.snapshots[1].name);
+
+  const std::string path = "/Volumes/Old name-a9be83c9-2a01-4f91-bdff-297973e90a78@snap-100";
+  world.volumes.mounts = {"/", "/Volumes/Data-105e7df1-fe4d-0c4d-86df-b8688302286a@snap-100",
+                          "/elsewhere/x-a9be83c9-2a01-4f91-bdff-297973e90a78@snap-100", path};
+  EXPECT_EQ(world.run({"unmount", "first"}).output, path + "\n");
+  EXPECT_EQ(unmounted, path);
+  const Result result = world.run({"unmount", "latest"});
+  EXPECT_EQ(result.exitCode, 1);
+  EXPECT_THAT(result.errors, HasSubstr("is not mounted."));
+  EXPECT_EQ(world.run({"unmount", "./x@snap-1", "--json"}).output, "{\"path\":\"/here/./x@snap-1\"}\n");
+  EXPECT_EQ(unmounted, "/here/./x@snap-1");
+}
+
+TEST(Quill, anOperatingSystemsSnapshotReachesTheHelpersRefusal) {
+  QuillWorld world;
+  std::string name;
+  world.helper.on<DeleteSnapshot>([&](const DeleteSnapshot& call) -> RpcReply {
+    name = call.name;
+    throw QuillmarkError::make(QuillmarkErrorCode::notOurSnapshot, "Refusing.");
+  });
+  EXPECT_EQ(world.run({"delete", "com.apple.os.update"}).exitCode, exitRefused);
+  EXPECT_EQ(name, "com.apple.os.update");
+}
+
+TEST(Quill, callsAnySelector) {
+  QuillWorld world;
+  EXPECT_EQ(world.run({"call", "protocolVersionWithReply:"}).output, "18\n");
+  EXPECT_EQ(world.run({"call", "helperVersionWithReply:"}).output, "9.8.7\n");
+  EXPECT_EQ(world.run({"call", "helperVersionWithReply:", "--json"}).output, "\"9.8.7\"\n");
+  const std::string create = "createSnapshotOnVolume:label:reply:", list = "[\"a\",\n\"b\"]";
+  EXPECT_EQ(world.run({"call", create, "\"u\"", "\"x\""}).output, manualName("2026-03-03", "x") + "\n");
+  EXPECT_EQ(world.run({"call", "unmountSnapshotAtPath:reply:", "\"/\""}).output, "");
+  EXPECT_EQ(world.run({"call", "unmountSnapshotAtPath:reply:", "\"/\"", "--json"}).output, "null\n");
+
+  const std::pair<Words, const char*> wrong[] = {
+      {{"call", "nope:"}, "Unknown selector \"nope:\"."},
+      {{"call", create, "\"u\""}, "takes 2 argument(s), not 1"},
+      {{"call", create, "\"u\"", list}, "is no string"},
+      {{"call", create, "--", "\"u\"", "-5"}, "is no string"},
+      {{"call", create, "u", "\"x\""}, "The argument \"u\" is no JSON text."},
+      {{"call", create, "\"u\",true", "\"x\""}, "is no JSON text."},
+      {{"call"}, "selector is required"},
+  };
+  for (const auto& [words, message] : wrong) {
+    const Result result = world.run(words);
+    EXPECT_EQ(result.exitCode, exitWrongUse) << message;
+    EXPECT_THAT(result.errors, HasSubstr(message));
+    EXPECT_THAT(result.output, IsEmpty());
+  }
+}
+
+TEST(Quill, passesOverPushesWhileItWaits) {
+  QuillWorld world;
+  world.helper.pushes = {R"({"jsonrpc":"2.0","method":"snapshotsChangedWithVolumeUUID:","params":["x"]})",
+                         R"({"jsonrpc":"2.0","id":77,"result":{"value":99}})"};
+  EXPECT_EQ(world.run({"call", "protocolVersionWithReply:"}).output, "18\n");
+}
+
+TEST(Quill, goesOnWithNoOtherProtocol) {
+  QuillWorld world;
+  world.helper.on<ProtocolVersion>([](auto&) { return RpcReply{"19", {}}; });
+  for (const Words& words : {Words{"create"}, Words{"call", "helperVersionWithReply:"}}) {
+    const Result result = world.run(words);
+    EXPECT_EQ(result.exitCode, exitFailed);
+    EXPECT_THAT(result.errors, HasSubstr("speaks protocol version 18, but the running helper speaks 19."));
+  }
+  EXPECT_THAT(world.helper.calls, IsEmpty());
+  const Result shown = world.run({"version"});
+  EXPECT_EQ(shown.exitCode, exitFailed);
+  EXPECT_EQ(shown.output,
+            "quill     " + std::string(clientVersion()) + "\nhelper    9.8.7\ncommit    abcdef\nprotocol  19\n");
+  EXPECT_THAT(world.run({"version", "--json"}).output, HasSubstr(R"("code":1053,"name":"protocolVersionMismatch")"));
+}
+
+TEST(Quill, showsHealth) {
+  QuillWorld world;
+  HelperHealthStatus status;
+  status.audit = {HelperSubsystemState::degraded, "a gap\nin it"};
+  world.helper.on<HelperHealth>([&](auto&) { return RpcReply{encodeJson(status), {}}; });
+  EXPECT_THAT(world.run({"health"}).output, HasSubstr("\naudit degraded a\\x20gap\\x0ain\\x20it\n"));
+  EXPECT_EQ(decodeJson<HelperHealthStatus>(world.run({"health", "--json"}).output), status);
+}
+
+TEST(Quill, exitCodesTellTheKindOfFailure) {
+  using enum QuillmarkErrorCode;
+  const std::pair<Error, int> cases[] = {
+      {QuillmarkError::make(invalidVolumeUUID, "x"), 2},
+      {QuillmarkError::make(invalidLabel, "x"), 2},
+      {QuillmarkError::make(invalidSnapshotUUID, "x"), 2},
+      {QuillmarkError::make(invalidMountPath, "x"), 2},
+      {QuillmarkError::make(ambiguousSnapshotRef, "x"), 2},
+      {QuillmarkError::make(volumeNotAPFSData, "x"), 4},
+      {QuillmarkError::make(notOurSnapshot, "x"), 4},
+      {QuillmarkError::make(protectedSnapshot, "x"), 4},
+      {QuillmarkError::make(snapshotInUse, "x"), 4},
+      {QuillmarkError::make(insufficientPrivileges, "x"), 4},
+      {QuillmarkError::make(helperRestarting, "x"), 4},
+      {QuillmarkError::make(volumeNotFound, "x"), 1},
+      {QuillmarkError::make(snapshotCreateFailed, "x"), 1},
+      {QuillmarkError::make(auditPersistenceFailed, "x"), 1},
+      {Error("Other", 1001, "x"), 1},
+      {Error(std::string(posixErrorDomain), ENOSPC, "x"), 1},
+  };
+  for (const auto& [error, exitCode] : cases) {
+    QuillWorld world;
+    failWith<CreateSnapshot>(world, error);
+    EXPECT_EQ(world.run({"create"}).exitCode, exitCode) << error.domain() << error.code();
+    const Result json = world.run({"create", "--json"});
+    EXPECT_EQ(json.exitCode, exitCode);
+    EXPECT_THAT(json.errors, IsEmpty());
+    const ParsedJson parsed(json.output);
+    EXPECT_EQ(parsed.value().at("error").at("domain"), boost::json::string(error.domain()));
+    EXPECT_EQ(parsed.value().at("error").at("code").as_int64(), error.code());
+    EXPECT_EQ(parsed.value().at("error").at("name"), boost::json::string(nameOf(error)));
+  }
+}
+
+TEST(Quill, aHelperThatIsNotThereIsSaidSoWithWhatToDo) {
+  const std::pair<int, const char*> cases[] = {{ENOENT, "Start the helper"},
+                                               {ECONNREFUSED, "Start the helper"},
+                                               {EACCES, "group quillmark"},
+                                               {EPERM, ""},
+                                               {EAGAIN, ""}};
+  for (const auto& [code, advice] : cases) {
+    QuillWorld world;
+    world.helper.unreachable = posix(code);
+    const Result result = world.run({"health"});
+    EXPECT_EQ(result.exitCode, exitNotReachable);
+    EXPECT_THAT(result.errors, StartsWith("quill: The Quillmark helper is not running.\n"));
+    EXPECT_THAT(result.errors, HasSubstr(advice));
+    EXPECT_EQ(world.run({"volumes"}).exitCode, 0) << "needs no helper";
+  }
+  QuillWorld shutOut;
+  shutOut.helper.callsUntilGone = 0;
+  EXPECT_THAT(shutOut.run({"health"}).errors, HasSubstr("members of the group quillmark"));
+}
+
+TEST(Quill, aLostAnswerLeavesTheOutcomeOpen) {
+  QuillWorld world;
+  world.helper.callsUntilGone = 1;
+  const Result result = world.run({"create"});
+  EXPECT_EQ(result.exitCode, exitNotReachable);
+  EXPECT_THAT(result.errors, HasSubstr("Whether the request was carried out isn't known"));
+  EXPECT_THAT(world.helper.calls, ElementsAre("createSnapshotOnVolume:label:reply:"));
+}
+
+TEST(Quill, wrongUsePointsToTheFittingHelp) {
+  const std::pair<Words, const char*> cases[] = {
+      {{}, "quill --help"},
+      {{"lst"}, "There is no command \"lst\"."},
+      {{"delete"}, "quill delete --help"},
+      {{"delete", "--forse", "x"}, "--forse"},
+      {{"mount", "a", "b"}, "quill mount --help"},
+      {{"list", "extra"}, "extra"},
+      {{"list", "-v"}, "quill list --help"},
+      {{"help", "lst"}, "There is no command"},
+      {{"mount", ""}, "can't be empty"},
+  };
+  for (const auto& [words, message] : cases) {
+    QuillWorld world;
+    const Result result = world.run(words);
+    EXPECT_EQ(result.exitCode, exitWrongUse) << message;
+    EXPECT_THAT(result.errors, HasSubstr(message));
+    EXPECT_THAT(result.output, IsEmpty());
+  }
+  QuillWorld world;
+  EXPECT_THAT(world.run({"lst", "--json"}).output,
+              StartsWith(R"({"error":{"domain":"com.harrowfern.quillmark.cli.Error",)"));
+}
+
+TEST(Quill, helpIsThereForEveryCommand) {
+  QuillWorld world;
+  const std::string program = world.run({"--help"}).output;
+  for (const std::string name :
+       {"volumes", "list", "create", "delete", "mount", "unmount", "health", "version", "call"}) {
+    EXPECT_THAT(program, HasSubstr("  " + name + " "));
+    const Result help = world.run({name, "--help"});
+    EXPECT_EQ(help.exitCode, 0);
+    EXPECT_THAT(help.output, HasSubstr("Usage: quill " + name));
+    EXPECT_THAT(help.output, HasSubstr("Example"));
+    EXPECT_EQ(world.run({"help", name}).output, help.output);
+  }
+  EXPECT_EQ(program.find("--socket"), std::string::npos);
+  EXPECT_EQ(world.run({"--version"}).output, "quill " + std::string(clientVersion()) + "\n");
+}
+
+// Names reach the helper as text and come back as the same bytes.
+TEST(Quill, namesOfAnyBytesAreReferences) {
+  QuillWorld world;
+  const std::string bytes = ":odd\xff\x1b";
+  world.snapshots.push_back(snapshotNamed(nameText(bytes, NameEscapes::controls), 300));
+  const Result result = world.run({"delete", bytes});
+  EXPECT_EQ(result.exitCode, 0) << result.errors;
+  EXPECT_EQ(result.output, ":odd\\xff\\x1b\n");
+}
+
+}  // namespace
+}  // namespace quillmark::cli

@@ -1,0 +1,109 @@
+// SnapshotMachine: the snapshot layer on one simulated machine with one volume and a diskutil that tells the truth.
+//
+//   SnapshotMachine machine;
+//   machine.run([&] { machine.apfs.createSnapshot(machine.volume(), "", Kind::manual(), machine.now()); });
+#pragma once
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <optional>
+
+#include "platform/linux/PropertyList.h"
+#include "platform/sim/SimDisks.h"
+#include "platform/sim/SimPlatformLog.h"
+#include "platform/sim/SimPosix.h"
+#include "platform/sim/SimProcesses.h"
+#include "platform/sim/SimSnapshotCalls.h"
+#include "platform/sim/SimVolumes.h"
+#include "platform/sim/Simulation.h"
+#include "snapshots/APFSManager.h"
+
+namespace quillmark {
+
+class SnapshotMachine {
+ public:
+  SnapshotMachine() {
+    volumes.add(sim::makeSimVolume(uuid));
+    for (const std::string& directory : {paths.userMountRoot, paths.privateMountRoot}) {
+      createParents(directory);
+    }
+    processes.script(paths.diskutil, [this](const ProcessRequest& request) { return diskutil(request); });
+  }
+
+  // Runs the body as the helper would, on a fiber.
+  void run(FunctionRef<void()> body) { ASSERT_TRUE(simulation.run(life, body)); }
+
+  [[nodiscard]] VolumeInfo volume() { return apfs.resolveVolume(uuid.lower()); }
+  [[nodiscard]] Date now() { return life.clock().now(); }
+  [[nodiscard]] std::vector<std::string> names() {
+    std::vector<std::string> listed;
+    for (const SnapshotRecord& record : apfs.listSnapshots(volume())) listed.push_back(record.name);
+    return listed;
+  }
+  Xid add(const std::string& name) { return *volumes.addSnapshot(uuid, name, now()); }
+  void remove(const std::string& name) { ASSERT_TRUE(volumes.removeSnapshot(uuid, name)); }
+  [[nodiscard]] std::size_t diskutilRuns() const { return processes.launches().size(); }
+
+  // The error that the work throws.
+  [[nodiscard]] static Error failureOf(FunctionRef<void()> work) {
+    try {
+      work();
+    } catch (const Error& error) {
+      return error;
+    }
+    ADD_FAILURE() << "nothing was thrown";
+    return Error("", 0, "");
+  }
+
+  const Uuid uuid = *Uuid::parse("00112233-4455-6677-8899-aabbccddeeff");
+  sim::Simulation simulation{{.seed = 11}};
+  sim::Life& life = simulation.startLife("helper");
+  sim::SimVolumes volumes;
+  sim::SimPosix posix{&life.clock()};
+  HostPaths paths = pathsUnder(posix.root());
+  sim::SimSnapshotCalls calls{volumes, life.clock()};
+  sim::SimDisks disks{volumes};
+  sim::SimProcesses processes{life.dispatch()};
+  sim::SimPlatformLog log;
+  os::LinuxPropertyLists propertyLists;
+  SnapshotIdentity identity{life.dispatch(), processes, propertyLists, posix, life.random(), log, paths};
+  SnapshotServices services{calls, disks, posix, log, paths, identity, {}};
+  APFSManager apfs{services, "apfs"};
+  // Runs each time before diskutil looks.
+  std::function<void()> beforeDiskutil;
+  // What diskutil does instead of telling the truth, when set.
+  std::function<sim::SimProgram(const std::string& truth)> diskutilScript;
+
+ private:
+  static HostPaths pathsUnder(const std::string& root) {
+    HostPaths paths;
+    paths.stateDirectory = root + "/state";
+    paths.privateMountRoot = root + "/run/mounts";
+    paths.userMountRoot = root + "/Volumes";
+    paths.diskutil = "/usr/bin/diskutil";
+    return paths;
+  }
+
+  void createParents(const std::string& directory) {
+    for (auto slash = directory.find('/', posix.root().size() + 1);; slash = directory.find('/', slash + 1)) {
+      (void)posix.mkdir(directory.substr(0, slash), 0755);
+      if (slash == std::string::npos) return;
+    }
+  }
+
+  sim::SimProgram diskutil(const ProcessRequest& request) {
+    EXPECT_THAT(request.arguments, ::testing::ElementsAre("apfs", "listSnapshots", "-plist", "disk1s1"));
+    if (beforeDiskutil) beforeDiskutil();
+    PropertyArray entries;
+    for (const sim::SimSnapshot& snapshot : volumes.snapshots(uuid)) {
+      entries.push_back(PropertyList(PropertyDictionary{
+          {"SnapshotName", PropertyList(snapshot.name)}, {"SnapshotXID", PropertyList(snapshot.xid.value)}}));
+    }
+    const std::string truth =
+        propertyLists.write(PropertyList(PropertyDictionary{{"Snapshots", PropertyList(std::move(entries))}}));
+    return diskutilScript ? diskutilScript(truth) : sim::SimProgram{.output = truth};
+  }
+};
+
+}  // namespace quillmark
