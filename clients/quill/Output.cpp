@@ -37,7 +37,9 @@ void Output::warn(const Error& error) {
 }
 
 void Output::fail(const Error& error) {
-  if (!form_.json) return warn(error);
+  const bool canTell =
+      error.domain() != clientErrorDomain || error.code() != static_cast<long>(ClientFault::outputFailed);
+  if (!form_.json || !canTell) return warn(error);
   jsonText("{\"error\":" + errorJson(error) + "}");
 }
 

@@ -51,7 +51,7 @@ class Output final {
 
   // "quill: …" and the advice below.
   void warn(const Error& error);
-  // As warn; as JSON a document on standard output instead.
+  // As warn; as JSON a document on standard output instead, where that takes it.
   void fail(const Error& error);
 
  private:

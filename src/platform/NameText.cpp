@@ -18,7 +18,8 @@ bool isControl(char32_t scalar) { return scalar < 0x20 || scalar == 0x7F; }
 std::size_t plainRun(std::string_view bytes, std::size_t at) {
   const auto isOther = [](char byte) { return static_cast<signed char>(byte) < 0x20 || byte == 0x7F; };
   return static_cast<std::size_t>(std::find_if(bytes.begin() + static_cast<std::ptrdiff_t>(at), bytes.end(), isOther) -
-                                  bytes.begin()) - at;
+                                  bytes.begin()) -
+         at;
 }
 
 void escapeByte(std::string& text, char byte) { appendUtf8(text, firstEscape + static_cast<unsigned char>(byte)); }
@@ -34,8 +35,8 @@ std::string nameText(std::string_view bytes, NameEscapes escapes) {
     at += plain;
     if (at == bytes.size()) break;
     const Utf8Step step = decodeUtf8(bytes, at);
-    const bool escaped = !step.scalar || isEscape(*step.scalar) ||
-                         (escapes == NameEscapes::controls && isControl(*step.scalar));
+    const bool escaped =
+        !step.scalar || isEscape(*step.scalar) || (escapes == NameEscapes::controls && isControl(*step.scalar));
     if (escaped) {
       for (std::size_t i = 0; i < step.length; ++i) escapeByte(text, bytes[at + i]);
     } else {

@@ -55,10 +55,10 @@ enum MountFlag : std::uint32_t {
 
 // What statfs tells of the mount that holds a path.
 struct FileSystemStatus {
-  std::uint32_t flags = 0;    // MountFlag bits
-  std::string fstypename;     // "apfs" for what is ours to serve
-  std::string mntonname;      // mount point
-  std::string mntfromname;    // "<snapshot name>@/dev/<device>" for a mounted snapshot
+  std::uint32_t flags = 0;  // MountFlag bits
+  std::string fstypename;   // "apfs" for what is ours to serve
+  std::string mntonname;    // mount point
+  std::string mntfromname;  // "<snapshot name>@/dev/<device>" for a mounted snapshot
   std::uint64_t blockSize = 0;
   std::uint64_t blocks = 0;
   std::uint64_t availableBlocks = 0;

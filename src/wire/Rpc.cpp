@@ -103,7 +103,8 @@ std::variant<RpcCall, RpcRefusal> decodeCall(std::string_view line) {
   if (id && !isId(*id)) return RpcRefusal{"null", RpcFault::invalidRequest, "The id is no string or number."};
   const std::string idText = id ? json::serialize(*id) : "null";
   const auto refuse = [&](RpcFault fault, std::string message) {
-    return RpcRefusal{idText, fault, std::move(message), id != nullptr};
+    // Only what is a request, if a flawed one, can be a notification.
+    return RpcRefusal{idText, fault, std::move(message), id != nullptr || fault == RpcFault::invalidRequest};
   };
   const json::value* version = request->if_contains("jsonrpc");
   if (!version || !version->is_string() || version->get_string() != "2.0") {

@@ -88,7 +88,7 @@ class Quickstart(unittest.TestCase):
                 self.assertEqual(traces(), [])
 
     def test_what_was_there_before_stays(self):
-        kept = ("/Volumes/own/file", "/var/db/other/file", "/var/lib/quillmark/devices.json", f"{helper.STATE}/settings.json")
+        kept = ("/Volumes/own/file", "/var/db/other/file", "/var/lib/quillmark/notes.txt", f"{helper.STATE}/settings.json")
         for path in kept:
             os.makedirs(os.path.dirname(path), exist_ok=True)
             Path(path).write_text("{}\n")

@@ -2,6 +2,7 @@
 
 import contextlib
 import datetime
+import errno
 import fcntl
 import os
 import struct
@@ -36,6 +37,31 @@ class Subvolume:
         self.xid = self.otransid << 16 | self.id & 0xFFFF
 
 
+# linux/loop.h
+_LOOP_CTL_GET_FREE, _LOOP_CONFIGURE, _AUTOCLEAR = 0x4C82, 0x4C0A, 4
+_LOOP_CONFIG = struct.Struct("=II52xI176x64x")  # fd, block size, flags among much else
+
+
+def attach(image):
+    """A loop device for the image, gone with the last who has it open. Its path, and a descriptor that keeps it."""
+    control, backing = os.open("/dev/loop-control", os.O_RDWR), os.open(image, os.O_RDWR)
+    try:
+        while True:
+            number = fcntl.ioctl(control, _LOOP_CTL_GET_FREE)
+            path = f"/dev/loop{number}"
+            device = os.open(path, os.O_RDWR)
+            try:
+                fcntl.ioctl(device, _LOOP_CONFIGURE, _LOOP_CONFIG.pack(backing, 0, _AUTOCLEAR))
+                return path, device
+            except OSError as problem:
+                os.close(device)
+                if problem.errno != errno.EBUSY:  # somebody else was given the same one
+                    raise
+    finally:
+        os.close(control)
+        os.close(backing)
+
+
 class Volume:
     """A file system of its own with one mounted, writable subvolume: the top level, or "@NAME"."""
 
@@ -48,7 +74,7 @@ class Volume:
         with open(self.image, "wb") as image:
             image.truncate(APPARENT_SIZE)
         sandbox.run("mkfs.btrfs", "-q", "-L", name, self.image)
-        self.device = sandbox.run("losetup", "--find", "--show", self.image).decode().strip()
+        self.device, self.kept = attach(self.image)
         self.subvolume = "/" if top_level else f"/@{name}"
         if not top_level:
             with self.mounted_top_level() as top:
@@ -97,7 +123,7 @@ class Volume:
         for entry in mounts():
             if entry.source == self.device:
                 sandbox.detach(entry.path)
-        sandbox.run("losetup", "--detach", self.device)
+        os.close(self.kept)
         os.unlink(self.image)
         os.rmdir(self.path)
 

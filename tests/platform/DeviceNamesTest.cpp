@@ -1,11 +1,10 @@
-#include "platform/linux/DeviceNames.h"
-
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <map>
 
 #include "platform/Files.h"
+#include "platform/linux/DeviceNames.h"
 #include "platform/linux/Random.h"
 #include "platform/sim/SimPosix.h"
 
@@ -70,8 +69,13 @@ TEST_F(DeviceNamesTest, WhatAnAdministratorWroteStaysAndNumbersTakenOutNeverRetu
 TEST_F(DeviceNamesTest, AFileThatCantBeUnderstoodGivesNoNameAndIsNeverWrittenOver) {
   const std::string fsid = R"("01000000-0000-0000-0000-000000000000")";
   const std::vector<std::string> damaged = {
-      "", "{", "[]", "{}", R"({"version": 2, "nextDisk": 1, "fileSystems": {}})",
-      R"({"version": 1, "nextDisk": -1, "fileSystems": {}})", R"({"version": 1, "nextDisk": 1})",
+      "",
+      "{",
+      "[]",
+      "{}",
+      R"({"version": 2, "nextDisk": 1, "fileSystems": {}})",
+      R"({"version": 1, "nextDisk": -1, "fileSystems": {}})",
+      R"({"version": 1, "nextDisk": 1})",
       R"({"version": 1, "fileSystems": {"x": {"disk": 1, "volumes": {}}}})",
       R"({"version": 1, "fileSystems": {)" + fsid + R"(: 7}})",
       R"({"version": 1, "fileSystems": {)" + fsid + R"(: {"volumes": {}}}})",

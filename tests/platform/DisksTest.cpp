@@ -1,5 +1,3 @@
-#include "platform/linux/Disks.h"
-
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -8,6 +6,7 @@
 #include <fstream>
 
 #include "platform/linux/DeviceFacts.h"
+#include "platform/linux/Disks.h"
 
 namespace quillmark::os {
 namespace {
@@ -112,10 +111,10 @@ TEST(VolumeName, IsTheLabelOfTheWholeAndTheOwnNameOfAPart) {
     const char* label;
     const char* name;
   };
-  for (const Case& test : {Case{"/", "/top", 5, "Work", "Work"}, Case{"/", "/top", 5, "", "System"},
-                           Case{"/@", "/", 256, "Work", "Work"}, Case{"/@", "/", 256, "", "System"},
-                           Case{"/@home", "/home", 257, "Work", "home"}, Case{"/a/b", "/b", 258, "", "b"},
-                           Case{"/@", "/mnt", 256, "Work", "@"}}) {
+  for (const Case& test :
+       {Case{"/", "/top", 5, "Work", "Work"}, Case{"/", "/top", 5, "", "System"}, Case{"/@", "/", 256, "Work", "Work"},
+        Case{"/@", "/", 256, "", "System"}, Case{"/@home", "/home", 257, "Work", "home"},
+        Case{"/a/b", "/b", 258, "", "b"}, Case{"/@", "/mnt", 256, "Work", "@"}}) {
     MountEntry entry;
     entry.root = test.root;
     entry.subvolume = test.root;

@@ -1,7 +1,7 @@
-#include "platform/linux/MountTable.h"
-
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+
+#include "platform/linux/MountTable.h"
 
 namespace quillmark::os {
 namespace {
@@ -10,9 +10,9 @@ using ::testing::ElementsAre;
 
 constexpr const char* rootLine = "20 1 254:0 / / rw - ext4 /dev/vda rw\n";
 
-std::string btrfsLine(int id, int parent, const std::string& root, const std::string& point, const std::string& subvolume,
-                      const std::string& mountOptions = "rw", const std::string& superOptions = "rw",
-                      const std::string& number = "256") {
+std::string btrfsLine(int id, int parent, const std::string& root, const std::string& point,
+                      const std::string& subvolume, const std::string& mountOptions = "rw",
+                      const std::string& superOptions = "rw", const std::string& number = "256") {
   return std::to_string(id) + " " + std::to_string(parent) + " 0:40 " + root + " " + point + " " + mountOptions +
          ",relatime shared:3 master:1 - btrfs /dev/sda " + superOptions + ",space_cache=v2,subvolid=" + number +
          ",subvol=" + subvolume + "\n";
@@ -38,9 +38,7 @@ TEST(MountTable, OnlyWholeWritableVisibleSubvolumesAreVolumes) {
       {"a bind of a whole subvolume after its mount", home + btrfsLine(31, 20, "/home", "/again", "/home"), {"/home"}},
       {"read-only by mount", btrfsLine(30, 20, "/home", "/home", "/home", "ro"), {}},
       {"read-only by superblock", btrfsLine(30, 20, "/home", "/home", "/home", "rw", "ro"), {}},
-      {"deleted while mounted",
-       "30 20 0:40 /home//deleted /home rw - btrfs /dev/sda rw,subvolid=256\n",
-       {}},
+      {"deleted while mounted", "30 20 0:40 /home//deleted /home rw - btrfs /dev/sda rw,subvolid=256\n", {}},
       {"a snapshot mounted for reading", btrfsLine(30, 20, "/s/1", "/s", "/s/1", "ro,nosuid,nodev"), {}},
       {"another kind", "30 20 8:1 / /home rw - xfs /dev/sdb rw\n", {}},
       {"covered at its place", home + "31 30 0:50 / /home rw - tmpfs tmpfs rw\n", {}},
@@ -92,9 +90,10 @@ TEST(MountTable, AProcessWithARootOfItsOwnSeesItsMountsAllTheSame) {
 }
 
 TEST(MountTable, TextThatNoKernelWritesHarmsNothing) {
-  for (const std::string text : {"", "\n\n", "x", "1 2 3:4", "1 1 1:1 / / rw - ", "1 2 0:1 / / rw\n",
-                                 "1 2 0:1 / /a rw - t s rw\n2 1 0:1 / /a rw - t s rw\n", "1 1 0:1 / relative rw - t s rw\n",
-                                 "1 1 0:1 / /\\9 rw - btrfs \\ \\0,subvolid=x,subvol=\\777\n"}) {
+  for (const std::string text :
+       {"", "\n\n", "x", "1 2 3:4", "1 1 1:1 / / rw - ", "1 2 0:1 / / rw\n",
+        "1 2 0:1 / /a rw - t s rw\n2 1 0:1 / /a rw - t s rw\n", "1 1 0:1 / relative rw - t s rw\n",
+        "1 1 0:1 / /\\9 rw - btrfs \\ \\0,subvolid=x,subvol=\\777\n"}) {
     const MountTable table = MountTable::parse(text);
     static_cast<void>(table.volumes());
     static_cast<void>(table.holder("/a/b"));
@@ -102,9 +101,8 @@ TEST(MountTable, TextThatNoKernelWritesHarmsNothing) {
 }
 
 TEST(MountTable, TellsWhereAFileSystemIsWrittenAndWhichSubvolumesAreMounted) {
-  const MountTable table =
-      MountTable::parse(rootLine + btrfsLine(30, 20, "/s/1", "/s", "/s/1", "ro") +
-                        btrfsLine(31, 20, "/home/x", "/x", "/home", "rw", "rw", "257"));
+  const MountTable table = MountTable::parse(rootLine + btrfsLine(30, 20, "/s/1", "/s", "/s/1", "ro") +
+                                             btrfsLine(31, 20, "/home/x", "/x", "/home", "rw", "rw", "257"));
   EXPECT_EQ(table.writableMount({0, 40})->mountPoint, "/x");
   EXPECT_EQ(table.writableMount({0, 41}), nullptr);
   EXPECT_TRUE(table.isMounted({0, 40}, 256));

@@ -1,10 +1,9 @@
-#include "platform/NameText.h"
-
 #include <gtest/gtest.h>
 
 #include <random>
 
 #include "base/Text.h"
+#include "platform/NameText.h"
 
 namespace quillmark {
 namespace {
@@ -15,7 +14,8 @@ TEST(NameText, OrdinaryNamesAreThemselvesAndOtherBytesAreEscaped) {
   };
   const std::vector<Case> cases = {
       {"plain name.txt", "plain name.txt", "plain name.txt"},
-      {"\xC3\xA4\xE2\x82\xAC\xF0\x9F\x98\x80", "\xC3\xA4\xE2\x82\xAC\xF0\x9F\x98\x80", "\xC3\xA4\xE2\x82\xAC\xF0\x9F\x98\x80"},
+      {"\xC3\xA4\xE2\x82\xAC\xF0\x9F\x98\x80", "\xC3\xA4\xE2\x82\xAC\xF0\x9F\x98\x80",
+       "\xC3\xA4\xE2\x82\xAC\xF0\x9F\x98\x80"},
       {"a\nb\x7F", "a\nb\x7F", "a\U0010EF0Ab\U0010EF7F"},
       {"\xC3", "\U0010EFC3", "\U0010EFC3"},
       {"\xE2\x82", "\U0010EFE2\U0010EF82", "\U0010EFE2\U0010EF82"},
@@ -45,7 +45,8 @@ TEST(NameText, AnyBytesComeBackFromWellFormedText) {
   for (int i = 0; i < 50'000; ++i) {
     std::string bytes(random() % 12, '\0');
     // Mostly bytes near the borders of UTF-8.
-    for (char& byte : bytes) byte = static_cast<char>(random() % 2 ? random() : "\xF4\x8E\xBC\xBF\xED\xE0\x80\x2F"[random() % 8]);
+    for (char& byte : bytes)
+      byte = static_cast<char>(random() % 2 ? random() : "\xF4\x8E\xBC\xBF\xED\xE0\x80\x2F"[random() % 8]);
     for (const NameEscapes escapes : {NameEscapes::illFormed, NameEscapes::controls}) {
       const std::string text = nameText(bytes, escapes);
       EXPECT_TRUE(isValidUtf8(text));

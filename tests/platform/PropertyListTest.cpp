@@ -1,5 +1,3 @@
-#include "platform/linux/PropertyList.h"
-
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -7,6 +5,7 @@
 #include <random>
 
 #include "base/Error.h"
+#include "platform/linux/PropertyList.h"
 
 namespace quillmark::os {
 namespace {
@@ -56,9 +55,9 @@ TEST(PropertyLists, RefuseWhatIsNone) {
   }();
   std::string hidden;
   for (int i = 0; i < 200; ++i) hidden += "<array><!-- </array> -->";
-  for (const std::string& text : {std::string(), std::string("no list"), std::string("bplist00\x08"), std::string("<plist"),
-                                  document(deep), document(hidden), document("<dict><key>a</key>"),
-                                  std::string(16 * 1024 * 1024 + 1, ' ')}) {
+  for (const std::string& text :
+       {std::string(), std::string("no list"), std::string("bplist00\x08"), std::string("<plist"), document(deep),
+        document(hidden), document("<dict><key>a</key>"), std::string(16 * 1024 * 1024 + 1, ' ')}) {
     EXPECT_THROW(static_cast<void>(parse(text)), Error) << text.substr(0, 60);
   }
   EXPECT_NO_THROW(static_cast<void>(parse(document("<!-- said --><array><string>a</string></array>"))));

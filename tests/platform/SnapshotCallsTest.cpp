@@ -1,5 +1,4 @@
 #include "platform/contract/SnapshotCallsSuite.h"
-
 #include "platform/sim/MachineClock.h"
 #include "platform/sim/SimDisks.h"
 #include "platform/sim/SimSnapshotCalls.h"

@@ -1,5 +1,3 @@
-#include "platform/linux/SnapshotNames.h"
-
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -8,6 +6,7 @@
 
 #include "base/Text.h"
 #include "platform/NameText.h"
+#include "platform/linux/SnapshotNames.h"
 
 namespace quillmark::os {
 namespace {
@@ -18,7 +17,8 @@ const std::string place = ".quillmark/0f0e0d0c-0b0a-4908-8706-050403020100/";
 
 TEST(SnapshotNames, OursBearTheirNameAndOthersTheirPath) {
   const std::map<std::string, std::string> names = {
-      {place + "com.harrowfern.Quillmark.manual.2026-03-01T12-00-00Z.x", "com.harrowfern.Quillmark.manual.2026-03-01T12-00-00Z.x"},
+      {place + "com.harrowfern.Quillmark.manual.2026-03-01T12-00-00Z.x",
+       "com.harrowfern.Quillmark.manual.2026-03-01T12-00-00Z.x"},
       {place + "a:b", "a:b"},
       {place + ":a", ":.quillmark:0f0e0d0c-0b0a-4908-8706-050403020100:%3Aa"},
       {place + "deeper/a", ":.quillmark:0f0e0d0c-0b0a-4908-8706-050403020100:deeper:a"},
@@ -53,7 +53,8 @@ TEST(SnapshotNames, AreOneToOneBoundedAndSurviveTheWayBack) {
     EXPECT_TRUE(isNew || known->second == path) << name;
     EXPECT_TRUE(isValidUtf8(name));
     EXPECT_TRUE(isNameText(name, NameEscapes::controls)) << name;
-    const bool isOurs = path.starts_with(place) && path.find('/', place.size()) == path.npos && path[place.size()] != ':';
+    const bool isOurs =
+        path.starts_with(place) && path.find('/', place.size()) == path.npos && path[place.size()] != ':';
     EXPECT_EQ(isOurs, !name.starts_with(':'));
     EXPECT_TRUE(isOurs || name.size() <= 240);
     const auto fileName = placeFileName(name);

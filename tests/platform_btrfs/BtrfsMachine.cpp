@@ -34,7 +34,8 @@ std::string enterSandbox() {
   }
   if (::faccessat(AT_FDCWD, "/dev/loop-control", W_OK, AT_EACCESS) != 0) return "no loop devices";
   if (std::system("command -v mkfs.btrfs btrfs >/dev/null") != 0) return "no btrfs programs";
-  if (std::system("grep -qw btrfs /proc/filesystems || modprobe btrfs 2>/dev/null") != 0) return "no btrfs in the kernel";
+  if (std::system("grep -qw btrfs /proc/filesystems || modprobe btrfs 2>/dev/null") != 0)
+    return "no btrfs in the kernel";
   return {};
 }
 
@@ -75,12 +76,8 @@ std::string whatIsMissing() {
 }
 
 BtrfsMachine::BtrfsMachine(const std::string& label)
-    : root(freshDirectory()),
-      top(root + "/top"),
-      volume(root + "/volume"),
-      deviceNames(posix, HostPaths().deviceNames, DeviceNames::Mode::writer),
-      disks(deviceNames),
-      dispatch(clock),
+    : root(freshDirectory()), top(root + "/top"), volume(root + "/volume"),
+      deviceNames(posix, HostPaths().deviceNames, DeviceNames::Mode::writer), disks(deviceNames), dispatch(clock),
       calls(dispatch, deviceNames) {
   const std::string image = root + "/image";
   shell("truncate -s 64G " + image + " && mkfs.btrfs -q -L '" + label + "' " + image);
@@ -93,7 +90,8 @@ BtrfsMachine::BtrfsMachine(const std::string& label)
 
 BtrfsMachine::~BtrfsMachine() {
   dispatch.shutdown();
-  std::system(("grep -o ' " + root + "/[^ ]*' /proc/self/mountinfo | tac | xargs -rn1 umount -l; rm -rf " + root).c_str());
+  std::system(
+      ("grep -o ' " + root + "/[^ ]*' /proc/self/mountinfo | tac | xargs -rn1 umount -l; rm -rf " + root).c_str());
 }
 
 std::string BtrfsMachine::shell(const std::string& command) {

@@ -1,9 +1,8 @@
-#include "platform/contract/SnapshotCallsSuite.h"
-
 #include <fcntl.h>
 #include <unistd.h>
 
 #include "BtrfsMachine.h"
+#include "platform/contract/SnapshotCallsSuite.h"
 
 namespace quillmark {
 namespace {

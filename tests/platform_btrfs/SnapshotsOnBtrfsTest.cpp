@@ -51,8 +51,8 @@ TEST_F(SnapshotsOnBtrfs, AForeignSnapshotKeepsItsNameWhateverItsBytesAndDiskutil
                 snapshot + "$'line\\nfeed'; " + snapshot + "$'\\xff\\xfe'; " + snapshot + "com.apple.os.update-1; " +
                 snapshot + "com.harrowfern.Quillmark.manual.x");
   const std::string deep(120, 'p');
-  machine.shell("cd " + machine.top + "; mkdir -p " + deep + "/1/" + deep + " " + deep + "/2/" + deep + "; " + snapshot +
-                deep + "/1/" + deep + "/same; " + snapshot + deep + "/2/" + deep + "/same");
+  machine.shell("cd " + machine.top + "; mkdir -p " + deep + "/1/" + deep + " " + deep + "/2/" + deep + "; " +
+                snapshot + deep + "/1/" + deep + "/same; " + snapshot + deep + "/2/" + deep + "/same");
   ASSERT_EQ(create(machine.volume, "ours"), 0);
   const auto names = machine.names(machine.volume);
   EXPECT_THAT(std::vector(names.begin(), names.begin() + 6),
@@ -80,15 +80,17 @@ TEST_F(SnapshotsOnBtrfs, AForeignSnapshotKeepsItsNameWhateverItsBytesAndDiskutil
 
 TEST_F(SnapshotsOnBtrfs, OnlyReadOnlySnapshotsOfTheVolumeAreListedAndNothingElseIsEverDeleted) {
   ASSERT_EQ(create(machine.volume, "ours"), 0);
-  machine.shell("btrfs -q subvolume snapshot " + machine.volume + " " + place() + "/writable; btrfs -q subvolume create " +
-                place() + "/empty; btrfs -q subvolume snapshot -r " + place() + "/ours " + place() + "/grandchild; " +
-                "btrfs -q subvolume snapshot -r " + machine.top + " " + machine.top + "/of-the-top; mkdir " + place() + "/plain");
+  machine.shell("btrfs -q subvolume snapshot " + machine.volume + " " + place() +
+                "/writable; btrfs -q subvolume create " + place() + "/empty; btrfs -q subvolume snapshot -r " +
+                place() + "/ours " + place() + "/grandchild; " + "btrfs -q subvolume snapshot -r " + machine.top + " " +
+                machine.top + "/of-the-top; mkdir " + place() + "/plain");
   EXPECT_THAT(machine.names(machine.volume), ElementsAre("ours"));
   EXPECT_THAT(machine.names(machine.top), ElementsAre(":of-the-top"));
   for (const char* name : {"writable", "empty", "grandchild", "plain", ":data", "data", ":of-the-top", ":.quillmark"}) {
     EXPECT_EQ(remove(machine.volume, name), ENOENT) << name;
   }
-  machine.shell("ls " + place() + "/writable " + place() + "/empty " + place() + "/grandchild " + machine.top + "/data");
+  machine.shell("ls " + place() + "/writable " + place() + "/empty " + place() + "/grandchild " + machine.top +
+                "/data");
 }
 
 TEST_F(SnapshotsOnBtrfs, ASnapshotMountedInAnotherNamespaceIsNotDeleted) {
@@ -130,8 +132,8 @@ TEST_F(SnapshotsOnBtrfs, WhatIsSentOrPinnedSaysWhyItStays) {
   const std::string property = "btrfs property set -f " + place() + "/pinned ro ";
   machine.shell(property + "false; chattr +i " + place() + "/pinned; " + property + "true");
   EXPECT_EQ(remove(machine.volume, "pinned"), EPERM);
-  machine.shell(property + "false; chattr -i " + place() + "/pinned; " + property + "true; btrfs subvolume set-default " +
-                place() + "/pinned");
+  machine.shell(property + "false; chattr -i " + place() + "/pinned; " + property +
+                "true; btrfs subvolume set-default " + place() + "/pinned");
   EXPECT_EQ(remove(machine.volume, "pinned"), EPERM);
   machine.shell("btrfs subvolume set-default 5 " + machine.top);
   EXPECT_EQ(remove(machine.volume, "pinned"), 0);
@@ -159,7 +161,8 @@ TEST_F(SnapshotsOnBtrfs, APlaceThatIsNotOursIsRefused) {
 }
 
 TEST_F(SnapshotsOnBtrfs, OnlyWholeWritableSubvolumesAreVolumes) {
-  const std::string bound = makeDirectory("bound"), again = machine.root + "/again", readOnly = machine.root + "/read-only";
+  const std::string bound = makeDirectory("bound"), again = machine.root + "/again",
+                    readOnly = machine.root + "/read-only";
   machine.shell("mkdir " + machine.volume + "/folder; mount --bind " + machine.volume + "/folder " + bound);
   machine.mount(again, "subvol=data");
   machine.mount(readOnly, "ro,subvol=data");
@@ -248,9 +251,9 @@ TEST_F(SnapshotsOnBtrfs, IdentitiesAscendAlsoWhenManyMakeSnapshotsAtOnceAndIdsRe
   EXPECT_EQ(transactions.size(), 40u);  // one each, so that their order is the order of making
   for (const auto& entry : entries) ASSERT_EQ(remove(machine.volume, entry.name), 0);
   ASSERT_TRUE(machine.calls.waitForSpace(std::chrono::seconds(30)));
-  machine.shell("L=$(losetup -n -O NAME " + machine.device + "); exec 9<$L; umount " + machine.volume + " " + machine.top +
-                "; mount -o subvolid=5 " + machine.device + " " + machine.top + "; mount -o subvol=data " + machine.device +
-                " " + machine.volume);
+  machine.shell("L=$(losetup -n -O NAME " + machine.device + "); exec 9<$L; umount " + machine.volume + " " +
+                machine.top + "; mount -o subvolid=5 " + machine.device + " " + machine.top +
+                "; mount -o subvol=data " + machine.device + " " + machine.volume);
   ASSERT_EQ(create(machine.volume, "after"), 0);
   EXPECT_GT(contract::listAll(machine.calls, *machine.open(machine.volume)).at(0).fileId, entries.back().fileId);
 }
@@ -343,7 +346,8 @@ TEST_F(SnapshotsOnBtrfs, AThousandSnapshotsAreListedWithinThriceTheBareCost) {
   const UniqueFd source(::open(machine.volume.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
   const UniqueFd directory(::open(place().c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
   for (int i = 0; i < 999; ++i) {
-    ASSERT_TRUE(btrfs::createSnapshot(directory.get(), source.get(), "com.harrowfern.Quillmark.auto." + std::to_string(i)));
+    ASSERT_TRUE(
+        btrfs::createSnapshot(directory.get(), source.get(), "com.harrowfern.Quillmark.auto." + std::to_string(i)));
   }
   const auto bare = fastestOf(9, [&] {
     std::set<std::uint64_t> directories;

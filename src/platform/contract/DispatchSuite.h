@@ -313,6 +313,23 @@ TEST_P(DispatchSuite, ATimersHandlerNeverRunsTwiceAtOnce) {
   });
 }
 
+TEST_P(DispatchSuite, WhatComesDueWhileTheHandlerRunsFiresAfterwards) {
+  on([](Dispatch& dispatch) {
+    auto queue = dispatch.makeQueue({.label = "timers", .concurrent = true});
+    Semaphore fired(dispatch);
+    std::unique_ptr<Timer> timer;
+    int firings = 0;
+    timer = dispatch.makeTimer(queue, [&] {
+      if (++firings < 3) timer->fireAfter(0ns);
+      sleepFor(dispatch, 5ms);
+      fired.signal();
+    });
+    timer->fireAfter(0ns);
+    for (int i = 0; i < 3; ++i) EXPECT_TRUE(fired.waitFor(10s));
+    EXPECT_FALSE(fired.waitFor(10ms));
+  });
+}
+
 TEST_P(DispatchSuite, ADroppedTimerEndsTheFiringUnderWayAndStartsNoOther) {
   on([](Dispatch& dispatch) {
     auto queue = dispatch.makeQueue({.label = "timers"});

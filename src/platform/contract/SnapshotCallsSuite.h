@@ -46,7 +46,8 @@ inline std::vector<SnapshotListEntry> parseRecords(std::span<const std::byte> bu
   return entries;
 }
 
-inline std::vector<SnapshotListEntry> listAll(SnapshotCalls& calls, OpenVolume& volume, std::size_t bufferSize = 65536) {
+inline std::vector<SnapshotListEntry> listAll(SnapshotCalls& calls, OpenVolume& volume,
+                                              std::size_t bufferSize = 65536) {
   std::vector<SnapshotListEntry> all;
   std::vector<std::byte> buffer(bufferSize);
   for (;;) {

@@ -247,7 +247,7 @@ TEST_P(TransportSuite, WhileTooMuchWaitsToBeSentNothingMoreIsServed) {
 
 TEST_P(TransportSuite, AnEndComesToAPeerThatStopsReading) {
   const auto answer = [](const std::shared_ptr<TransportConnection>& connection, const std::string&) {
-    connection->send(std::string(4'000'000, 'r'));
+    for (int i = 0; i < 40; ++i) connection->send(std::string(100'000, 'r'));
     connection->close();
   };
   on({.stallLimit = 150ms}, [&](TransportBackend& backend) {
@@ -257,7 +257,6 @@ TEST_P(TransportSuite, AnEndComesToAPeerThatStopsReading) {
     peer->send("go");
     static_cast<void>(server.await(1));
     const MonotonicTime from = backend.dispatch().clock().monotonic();
-    peer->send("again");
     EXPECT_THAT(server.await(2), ElementsAre("go", "[stalled]"));
     EXPECT_GE(backend.dispatch().clock().monotonic() - from, 100ms);
   });

@@ -121,7 +121,8 @@ SysResult<std::string> label(int fd) {
 }
 
 SysStatus searchTree(int fd, std::uint64_t tree, TreeKey first, TreeKey last, TreeItemUse use) {
-  const auto memory = std::make_unique_for_overwrite<std::byte[]>(sizeof(btrfs_ioctl_search_args_v2) + searchBufferSize);
+  const auto memory =
+      std::make_unique_for_overwrite<std::byte[]>(sizeof(btrfs_ioctl_search_args_v2) + searchBufferSize);
   auto* arguments = reinterpret_cast<btrfs_ioctl_search_args_v2*>(memory.get());
   *arguments = {};
   btrfs_ioctl_search_key& key = arguments->key;
@@ -149,13 +150,14 @@ SysStatus searchTree(int fd, std::uint64_t tree, TreeKey first, TreeKey last, Tr
 SysStatus forEachSubvolume(int fd, SubvolumeUse use) {
   std::optional<Subvolume> current;
   const TreeKey first{BTRFS_FIRST_FREE_OBJECTID, 0, 0}, last{BTRFS_LAST_FREE_OBJECTID, 255, ~0ull};
-  return searchTree(fd, BTRFS_ROOT_TREE_OBJECTID, first, last, [&](const TreeKey& key, std::span<const std::byte> item) {
-    if (key.type == BTRFS_ROOT_ITEM_KEY) current = subvolumeOfItem(key.objectId, item);
-    if (key.type == BTRFS_ROOT_BACKREF_KEY && current && current->id == key.objectId) {
-      if (const auto place = placeOfItem(key.offset, item)) use(*current, *place);
-    }
-    return true;
-  });
+  return searchTree(fd, BTRFS_ROOT_TREE_OBJECTID, first, last,
+                    [&](const TreeKey& key, std::span<const std::byte> item) {
+                      if (key.type == BTRFS_ROOT_ITEM_KEY) current = subvolumeOfItem(key.objectId, item);
+                      if (key.type == BTRFS_ROOT_BACKREF_KEY && current && current->id == key.objectId) {
+                        if (const auto place = placeOfItem(key.offset, item)) use(*current, *place);
+                      }
+                      return true;
+                    });
 }
 
 SysResult<PlacedSubvolume> findSubvolume(int fd, SubvolumeId id) {
@@ -183,11 +185,10 @@ SysResult<std::string> directoryPath(int fd, SubvolumeId subvolume, std::uint64_
 SysResult<bool> isPinned(int fd, SubvolumeId subvolume, std::uint64_t inode) {
   bool pinned = false;
   const TreeKey key{inode, BTRFS_INODE_ITEM_KEY, 0};
-  const SysStatus status =
-      searchTree(fd, subvolume, key, key, [&](const TreeKey&, std::span<const std::byte> item) {
-        pinned = (le64toh(itemOf<btrfs_inode_item>(item).flags) & (inodeImmutable | inodeAppend)) != 0;
-        return false;
-      });
+  const SysStatus status = searchTree(fd, subvolume, key, key, [&](const TreeKey&, std::span<const std::byte> item) {
+    pinned = (le64toh(itemOf<btrfs_inode_item>(item).flags) & (inodeImmutable | inodeAppend)) != 0;
+    return false;
+  });
   if (!status) return Errno{status.error()};
   return pinned;
 }
@@ -196,8 +197,8 @@ SysResult<SubvolumeId> defaultSubvolume(int fd) {
   SubvolumeId id = topLevelId;
   const TreeKey first{BTRFS_ROOT_TREE_DIR_OBJECTID, BTRFS_DIR_ITEM_KEY, 0};
   const TreeKey last{BTRFS_ROOT_TREE_DIR_OBJECTID, BTRFS_DIR_ITEM_KEY, ~0ull};
-  const SysStatus status = searchTree(
-      fd, BTRFS_ROOT_TREE_OBJECTID, first, last, [&](const TreeKey&, std::span<const std::byte> item) {
+  const SysStatus status =
+      searchTree(fd, BTRFS_ROOT_TREE_OBJECTID, first, last, [&](const TreeKey&, std::span<const std::byte> item) {
         if (item.size() < sizeof(btrfs_dir_item)) return true;
         id = le64toh(itemOf<btrfs_dir_item>(item).location.objectid);
         return false;
@@ -227,5 +228,7 @@ SysStatus commit(int fd) {
   if (const SysStatus status = call(fd, BTRFS_IOC_START_SYNC, &transaction); !status) return status;
   return call(fd, BTRFS_IOC_WAIT_SYNC, &transaction);
 }
+
+SysStatus syncAndClean(int fd) { return call(fd, BTRFS_IOC_SYNC, nullptr); }
 
 }  // namespace quillmark::os::btrfs

@@ -93,5 +93,7 @@ struct PlacedSubvolume {
 [[nodiscard]] SysStatus destroySubvolume(int topLevel, SubvolumeId id);
 // Returns when what was done so far is on disk.
 [[nodiscard]] SysStatus commit(int fd);
+// Writes out all data too, and sets the cleaner to work even when there was nothing to commit.
+[[nodiscard]] SysStatus syncAndClean(int fd);
 
 }  // namespace quillmark::os::btrfs

@@ -51,8 +51,7 @@ SysResult<UniqueFd> mountFromAny(const FileSystemSource& source, btrfs::Subvolum
 
 SysResult<UniqueFd> openMount(const MountEntry& entry) {
   // The path handle asks nothing of what it leads to, and its mount id tells whether that is what the table promised.
-  const UniqueFd handle(
-      ::open(nameBytes(entry.mountPoint).c_str(), O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+  const UniqueFd handle(::open(nameBytes(entry.mountPoint).c_str(), O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
   if (!handle.valid()) return Errno{errno};
   struct statx status;
   if (::statx(handle.get(), "", AT_EMPTY_PATH | AT_STATX_DONT_SYNC, STATX_MNT_ID, &status) != 0) return Errno{errno};

@@ -1,8 +1,8 @@
 #include "platform/linux/DeviceNames.h"
 
+#include <boost/json.hpp>
 #include <fmt/format.h>
 
-#include <boost/json.hpp>
 #include <cerrno>
 #include <charconv>
 #include <set>
@@ -41,7 +41,8 @@ std::optional<std::string> numbersFault(const json::object& map, std::string_vie
     const auto* entry = value.if_object();
     const auto number = entry ? numberAt(*entry, numberKey) : std::nullopt;
     const auto uuid = Uuid::parse(key);
-    if (!uuid || uuid->lower() != std::string_view(key)) return fmt::format("\"{}\" is no UUID in lower case", displayName(nameText(key)));
+    if (!uuid || uuid->lower() != std::string_view(key))
+      return fmt::format("\"{}\" is no UUID in lower case", displayName(nameText(key)));
     if (!number || *number == 0) return fmt::format("{} has no valid \"{}\"", std::string_view(key), numberKey);
     if (!numbers.insert(*number).second) return fmt::format("\"{}\" {} stands twice", numberKey, *number);
   }
@@ -208,7 +209,9 @@ class DeviceNames::File final {
     return root();
   }
 
-  static std::string above(const std::string& path) { return path.substr(0, std::max<std::size_t>(1, path.rfind('/'))); }
+  static std::string above(const std::string& path) {
+    return path.substr(0, std::max<std::size_t>(1, path.rfind('/')));
+  }
 
   bool makeDirectory() {
     const std::string directory = above(path_);

@@ -22,8 +22,8 @@ namespace {
 constexpr int linkLimit = 40;
 
 bool answersAlways(const MountEntry* entry) {
-  static constexpr std::array<std::string_view, 14> kinds = {"btrfs", "ext2",   "ext3",  "ext4", "xfs",
-                                                             "f2fs",  "vfat",   "exfat", "bcachefs", "tmpfs",
+  static constexpr std::array<std::string_view, 14> kinds = {"btrfs", "ext2",   "ext3",     "ext4",     "xfs",
+                                                             "f2fs",  "vfat",   "exfat",    "bcachefs", "tmpfs",
                                                              "ramfs", "rootfs", "devtmpfs", "overlay"};
   return entry && std::find(kinds.begin(), kinds.end(), entry->type) != kinds.end();
 }

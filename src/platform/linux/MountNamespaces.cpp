@@ -38,7 +38,8 @@ SysResult<std::string> readAll(const std::string& path) {
 }
 
 bool isProcess(const char* name) {
-  return *name && std::all_of(name, name + std::char_traits<char>::length(name), [](char c) { return c >= '0' && c <= '9'; });
+  return *name &&
+         std::all_of(name, name + std::char_traits<char>::length(name), [](char c) { return c >= '0' && c <= '9'; });
 }
 
 }  // namespace

@@ -61,7 +61,8 @@ class DepthCheck final {
   std::size_t skip(std::size_t from, std::string_view closing) {
     const std::size_t end = text_.find(closing, from);
     if (end == text_.npos) refuse("The property list ends within a comment.");
-    if (text_.substr(from, end - from).find_first_of("<>") != text_.npos) refuse("The property list has a tag in a comment.");
+    if (text_.substr(from, end - from).find_first_of("<>") != text_.npos)
+      refuse("The property list has a tag in a comment.");
     return end + closing.size();
   }
 
@@ -127,13 +128,9 @@ PropertyList valueOf(plist_t node) {
   double real = 0;
   std::uint64_t length = 0;
   switch (::plist_get_node_type(node)) {
-    case PLIST_BOOLEAN:
-      ::plist_get_bool_val(node, &truth);
-      return PropertyList::Value(truth != 0);
+    case PLIST_BOOLEAN: ::plist_get_bool_val(node, &truth); return PropertyList::Value(truth != 0);
     case PLIST_UINT: return numberOf(node);
-    case PLIST_REAL:
-      ::plist_get_real_val(node, &real);
-      return PropertyList::Value(real);
+    case PLIST_REAL: ::plist_get_real_val(node, &real); return PropertyList::Value(real);
     case PLIST_STRING: {
       const char* text = ::plist_get_string_ptr(node, &length);
       return PropertyList::Value(repairUtf8({text ? text : "", text ? length : 0}));

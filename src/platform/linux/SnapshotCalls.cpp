@@ -66,8 +66,8 @@ SysStatus destroyChecked(int topLevel, DeviceNumber device, const VolumeIdentity
   if (*isMounted) return Errno{EBUSY};
   const auto now = btrfs::findSubvolume(topLevel, snapshot.subvolume.id);
   if (!now) return Errno{now.error()};
-  const bool isAsListed = now->subvolume == snapshot.subvolume && now->place == snapshot.place &&
-                          volume.isSnapshot(now->subvolume);
+  const bool isAsListed =
+      now->subvolume == snapshot.subvolume && now->place == snapshot.place && volume.isSnapshot(now->subvolume);
   if (!isAsListed) return Errno{ENOENT};
   const SysStatus destroyed = btrfs::destroySubvolume(topLevel, snapshot.subvolume.id);
   if (!destroyed) return Errno{destroyError(topLevel, snapshot, destroyed.error())};
@@ -162,8 +162,7 @@ SysStatus LinuxSnapshotCalls::fs_snapshot_mount(OpenVolume& volume, const std::s
   if (!source) return Errno{source.error()};
   const auto snapshot = findByName(opened.fd(), opened.identity(), name);
   if (!snapshot) return Errno{snapshot.error()};
-  const UniqueFd target(
-      ::open(nameBytes(directory).c_str(), O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+  const UniqueFd target(::open(nameBytes(directory).c_str(), O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
   if (!target.valid()) return Errno{errno};
   MutexLock lock(mounting_);
   const auto table = MountTable::read();

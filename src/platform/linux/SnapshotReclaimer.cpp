@@ -10,7 +10,9 @@ namespace {
 using std::chrono::milliseconds;
 
 constexpr milliseconds firstLook{5};
-constexpr milliseconds longestPause{2000};
+constexpr milliseconds longestPause{2560};
+// The cleaner is set to work by a commit; one that had just come before it, or found nothing to write, passes it by.
+constexpr milliseconds nudges[] = {milliseconds(80), milliseconds(640), milliseconds(2560)};
 // A snapshot that somebody reads in keeps its space until he is done; the kernel then does the rest by itself.
 constexpr std::chrono::minutes patience{2};
 
@@ -24,12 +26,10 @@ bool isGone(int fd, const btrfs::Subvolume& snapshot) {
 class SnapshotReclaimer::Work final : public std::enable_shared_from_this<Work> {
  public:
   Work(Dispatch& dispatch, std::shared_ptr<Group> underWay)
-      : dispatch_(dispatch),
-        queue_(dispatch.makeQueue({.label = "com.harrowfern.quillmark.reclaim",
-                                   .concurrent = false,
-                                   .qualityOfService = QualityOfService::utility})),
-        underWay_(std::move(underWay)),
-        mutex_(dispatch) {}
+      : dispatch_(dispatch), queue_(dispatch.makeQueue({.label = "com.harrowfern.quillmark.reclaim",
+                                                        .concurrent = false,
+                                                        .qualityOfService = QualityOfService::utility})),
+        underWay_(std::move(underWay)), mutex_(dispatch) {}
 
   void add(const FileSystemSource& source, const btrfs::Subvolume& snapshot) {
     MutexLock lock(mutex_);
@@ -52,6 +52,7 @@ class SnapshotReclaimer::Work final : public std::enable_shared_from_this<Work> 
       fresh_.clear();
     }
     until_ = dispatch_.clock().monotonic() + patience;
+    nudgesLeft_.assign(std::begin(nudges), std::end(nudges));
     if (!withMount(source, [](int fd) { static_cast<void>(btrfs::commit(fd)); })) waiting_.clear();
     look(source, firstLook);
   }
@@ -60,7 +61,12 @@ class SnapshotReclaimer::Work final : public std::enable_shared_from_this<Work> 
     const bool mounted = !waiting_.empty() && withMount(source, [&](int fd) {
       std::erase_if(waiting_, [&](const btrfs::Subvolume& snapshot) { return isGone(fd, snapshot); });
       // What the cleaner freed can be used only after the next commit.
-      if (waiting_.empty()) static_cast<void>(btrfs::commit(fd));
+      if (waiting_.empty()) {
+        static_cast<void>(btrfs::commit(fd));
+      } else if (std::find(nudgesLeft_.begin(), nudgesLeft_.end(), pause) != nudgesLeft_.end()) {
+        std::erase(nudgesLeft_, pause);
+        static_cast<void>(btrfs::syncAndClean(fd));
+      }
     });
     if (!mounted || dispatch_.clock().monotonic() >= until_) waiting_.clear();
     if (waiting_.empty()) return finish();
@@ -96,6 +102,7 @@ class SnapshotReclaimer::Work final : public std::enable_shared_from_this<Work> 
   // Confined to queue_.
   std::vector<btrfs::Subvolume> waiting_;
   MonotonicTime until_;
+  std::vector<milliseconds> nudgesLeft_;
 
   Mutex mutex_;
   bool isRunning_ GUARDED_BY(mutex_) = false;

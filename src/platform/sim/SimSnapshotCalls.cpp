@@ -53,15 +53,14 @@ SysResult<int> SimSnapshotCalls::fs_snapshot_list(OpenVolume& volume, const Attr
   if (!opened.listing) {
     opened.listing.emplace();
     for (const SimSnapshot& snapshot : volumes_.snapshots(opened.uuid)) {
-      opened.listing->push_back(
-          {snapshot.name, snapshot.createdSeconds, snapshot.createdNanoseconds, snapshot.fileId});
+      opened.listing->push_back({snapshot.name, snapshot.createdSeconds, snapshot.createdNanoseconds, snapshot.fileId});
     }
   }
   return writeSnapshotRecords(*opened.listing, opened.next, attributes, buffer);
 }
 
-SysStatus SimSnapshotCalls::fs_snapshot_mount(OpenVolume& volume, const std::string& directory,
-                                              const std::string& name, std::uint32_t mountFlags) {
+SysStatus SimSnapshotCalls::fs_snapshot_mount(OpenVolume& volume, const std::string& directory, const std::string& name,
+                                              std::uint32_t mountFlags) {
   if (const SysStatus begun = volumes_.begin(SimCall::mount, directory); !begun) return begun;
   return volumes_.mount(own(volume).uuid, directory, name, mountFlags);
 }

@@ -10,7 +10,8 @@ namespace {
 
 template <class Snapshots>
 auto withName(Snapshots& snapshots, const std::string& name) {
-  return std::find_if(snapshots.begin(), snapshots.end(), [&](const SimSnapshot& snapshot) { return snapshot.name == name; });
+  return std::find_if(snapshots.begin(), snapshots.end(),
+                      [&](const SimSnapshot& snapshot) { return snapshot.name == name; });
 }
 
 bool contains(const std::string& mountPoint, const std::string& path) {
@@ -48,9 +49,8 @@ SimVolume makeSimVolume(const Uuid& uuid, const std::string& name, const std::st
 SimVolumes::SimVolumes() = default;
 
 SimVolume* SimVolumes::find(const Uuid& volume) {
-  const auto found = std::find_if(volumes_.begin(), volumes_.end(), [&](const SimVolume& candidate) {
-    return candidate.uuid == volume;
-  });
+  const auto found = std::find_if(volumes_.begin(), volumes_.end(),
+                                  [&](const SimVolume& candidate) { return candidate.uuid == volume; });
   return found == volumes_.end() ? nullptr : &*found;
 }
 
@@ -128,8 +128,8 @@ SysStatus SimVolumes::mount(const Uuid& uuid, const std::string& directory, cons
 
 SysStatus SimVolumes::unmount(const std::string& directory, bool force) {
   os::NativeLock lock(mutex_);
-  const auto found = std::find_if(mounts_.begin(), mounts_.end(),
-                                  [&](const Mount& mount) { return mount.directory == directory; });
+  const auto found =
+      std::find_if(mounts_.begin(), mounts_.end(), [&](const Mount& mount) { return mount.directory == directory; });
   if (found == mounts_.end()) return Errno{EINVAL};
   if (found->isBusy && !force) return Errno{EBUSY};
   mounts_.erase(found);

@@ -32,7 +32,9 @@ class Facts final {
     entries_.emplace_back(key, std::move(value));
     return *this;
   }
-  Facts& add(const char* key, const std::optional<std::string>& value) { return value ? add(key, text(*value)) : *this; }
+  Facts& add(const char* key, const std::optional<std::string>& value) {
+    return value ? add(key, text(*value)) : *this;
+  }
   Facts& add(const char* key, const std::optional<std::uint64_t>& value) {
     return value ? add(key, number(*value)) : *this;
   }
@@ -113,7 +115,8 @@ PropertyList volumeOfContainer(LinuxDisks& disks, const FoundVolume& volume) {
 PropertyList snapshotsOfVolume(DeviceNames& names, const std::string& device) {
   const MountTable table = readTable();
   const FoundVolume volume = volumeOfDevice(names, table, device);
-  const VolumeIdentity identity{volume.mounted.subvolume.id, volume.mounted.subvolume.uuid, volume.mounted.volumeUuid()};
+  const VolumeIdentity identity{volume.mounted.subvolume.id, volume.mounted.subvolume.uuid,
+                                volume.mounted.volumeUuid()};
   const auto snapshots = listSnapshots(volume.mounted.fd.get(), identity);
   if (!snapshots) fail(posixError("list", device, snapshots.error()).description());
   PropertyArray rows;

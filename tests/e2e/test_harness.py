@@ -1,0 +1,41 @@
+"""That the harness means what the tests take it for."""
+
+import os
+import subprocess
+import sys
+import unittest
+
+import sandbox
+import volumes
+from test_mounts import hung_mount
+
+
+class Harness(unittest.TestCase):
+    def test_foreign_names_are_one_to_one(self):
+        table = {b"a/b": ":a:b", b"a:b": ":a%3Ab", b"a%3Ab": ":a%253Ab", b"\xff": ":\U0010efff", b"\n": ":\U0010ef0a",
+                 "é".encode(): ":é", "\U0010ef41".encode(): ":" + "".join(chr(0x10EF00 + b) for b in b"\xf4\x8e\xbd\x81")}
+        for path, name in table.items():
+            self.assertEqual(volumes.listed_name(path), name)
+
+    def test_mount_points_of_any_bytes_are_read(self):
+        path = os.fsdecode("/tmp/a b\tü\\".encode() + b"\xfe")
+        os.mkdir(path)
+        sandbox.mount("none", path, "tmpfs")
+        self.assertTrue(volumes.is_mounted(path))
+        sandbox.detach(path)
+        self.assertFalse(volumes.is_mounted(path))
+
+    def test_a_volume_goes_with_all_that_holds_it(self):
+        volume = volumes.Volume("short-lived")
+        with open(volume.write("file", "text")) as reader:
+            volume.destroy()
+            self.assertEqual(reader.read(), "text")
+        self.assertFalse(os.path.exists(volume.path))
+
+    def test_the_hung_mount_really_hangs_whoever_asks_it(self):
+        with hung_mount("/hung"):
+            asking = subprocess.Popen([sys.executable, "-c", "import os; os.statvfs('/hung')"], stderr=subprocess.DEVNULL)
+            with self.assertRaises(subprocess.TimeoutExpired):
+                asking.wait(0.5)
+            asking.kill()
+            asking.wait()

@@ -1,0 +1,256 @@
+#include <algorithm>
+
+#include "ServiceMachine.h"
+#include "journal/AuditTrail.h"
+#include "scheduling/rules/HelperSettings.h"
+#include "scheduling/rules/SchedulePolicy.h"
+#include "service/CommandHandlers.h"
+#include "snapshots/MountNames.h"
+#include "snapshots/SnapshotLabels.h"
+#include "wire/Json.h"
+#include "wire/Records.h"
+
+namespace quillmark {
+namespace {
+
+using ::testing::Contains;
+using ::testing::ElementsAre;
+using ::testing::HasSubstr;
+using ::testing::IsEmpty;
+using ::testing::StartsWith;
+
+const std::string ours = "com.harrowfern.Quillmark.manual.2026-03-01T09-00-00Z";
+
+std::vector<SnapshotRecord> recordsOf(const RpcIncoming& reply) {
+  return decodeJson<std::vector<SnapshotRecord>>(reply.reply.valueJson.value_or("[]"));
+}
+
+void expectError(const RpcIncoming& reply, QuillmarkErrorCode code, const std::string& text) {
+  ASSERT_TRUE(reply.reply.error) << text;
+  EXPECT_EQ(reply.reply.error->code(), static_cast<long>(code)) << text;
+  EXPECT_EQ(reply.reply.error->description(), text);
+  EXPECT_FALSE(reply.reply.valueJson) << text;
+}
+
+TEST(Commands, allHaveAHandler) {
+  for (const CommandSpec& command : commandTable()) EXPECT_NE(handlerOf(command.selector), nullptr) << command.selector;
+}
+
+TEST(Commands, makeListMountUnmountAndDeleteASnapshot) {
+  ServiceMachine machine;
+  machine.run([&] {
+    TestClient client = machine.connect();
+    const std::string uuid = machine.uuid.upper();
+    EXPECT_EQ(stringValue(client.call(CreateSnapshot{uuid, "before upgrade"}).reply), ours + ".before-upgrade");
+    const auto records = recordsOf(client.call(ListSnapshots{uuid, false, false}));
+    ASSERT_EQ(records.size(), 1U);
+    const SnapshotRecord& record = records[0];
+    EXPECT_EQ(record.name, ours + ".before-upgrade");
+    EXPECT_NE(record.xid.value, 0U);
+    EXPECT_FALSE(record.isProtected || record.isAutoProtected || record.isIndexed);
+    const std::string path = stringValue(client.call(MountSnapshot{record.name, uuid, record.xid.value}).reply);
+    EXPECT_EQ(path, machine.paths.userMountRoot + "/Data-" + machine.uuid.lower() + "@snap-" +
+                        std::to_string(record.xid.value));
+    EXPECT_EQ(stringValue(client.call(MountSnapshot{record.name, uuid, record.xid.value}).reply), path);
+    EXPECT_EQ(machine.volumes.mounts().size(), 1U) << "a mount that stands is used again";
+    EXPECT_FALSE(client.call(UnmountSnapshot{path}).reply.error);
+    EXPECT_THAT(machine.volumes.mounts(), IsEmpty());
+    EXPECT_FALSE(client.call(DeleteSnapshot{record.name, uuid, false}).reply.error);
+    EXPECT_THAT(machine.names(), IsEmpty());
+  });
+  EXPECT_THAT(machine.logged(), Contains("createSnapshot OK: " + ours + ".before-upgrade on Data"));
+  EXPECT_THAT(machine.logged(), Contains("listSnapshots resolved volume: Data at /Volumes/Data role=<none>"));
+  EXPECT_THAT(machine.logged(), Contains("listSnapshots OK: 1 visible / 1 raw"));
+  EXPECT_THAT(machine.logged(), Contains(HasSubstr("(newMount=false)")));
+}
+
+TEST(Commands, refuseWhatIsMalformedUnknownOrNotTheirs) {
+  ServiceMachine machine;
+  Uuid backup = machine.uuid;
+  backup.bytes[0] = 1;
+  sim::SimVolume disk = sim::makeSimVolume(backup, "Vault", "/Volumes/Vault", "disk2s1");
+  disk.description.role = std::string("Backup");
+  disk.description.deviceInternal = false;
+  machine.volumes.add(disk);
+  using enum QuillmarkErrorCode;
+  machine.run([&] {
+    TestClient client = machine.connect();
+    const std::string uuid = machine.uuid.lower(), vault = backup.lower();
+    const std::string malformed = "Volume UUID is malformed", badName = "Snapshot name is malformed";
+    const std::string badLabel = "Label must be 0-127 chars, no slashes, no control chars";
+    const std::string unknown = "ffffffff-4455-6677-8899-aabbccddeeff";
+    for (const std::string& text : {std::string(), uuid + "0", std::string(36, 'x')}) {
+      expectError(client.call(ListSnapshots{text, false, false}), invalidVolumeUUID, malformed);
+      expectError(client.call(CreateSnapshot{text, ""}), invalidVolumeUUID, malformed);
+      expectError(client.call(DeleteSnapshot{"a", text, false}), invalidVolumeUUID, malformed);
+      expectError(client.call(MountSnapshot{"a", text, 1}), invalidVolumeUUID, malformed);
+      expectError(client.call(GetSchedule{text}), invalidVolumeUUID, malformed);
+    }
+    for (const std::string& label : {std::string(128, 'a'), std::string("a/b"), std::string("a\nb")}) {
+      expectError(client.call(CreateSnapshot{uuid, label}), invalidLabel, badLabel);
+    }
+    std::string wide;
+    for (int i = 0; i < 64; ++i) wide += "ü";
+    expectError(client.call(CreateSnapshot{uuid, wide}), invalidLabel, badLabel);
+    for (const std::string& name : {std::string(), std::string(241, 'a'), std::string("a/b"), std::string("a\tb"),
+                                    std::string("\xF4\x8E\xBC\xAF")}) {
+      expectError(client.call(DeleteSnapshot{name, uuid, true}), invalidSnapshotUUID, badName);
+      expectError(client.call(MountSnapshot{name, uuid, 1}), invalidSnapshotUUID, badName);
+    }
+    expectError(client.call(CreateSnapshot{unknown, ""}), volumeNotFound, "No mounted APFS volume with UUID " + unknown);
+    expectError(client.call(DeleteSnapshot{std::string(240, 'a'), uuid, true}), snapshotNotFound, "Snapshot no longer exists");
+    expectError(client.call(DeleteSnapshot{"com.apple.os.x", uuid, true}), notOurSnapshot,
+                "Refusing to delete OS-managed snapshot \"com.apple.os.x\"");
+    expectError(client.call(MountSnapshot{"com.apple.os.x", uuid, 1}), notOurSnapshot,
+                "Snapshot \"com.apple.os.x\" is a macOS system snapshot, so Quillmark will not mount it.");
+    expectError(client.call(MountSnapshot{"a", uuid, 7}), snapshotNotFound, "Snapshot 7 no longer exists on Data");
+    const std::string only = "Volume \"Vault\" has the APFS Backup role (a backup target such as a Time Machine disk). "
+                             "Quillmark only displays its snapshots, so it will not ";
+    expectError(client.call(DeleteSnapshot{"a", vault, true}), volumeNotAPFSData, only + "delete snapshots.");
+    expectError(client.call(MountSnapshot{"a", vault, 1}), volumeNotAPFSData, only + "mount snapshots.");
+    expectError(client.call(CreateSnapshot{vault, ""}), volumeNotAPFSData,
+                "Refusing to create snapshot on volume \"Vault\" (role=Backup). Snapshots may only be created on Data or "
+                "unrolled volumes.");
+    expectError(client.call(UnmountSnapshot{"/Volumes/Data"}), invalidMountPath,
+                "Path must resolve under " + machine.paths.userMountRoot);
+    expectError(client.call(UnmountSnapshot{machine.paths.userMountRoot + "/Data@snap-1"}), invalidMountPath,
+                "Refusing to unmount a path that is not a read-only APFS snapshot mount");
+  });
+  EXPECT_THAT(machine.logged(), Contains("createSnapshot failed: Volume UUID is malformed"));
+  EXPECT_THAT(machine.names(), IsEmpty());
+}
+
+TEST(Commands, coverForeignSnapshotsAndHideTheSystems) {
+  ServiceMachine machine;
+  machine.run([&] {
+    TestClient client = machine.connect();
+    const std::string uuid = machine.uuid.lower();
+    for (const char* name : {":backups:daily", "com.apple.os.update-1"}) {
+      (void)machine.volumes.addSnapshot(machine.uuid, name, machine.life.clock().now());
+    }
+    const auto records = recordsOf(client.call(ListSnapshots{uuid, true, true}));
+    ASSERT_EQ(records.size(), 1U);
+    EXPECT_TRUE(records[0].isProtected);
+    EXPECT_TRUE(records[0].isAutoProtected);
+    expectError(client.call(DeleteSnapshot{":backups:daily", uuid, false}), QuillmarkErrorCode::protectedSnapshot,
+                "Refusing to delete a protected snapshot. Use Force or unprotect it first.");
+    EXPECT_FALSE(client.call(DeleteSnapshot{":backups:daily", uuid, true}).reply.error);
+    EXPECT_THAT(machine.names(), ElementsAre("com.apple.os.update-1"));
+  });
+  EXPECT_THAT(machine.logged(), Contains("listSnapshots OK: 1 visible / 2 raw"));
+}
+
+TEST(Commands, leaveAStrangersMountPointAlone) {
+  ServiceMachine machine;
+  machine.run([&] {
+    TestClient client = machine.connect();
+    const std::string uuid = machine.uuid.lower();
+    const std::string a = stringValue(client.call(CreateSnapshot{uuid, "a"}).reply);
+    const std::string b = stringValue(client.call(CreateSnapshot{uuid, "b"}).reply);
+    const auto records = recordsOf(client.call(ListSnapshots{uuid, false, false}));
+    const std::string path = machine.paths.userMountRoot + "/Data-" + uuid + "@snap-" + std::to_string(records[0].xid.value);
+    ASSERT_TRUE(machine.volumes.mount(machine.uuid, path, b, mntReadOnly));
+    expectError(client.call(MountSnapshot{a, uuid, records[0].xid.value}), QuillmarkErrorCode::invalidMountPath,
+                "Mount point \"" + path + "\" is already used by another snapshot or volume");
+  });
+}
+
+TEST(Commands, answerFactsAndDefaults) {
+  ServiceMachine machine;
+  machine.run([&] {
+    TestClient client = machine.connect();
+    EXPECT_EQ(stringValue(client.call(HelperVersion{}).reply), "1.2.3");
+    EXPECT_EQ(stringValue(client.call(HelperGitCommit{}).reply), "unknown");
+    EXPECT_EQ(int64Value(client.call(ProtocolVersion{}).reply), 18);
+    EXPECT_EQ(decodeJson<SchedulePolicy>(*client.call(GetSchedule{machine.uuid.upper()}).reply.valueJson),
+              SchedulePolicy::makeDefault().normalized());
+    EXPECT_EQ(client.call(ListSchedules{}).reply.valueJson, "{}");
+    EXPECT_EQ(decodeJson<HelperSettings>(*client.call(GetHelperSettings{}).reply.valueJson), HelperSettings());
+    const auto health = decodeJson<HelperHealthStatus>(*client.call(HelperHealth{}).reply.valueJson);
+    EXPECT_EQ(health.history.state, HelperSubsystemState::healthy);
+    EXPECT_EQ(health.generatedAt, machine.simulation.clock().now());
+  });
+  EXPECT_THAT(machine.logged(), Contains("XPC helperVersion() -> 1.2.3"));
+}
+
+// An audit trail that keeps what it gets, or fails.
+class TestTrail final : public AuditTrail {
+ public:
+  std::optional<Error> append(const HelperEvent& event) override {
+    if (fails) return Error("log", 28, "disk full");
+    events.push_back(event);
+    return std::nullopt;
+  }
+  std::vector<HelperEvent> events;
+  bool fails = false;
+};
+
+class FailingNames final : public SnapshotDisplayNames {
+ public:
+  std::optional<std::string> displayName(const VolumeUuid&, const std::string&) override { return std::nullopt; }
+  std::optional<Error> setDisplayName(const VolumeUuid&, const std::string&, const std::string&) override {
+    return Error("names", 5, "no names today");
+  }
+  void forgetDeleted(const VolumeUuid&, const std::string&) override {}
+};
+
+TEST(Commands, recordEachAttemptOnceWithWhatIsKnown) {
+  ServiceMachine machine;
+  TestTrail trail;
+  machine.helper.environment().audit = &trail;
+  machine.run([&] {
+    TestClient client = machine.connect();
+    const std::string uuid = machine.uuid.lower();
+    (void)client.call(CreateSnapshot{uuid, "x"});
+    (void)client.call(CreateSnapshot{uuid, "a/b"});
+    (void)client.call(DeleteSnapshot{ours + ".x", uuid, true});
+    (void)client.call(DeleteSnapshot{ours + ".x", uuid, false});
+    (void)client.call(UnmountSnapshot{machine.paths.userMountRoot + "/Data-" + uuid + "@snap-77"});
+    (void)client.call(ListSnapshots{uuid, false, false});
+  });
+  ASSERT_EQ(trail.events.size(), 5U);
+  const HelperEvent& made = trail.events[0];
+  EXPECT_TRUE(made.succeeded);
+  EXPECT_EQ(made.snapshotName, ours + ".x");
+  EXPECT_EQ(made.detail, "x");
+  EXPECT_EQ(made.volumeName, "Data");
+  EXPECT_EQ(made.user, "root");
+  EXPECT_EQ(made.client, HelperEvent::Client::cli);
+  const HelperEvent& refused = trail.events[1];
+  EXPECT_FALSE(refused.succeeded);
+  EXPECT_EQ(refused.volumeName, "Data") << "resolved once more for the record";
+  EXPECT_EQ(refused.errorMessage, "Label must be 0-127 chars, no slashes, no control chars");
+  EXPECT_FALSE(refused.snapshotName);
+  EXPECT_EQ(trail.events[2].detail, ours + ".x (force)");
+  EXPECT_EQ(trail.events[3].detail, ours + ".x");
+  EXPECT_EQ(trail.events[4].volumeName, "Data");
+  EXPECT_EQ(trail.events[4].snapshotName, "snap-77");
+}
+
+TEST(Commands, keepTheirResultWhenAFollowUpFails) {
+  ServiceMachine machine;
+  TestTrail trail;
+  FailingNames names;
+  trail.fails = true;
+  machine.helper.environment().audit = &trail;
+  machine.run([&] {
+    TestClient client = machine.connect();
+    const std::string uuid = machine.uuid.lower();
+    const RpcIncoming made = client.call(CreateSnapshot{uuid, "x"});
+    EXPECT_EQ(stringValue(made.reply), ours + ".x");
+    ASSERT_TRUE(made.reply.error);
+    EXPECT_TRUE(QuillmarkError::isOperationCompleted(*made.reply.error));
+    EXPECT_EQ(made.reply.error->description(),
+              "The createSnapshot operation completed, but Quillmark could not persist its audit record: disk full");
+    machine.helper.environment().names = &names;
+    const RpcIncoming named = client.call(CreateSnapshot{uuid, "y"});
+    EXPECT_EQ(named.reply.error->description(),
+              "The snapshot was created, but its name \"y\" could not be saved and will not survive a restart: no names "
+              "today");
+    const RpcIncoming failed = client.call(DeleteSnapshot{"gone", uuid, true});
+    EXPECT_EQ(failed.reply.error->description(), "Snapshot no longer exists") << "nothing of the audit on a failure";
+  });
+}
+
+}  // namespace
+}  // namespace quillmark

@@ -1,0 +1,212 @@
+#include <algorithm>
+
+#include "ServiceMachine.h"
+
+namespace quillmark {
+namespace {
+
+using namespace std::chrono_literals;
+using ::testing::Contains;
+using ::testing::ElementsAre;
+using ::testing::HasSubstr;
+using ::testing::IsEmpty;
+using ::testing::SizeIs;
+
+TEST(Connections, areForRootAlone) {
+  ServiceMachine machine;
+  machine.run([&] {
+    TestClient stranger = machine.connect({.uid = 1000, .gid = 1000, .pid = 77});
+    EXPECT_THROW((void)stranger.call(ProtocolVersion{}), Error);
+    EXPECT_EQ(int64Value(machine.connect().call(ProtocolVersion{}).reply), 18);
+  });
+  EXPECT_THAT(machine.logged(), Contains("Rejecting connection from pid=77: peer failed the designated requirement"));
+  EXPECT_THAT(machine.logged(), Contains("Accepted XPC connection from pid=42 (subject to codesign check)"));
+}
+
+TEST(Connections, surviveRubbish) {
+  ServiceMachine machine;
+  machine.run([&] {
+    TestClient client = machine.connect();
+    for (const char* line : {"", "nonsense", "{}", "[[[", R"({"jsonrpc":"2.0","id":1,"method":"noSuch:"})"}) {
+      client.sendLine(line);
+      EXPECT_EQ(client.reply().kind, RpcIncoming::Kind::refusal) << line;
+    }
+    EXPECT_EQ(int64Value(client.call(ProtocolVersion{}).reply), 18);
+  });
+}
+
+TEST(Connections, answerANotificationWithSilence) {
+  ServiceMachine machine;
+  machine.run([&] {
+    TestClient client = machine.connect();
+    client.sendLine(R"({"jsonrpc":"2.0","method":"createSnapshotOnVolume:label:reply:","params":[")" + machine.uuid.lower() +
+                    R"(","x"]})");
+    client.sendLine(R"({"jsonrpc":"2.0","method":"noSuch:"})");
+    EXPECT_EQ(client.call(ProtocolVersion{}).id, 1U);
+    client.listen(1s);
+    EXPECT_THAT(client.pushes, ElementsAre(HasSubstr("snapshotsChanged")));
+  });
+  EXPECT_THAT(machine.names(), SizeIs(1));
+}
+
+TEST(Connections, hearOfABurstOfChangesOnceInLowerCase) {
+  ServiceMachine machine;
+  machine.run([&] {
+    TestClient idle = machine.connect(), busy = machine.connect();
+    for (int i = 0; i < 5; ++i) (void)busy.call(CreateSnapshot{machine.uuid.upper(), std::to_string(i)});
+    (void)busy.call(CreateSnapshot{machine.uuid.lower(), "x"});
+    idle.listen(1s);
+    ASSERT_THAT(idle.pushes, SizeIs(1));
+    EXPECT_THAT(idle.pushes[0], HasSubstr(R"("params":[")" + machine.uuid.lower() + R"("])"));
+    (void)busy.call(CreateSnapshot{machine.uuid.lower(), "y"});
+    idle.listen(1s);
+    EXPECT_THAT(idle.pushes, SizeIs(2));
+  });
+}
+
+// Goal:   what a client had queued and not yet started goes with it.
+// Method: the first creation is held in the disk; the second waits behind it on the queue when the client leaves.
+TEST(Connections, leaveNoQueuedCommandBehind) {
+  ServiceMachine machine;
+  Semaphore held(machine.life.dispatch()), release(machine.life.dispatch());
+  machine.volumes.watchCalls([&](sim::SimCall call, const std::string& name) {
+    if (call != sim::SimCall::create || !name.ends_with(".first")) return;
+    held.signal();
+    release.wait();
+  });
+  machine.run([&] {
+    TestClient client = machine.connect();
+    client.send(CreateSnapshot{machine.uuid.lower(), "first"});
+    client.send(CreateSnapshot{machine.uuid.lower(), "second"});
+    held.wait();
+    (void)client.call(ProtocolVersion{});  // the second one is on its queue
+  });
+  machine.simulation.runFor(1s);  // the closed connection is seen
+  machine.simulation.run(machine.life, [&] { release.signal(); });
+  machine.simulation.runFor(1s);
+  EXPECT_THAT(machine.names(), ElementsAre(HasSubstr(".first")));
+}
+
+TEST(Connections, keepTwoClientsApart) {
+  ServiceMachine machine;
+  Semaphore release(machine.life.dispatch());
+  machine.volumes.watchCalls([&](sim::SimCall call, const std::string& name) {
+    if (call == sim::SimCall::create && name.ends_with(".slow")) release.wait();
+  });
+  machine.run([&] {
+    TestClient slow = machine.connect(), quick = machine.connect();
+    slow.send(CreateSnapshot{machine.uuid.lower(), "slow"});
+    EXPECT_FALSE(quick.call(CreateSnapshot{machine.uuid.lower(), "quick"}).reply.error);
+    EXPECT_EQ(int64Value(slow.call(ProtocolVersion{}).reply), 18) << "its own other queues go on, too";
+    release.signal();
+    EXPECT_FALSE(slow.reply().reply.error);
+  });
+  EXPECT_THAT(machine.names(), SizeIs(2));
+}
+
+TEST(Connections, areReadNoFurtherWhileTooMuchIsUnanswered) {
+  ServiceMachine machine;
+  Semaphore release(machine.life.dispatch());
+  int started = 0;
+  machine.volumes.watchCalls([&](sim::SimCall call, const std::string&) {
+    if (call == sim::SimCall::create && ++started == 1) release.wait();
+  });
+  machine.run([&] {
+    TestClient client = machine.connect();
+    for (int i = 0; i < 1000; ++i) client.send(CreateSnapshot{machine.uuid.lower(), std::to_string(i)});
+    client.listen(1s);
+    const auto entries = machine.logged();
+    const auto begun = std::count_if(entries.begin(), entries.end(),
+                                     [](const std::string& line) { return line.starts_with("XPC createSnapshot"); });
+    EXPECT_EQ(begun, 256);
+    release.signal();
+    for (int i = 0; i < 1000; ++i) EXPECT_FALSE(client.reply().reply.error);
+  });
+  EXPECT_THAT(machine.names(), SizeIs(1000));
+}
+
+TEST(Shutdown, refusesMutationsAndServesQueriesWhileItDrains) {
+  ServiceMachine machine;
+  Semaphore release(machine.life.dispatch());
+  machine.volumes.watchCalls([&](sim::SimCall call, const std::string& name) {
+    if (call == sim::SimCall::create && name.ends_with(".long")) release.wait();
+  });
+  machine.run([&] {
+    TestClient client = machine.connect();
+    client.send(CreateSnapshot{machine.uuid.lower(), "long"});
+    (void)client.call(ProtocolVersion{});
+    machine.helper.requestQuit();
+    EXPECT_FALSE(machine.helper.environment().shutdown.requestQuit()) << "one drain only";
+    const RpcIncoming refused = client.call(DeleteSnapshot{"x", machine.uuid.lower(), true});
+    EXPECT_EQ(refused.reply.error->code(), static_cast<long>(QuillmarkErrorCode::helperRestarting));
+    EXPECT_EQ(refused.reply.error->description(), "Quillmark helper is restarting; try again in a moment.");
+    EXPECT_FALSE(client.call(ListSnapshots{machine.uuid.lower(), false, false}).reply.error);
+    TestClient late = machine.connect();
+    EXPECT_THROW((void)late.call(ProtocolVersion{}), Error);
+    EXPECT_FALSE(machine.exited);
+    release.signal();
+    EXPECT_FALSE(client.reply().reply.error) << "what was queued before runs out, and is answered";
+  });
+  machine.simulation.runFor(1s);
+  EXPECT_TRUE(machine.exited);
+  EXPECT_THAT(machine.logged(), Contains("quit requested: draining outstanding work (timeout 60s)"));
+  EXPECT_THAT(machine.logged(), Contains("quit: drain complete; exiting"));
+  EXPECT_THAT(machine.logged(), Contains("Rejecting new XPC connection while helper shutdown is draining"));
+}
+
+TEST(Shutdown, abandonsWhatTakesLongerThanAMinute) {
+  ServiceMachine machine;
+  machine.volumes.watchCalls([&](sim::SimCall call, const std::string&) {
+    if (call == sim::SimCall::create) machine.life.delay(2min);
+  });
+  machine.run([&] {
+    TestClient client = machine.connect();
+    client.send(CreateSnapshot{machine.uuid.lower(), "long"});
+    (void)client.call(ProtocolVersion{});
+    machine.helper.requestQuit();
+    client.listen(59s);
+    EXPECT_FALSE(machine.exited);
+    client.listen(2s);
+    EXPECT_TRUE(machine.exited);
+  });
+  EXPECT_THAT(machine.logged(), Contains("quit: drain timed out after 60s; exiting anyway (in-flight work is abandoned and "
+                                         "retried by the next helper)"));
+  machine.simulation.runFor(3min);
+}
+
+// Goal:   whatever order the seed draws, clients that make and delete at once end with what they were told.
+TEST(Connections, agreeWithTheVolumeUnderAnyInterleaving) {
+  for (std::uint64_t seed = 1; seed <= 20; ++seed) {
+    ServiceMachine machine(seed);
+    int kept = 0;
+    machine.run([&] {
+      const std::string uuid = machine.uuid.lower();
+      TestClient a = machine.connect(), b = machine.connect();
+      for (int i = 0; i < 12; ++i) {
+        a.send(CreateSnapshot{uuid, "same"});
+        b.send(CreateSnapshot{uuid, "same"});
+      }
+      std::vector<std::string> made;
+      for (int i = 0; i < 24; ++i) {
+        const RpcIncoming reply = (i % 2 == 0 ? a : b).reply();
+        if (!reply.reply.error) made.push_back(stringValue(reply.reply));
+      }
+      EXPECT_THAT(made, SizeIs(8)) << "one plain name and seven suffixes within the second";
+      for (const std::string& name : made) {
+        a.send(DeleteSnapshot{name, uuid, false});
+        b.send(DeleteSnapshot{name, uuid, false});
+      }
+      int deleted = 0;
+      for (std::size_t i = 0; i < made.size(); ++i) {
+        deleted += !a.reply().reply.error;
+        deleted += !b.reply().reply.error;
+      }
+      EXPECT_EQ(deleted, 8) << "each is deleted once, whoever was first; seed " << seed;
+      kept = static_cast<int>(machine.names().size());
+    });
+    EXPECT_EQ(kept, 0) << "seed " << seed;
+  }
+}
+
+}  // namespace
+}  // namespace quillmark

@@ -1,0 +1,141 @@
+// ServiceMachine: the whole helper in one simulated life, with clients that talk to it over the simulated transport.
+//
+//   ServiceMachine machine;
+//   machine.run([&] {
+//     auto client = machine.connect();
+//     const RpcIncoming reply = client.call(CreateSnapshot{machine.uuid.lower(), "label"});
+//   });
+#pragma once
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "platform/linux/PropertyList.h"
+#include "platform/sim/SimDisks.h"
+#include "platform/sim/SimPlatformLog.h"
+#include "platform/sim/SimPosix.h"
+#include "platform/sim/SimProcesses.h"
+#include "platform/sim/SimSnapshotCalls.h"
+#include "platform/sim/SimThisProcess.h"
+#include "platform/sim/SimTransport.h"
+#include "platform/sim/SimUsers.h"
+#include "platform/sim/SimVolumes.h"
+#include "platform/sim/Simulation.h"
+#include "service/HelperProcess.h"
+#include "wire/Commands.h"
+#include "wire/QuillmarkError.h"
+#include "wire/Rpc.h"
+
+namespace quillmark {
+
+// One connection, asking one thing at a time.
+class TestClient {
+ public:
+  explicit TestClient(std::unique_ptr<sim::SimPeer> peer) : peer_(std::move(peer)) {}
+
+  template <class Command>
+  RpcIncoming call(const Command& command) {
+    send(command);
+    return reply();
+  }
+  template <class Command>
+  void send(const Command& command) {
+    peer_->send(encodeRequest(++lastId_, Command::traits.selector, argumentValues(command)));
+  }
+  void sendLine(std::string_view line) { peer_->send(line); }
+  // The next reply or refusal; pushes before it are kept.
+  RpcIncoming reply() {
+    while (true) {
+      RpcIncoming incoming = decodeIncoming(peer_->receive(std::chrono::minutes(5)));
+      if (incoming.kind != RpcIncoming::Kind::push) return incoming;
+      pushes.push_back(incoming.selector + incoming.params);
+    }
+  }
+  // Takes in what comes within the time.
+  void listen(std::chrono::nanoseconds duration) {
+    try {
+      while (true) pushes.push_back(peer_->receive(duration));
+    } catch (const Error&) {
+      // Nothing more came.
+    }
+  }
+  [[nodiscard]] sim::SimPeer& peer() { return *peer_; }
+
+  std::vector<std::string> pushes;
+
+ private:
+  std::unique_ptr<sim::SimPeer> peer_;
+  std::uint64_t lastId_ = 0;
+};
+
+class ServiceMachine {
+ public:
+  explicit ServiceMachine(std::uint64_t seed = 3) : simulation({.seed = seed}) {
+    volumes.add(sim::makeSimVolume(uuid));
+    processes.script(paths.diskutil, [this](const ProcessRequest&) { return diskutil(); });
+  }
+
+  // Starts the helper, then runs the body on a fiber of the client's life.
+  void run(FunctionRef<void()> body) {
+    ASSERT_TRUE(simulation.run(life, [&] { helper.start(); }));
+    runClient(body);
+  }
+  void runClient(FunctionRef<void()> body) { ASSERT_TRUE(simulation.run(clientLife, body)); }
+
+  [[nodiscard]] TestClient connect(PeerCredentials peer = {.pid = 42}) {
+    return TestClient(transport.connect(std::move(peer), clientLife));
+  }
+  // The messages of the helper's log, without time, place and level.
+  [[nodiscard]] std::vector<std::string> logged() const {
+    std::vector<std::string> messages;
+    for (const auto& entry : platformLog.entries()) messages.push_back(entry.message);
+    return messages;
+  }
+  [[nodiscard]] std::vector<std::string> names() {
+    std::vector<std::string> found;
+    for (const sim::SimSnapshot& snapshot : volumes.snapshots(uuid)) found.push_back(snapshot.name);
+    return found;
+  }
+
+  const Uuid uuid = *Uuid::parse("00112233-4455-6677-8899-aabbccddeeff");
+  sim::Simulation simulation;
+  sim::Life& life = simulation.startLife("helper");
+  sim::Life& clientLife = simulation.startLife("client");
+  sim::SimVolumes volumes;
+  sim::SimPosix posix{&life.clock()};
+  HostPaths paths = pathsUnder(posix.root());
+  sim::SimSnapshotCalls calls{volumes, life.clock()};
+  sim::SimDisks disks{volumes};
+  sim::SimProcesses processes{life.dispatch()};
+  sim::SimPlatformLog platformLog;
+  sim::SimThisProcess process{life.pid()};
+  sim::SimUsers users;
+  sim::SimTransport transport{life};
+  os::LinuxPropertyLists propertyLists;
+  bool exited = false;
+  Platform platform{life.dispatch(), life.clock(), life.random(), posix,   calls, disks, processes,
+                    propertyLists,   transport,    platformLog,   process, users, paths, Bundle{{}, "1.2.3", {}}};
+  HelperProcess helper{platform, {.executable = "quillmark-helper", .exitProcess = [this] { exited = true; }}};
+
+ private:
+  static HostPaths pathsUnder(const std::string& root) {
+    HostPaths paths;
+    paths.stateDirectory = root + "/state";
+    paths.privateMountRoot = root + "/mounts";
+    paths.userMountRoot = root + "/Volumes";
+    paths.helperLog = root + "/helper.log";
+    paths.diskutil = "/usr/bin/diskutil";
+    return paths;
+  }
+
+  sim::SimProgram diskutil() {
+    PropertyArray entries;
+    for (const sim::SimSnapshot& snapshot : volumes.snapshots(uuid)) {
+      entries.push_back(PropertyList(PropertyDictionary{{"SnapshotName", PropertyList(snapshot.name)},
+                                                        {"SnapshotXID", PropertyList(snapshot.xid.value)}}));
+    }
+    return {.output = propertyLists.write(PropertyList(PropertyDictionary{{"Snapshots", PropertyList(std::move(entries))}}))};
+  }
+};
+
+}  // namespace quillmark
