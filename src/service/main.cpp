@@ -73,6 +73,7 @@ int serve(const char* executable) {
     helper.log().error("The helper could not start: " + error.description());
     ::_exit(1);
   }
+  if (const auto problem = names.problem()) helper.log().error("Devices can't be given names: " + *problem);
   // The process leaves from the drain that a signal, or a client, starts.
   while (true) {
     os::waitForQuitSignal();

@@ -325,7 +325,7 @@ TEST_P(DispatchSuite, WhatComesDueWhileTheHandlerRunsFiresAfterwards) {
       fired.signal();
     });
     timer->fireAfter(0ns);
-    for (int i = 0; i < 3; ++i) EXPECT_TRUE(fired.waitFor(10s));
+    for (int i = 0; i < 3; ++i) ASSERT_TRUE(fired.waitFor(10s));
     EXPECT_FALSE(fired.waitFor(10ms));
   });
 }
