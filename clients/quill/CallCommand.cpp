@@ -36,11 +36,10 @@ void printBare(Output& output, const std::string& valueJson) {
 
 int run(CommandContext& context, const CallRequest& request) {
   const std::string params = paramsOf(request.arguments);
-  HelperConnection& helper = context.helper.connection();
   Answer<std::optional<std::string>> answer;
   {
     const auto busy = context.busy("waiting for the helper");
-    answer = helper.callText(request.selector, params);
+    answer = context.helper.connection().callText(request.selector, params);
   }
   const std::string value = answer.value.value_or("null");
   if (context.output.json()) {

@@ -34,9 +34,7 @@ std::string civil(const LocalTime& time, char between) {
 }  // namespace
 
 std::string listingOf(CommandContext& context, const std::string& volumeUUID) {
-  HelperConnection& helper = context.helper.connection();
-  const auto busy = context.busy("listing snapshots");
-  return helper.call(ListSnapshots{.volumeUUID = volumeUUID}).value;
+  return ask(context, "listing snapshots", ListSnapshots{.volumeUUID = volumeUUID}).value;
 }
 
 std::vector<SnapshotRecord> snapshotsOf(CommandContext& context, const std::string& volumeUUID) {

@@ -11,6 +11,13 @@
 
 namespace quillmark::cli {
 
+// Makes the call while the person is told what is waited for.
+template <class Command>
+[[nodiscard]] auto ask(CommandContext& context, const std::string& waitedFor, const Command& command) {
+  const auto busy = context.busy(waitedFor);
+  return context.helper.connection().call(command);
+}
+
 // The JSON text of a volume's listing, as the helper gave it.
 [[nodiscard]] std::string listingOf(CommandContext& context, const std::string& volumeUUID);
 [[nodiscard]] std::vector<SnapshotRecord> snapshotsOf(CommandContext& context, const std::string& volumeUUID);

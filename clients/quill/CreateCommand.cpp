@@ -7,12 +7,7 @@ namespace quillmark::cli {
 
 int run(CommandContext& context, const CreateRequest& request) {
   const std::string volume = chooseVolume(context.volumes, request.volume);
-  HelperConnection& helper = context.helper.connection();
-  Answer<std::string> created;
-  {
-    const auto busy = context.busy("taking a snapshot");
-    created = helper.call(CreateSnapshot{.volumeUUID = volume, .label = request.label});
-  }
+  const auto created = ask(context, "taking a snapshot", CreateSnapshot{.volumeUUID = volume, .label = request.label});
   printResult(context, "name", created.value, created.warning);
   return exitDone;
 }

@@ -49,10 +49,10 @@ std::string jsonOf(const Outcome& outcome) {
 bool endsTheWork(const Error& error) { return exitCodeOf(error) == exitNotReachable; }
 
 void deleteOne(CommandContext& context, const std::string& volume, bool force, Outcome& outcome) {
-  HelperConnection& helper = context.helper.connection();
-  const auto busy = context.busy("deleting a snapshot");
   try {
-    outcome.warning = helper.call(DeleteSnapshot{.name = outcome.name, .volumeUUID = volume, .force = force}).warning;
+    outcome.warning =
+        ask(context, "deleting a snapshot", DeleteSnapshot{.name = outcome.name, .volumeUUID = volume, .force = force})
+            .warning;
   } catch (const Error& error) {
     outcome.error = error;
   }

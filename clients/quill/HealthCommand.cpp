@@ -31,7 +31,7 @@ Table tableOf(const HelperHealthStatus& status) {
 }  // namespace
 
 int run(CommandContext& context, const HealthRequest&) {
-  const std::string answer = context.helper.connection().call(HelperHealth{}).value;
+  const std::string answer = ask(context, "asking the helper", HelperHealth{}).value;
   const auto status = decodeJson<HelperHealthStatus>(answer);
   if (context.output.json()) {
     context.output.jsonText(answer);

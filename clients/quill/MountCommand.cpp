@@ -8,12 +8,8 @@ namespace quillmark::cli {
 int run(CommandContext& context, const MountRequest& request) {
   const std::string volume = chooseVolume(context.volumes, request.volume);
   const SnapshotRecord snapshot = snapshotMeant(snapshotsOf(context, volume), request.snapshot);
-  HelperConnection& helper = context.helper.connection();
-  Answer<std::string> mounted;
-  {
-    const auto busy = context.busy("mounting the snapshot");
-    mounted = helper.call(MountSnapshot{.name = snapshot.name, .volumeUUID = volume, .xid = snapshot.xid.value});
-  }
+  const auto mounted = ask(context, "mounting the snapshot",
+                           MountSnapshot{.name = snapshot.name, .volumeUUID = volume, .xid = snapshot.xid.value});
   printResult(context, "path", mounted.value, mounted.warning);
   return exitDone;
 }

@@ -34,12 +34,7 @@ std::string pathMeant(CommandContext& context, const UnmountRequest& request) {
 
 int run(CommandContext& context, const UnmountRequest& request) {
   const std::string path = pathMeant(context, request);
-  HelperConnection& helper = context.helper.connection();
-  Answer<std::string> unmounted;
-  {
-    const auto busy = context.busy("unmounting the snapshot");
-    unmounted = helper.call(UnmountSnapshot{.path = path});
-  }
+  const auto unmounted = ask(context, "unmounting the snapshot", UnmountSnapshot{.path = path});
   printResult(context, "path", path, unmounted.warning);
   return exitDone;
 }

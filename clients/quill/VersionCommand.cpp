@@ -10,10 +10,12 @@ namespace quillmark::cli {
 int run(CommandContext& context, const VersionRequest&) {
   Output& output = context.output;
   if (!output.json()) output.line(fmt::format("quill     {}", clientVersion()));
+  auto busy = context.busy("asking the helper");
   HelperConnection& helper = context.helper.anyConnection();
   const std::int64_t protocol = helper.call(ProtocolVersion{}).value;
   const std::string version = helper.call(HelperVersion{}).value;
   const std::string commit = helper.call(HelperGitCommit{}).value;
+  busy.reset();
   if (!output.json()) {
     output.line("helper    " + version);
     output.line("commit    " + commit);

@@ -255,6 +255,8 @@ TEST_F(LinuxTransportTest, placesThatCannotBeTrustedAreRefused) {
   EXPECT_THAT(listenError(), testing::HasSubstr("not permitted"));
 }
 
+UniqueFd anyDescriptor() { return UniqueFd(::open("/dev/null", O_RDONLY | O_CLOEXEC)); }
+
 // Goal:   out of descriptors a new peer is closed, the loop sleeps, and service goes on afterwards.
 TEST_F(LinuxTransportTest, withoutDescriptorsNewPeersAreClosedAndOldOnesServed) {
   const auto transport = echoing();
@@ -268,10 +270,10 @@ TEST_F(LinuxTransportTest, withoutDescriptorsNewPeersAreClosedAndOldOnesServed) 
   ::getrlimit(RLIMIT_NOFILE, &before);
   const rlimit low{.rlim_cur = 200, .rlim_max = before.rlim_max};
   ::setrlimit(RLIMIT_NOFILE, &low);
-  for (;;) {
-    UniqueFd fd(::open("/dev/null", O_RDONLY | O_CLOEXEC));
-    if (!fd.valid()) break;
-    fill.push_back(std::move(fd));
+  // Threads of earlier tests may still be closing theirs.
+  for (std::size_t filled = 1; filled != fill.size(); sleepFor(dispatch_, 50ms)) {
+    filled = fill.size();
+    for (UniqueFd fd = anyDescriptor(); fd.valid(); fd = anyDescriptor()) fill.push_back(std::move(fd));
   }
   const auto address = os::socketAddress(place_.socket());
   ASSERT_TRUE(address);

@@ -10,15 +10,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "platform/linux/PropertyList.h"
-#include "platform/sim/SimDisks.h"
-#include "platform/sim/SimPlatformLog.h"
-#include "platform/sim/SimPosix.h"
-#include "platform/sim/SimProcesses.h"
-#include "platform/sim/SimSnapshotCalls.h"
-#include "platform/sim/SimThisProcess.h"
-#include "platform/sim/SimTransport.h"
-#include "platform/sim/SimUsers.h"
+#include "platform/PropertyList.h"
+#include "platform/sim/SimPlatform.h"
 #include "platform/sim/SimVolumes.h"
 #include "platform/sim/Simulation.h"
 #include "service/HelperProcess.h"
@@ -102,39 +95,25 @@ class ServiceMachine {
   sim::Life& life = simulation.startLife("helper");
   sim::Life& clientLife = simulation.startLife("client");
   sim::SimVolumes volumes;
-  sim::SimPosix posix{&life.clock()};
-  HostPaths paths = pathsUnder(posix.root());
-  sim::SimSnapshotCalls calls{volumes, life.clock()};
-  sim::SimDisks disks{volumes};
-  sim::SimProcesses processes{life.dispatch()};
-  sim::SimPlatformLog platformLog;
-  sim::SimThisProcess process{life.pid()};
-  sim::SimUsers users;
-  sim::SimTransport transport{life};
-  os::LinuxPropertyLists propertyLists;
+  sim::SimPlatform sim{life, volumes, {.bundle = {.identifier = {}, .shortVersion = "1.2.3", .gitCommit = {}}}};
+  sim::SimPosix& posix = sim.files();
+  sim::SimProcesses& processes = sim.processes();
+  sim::SimPlatformLog& platformLog = sim.log();
+  sim::SimThisProcess& process = sim.process();
+  sim::SimTransport& transport = sim.transport();
+  const HostPaths& paths = sim.paths();
+  const Platform platform = sim.platform();
   bool exited = false;
-  Platform platform{life.dispatch(), life.clock(), life.random(), posix,   calls, disks, processes,
-                    propertyLists,   transport,    platformLog,   process, users, paths, Bundle{{}, "1.2.3", {}}};
   HelperProcess helper{platform, {.executable = "quillmark-helper", .exitProcess = [this] { exited = true; }}};
 
  private:
-  static HostPaths pathsUnder(const std::string& root) {
-    HostPaths paths;
-    paths.stateDirectory = root + "/state";
-    paths.privateMountRoot = root + "/mounts";
-    paths.userMountRoot = root + "/Volumes";
-    paths.helperLog = root + "/helper.log";
-    paths.diskutil = "/usr/bin/diskutil";
-    return paths;
-  }
-
   sim::SimProgram diskutil() {
     PropertyArray entries;
     for (const sim::SimSnapshot& snapshot : volumes.snapshots(uuid)) {
       entries.push_back(PropertyList(PropertyDictionary{{"SnapshotName", PropertyList(snapshot.name)},
                                                         {"SnapshotXID", PropertyList(snapshot.xid.value)}}));
     }
-    return {.output = propertyLists.write(PropertyList(PropertyDictionary{{"Snapshots", PropertyList(std::move(entries))}}))};
+    return {.output = platform.propertyLists.write(PropertyList(PropertyDictionary{{"Snapshots", PropertyList(std::move(entries))}}))};
   }
 };
 

@@ -9,12 +9,9 @@
 
 #include <optional>
 
-#include "platform/linux/PropertyList.h"
-#include "platform/sim/SimDisks.h"
-#include "platform/sim/SimPlatformLog.h"
-#include "platform/sim/SimPosix.h"
-#include "platform/sim/SimProcesses.h"
-#include "platform/sim/SimSnapshotCalls.h"
+#include "platform/Files.h"
+#include "platform/PropertyList.h"
+#include "platform/sim/SimPlatform.h"
 #include "platform/sim/SimVolumes.h"
 #include "platform/sim/Simulation.h"
 #include "snapshots/APFSManager.h"
@@ -26,7 +23,7 @@ class SnapshotMachine {
   SnapshotMachine() {
     volumes.add(sim::makeSimVolume(uuid));
     for (const std::string& directory : {paths.userMountRoot, paths.privateMountRoot}) {
-      createParents(directory);
+      createDirectories(posix, directory, 0755);
     }
     processes.script(paths.diskutil, [this](const ProcessRequest& request) { return diskutil(request); });
   }
@@ -60,13 +57,14 @@ class SnapshotMachine {
   sim::Simulation simulation{{.seed = 11}};
   sim::Life& life = simulation.startLife("helper");
   sim::SimVolumes volumes;
-  sim::SimPosix posix{&life.clock()};
-  HostPaths paths = pathsUnder(posix.root());
-  sim::SimSnapshotCalls calls{volumes, life.clock()};
-  sim::SimDisks disks{volumes};
-  sim::SimProcesses processes{life.dispatch()};
-  sim::SimPlatformLog log;
-  os::LinuxPropertyLists propertyLists;
+  sim::SimPlatform sim{life, volumes};
+  sim::SimPosix& posix = sim.files();
+  sim::SimSnapshotCalls& calls = sim.snapshots();
+  sim::SimDisks& disks = sim.disks();
+  sim::SimProcesses& processes = sim.processes();
+  sim::SimPlatformLog& log = sim.log();
+  const HostPaths& paths = sim.paths();
+  PropertyLists& propertyLists = sim.platform().propertyLists;
   SnapshotIdentity identity{life.dispatch(), processes, propertyLists, posix, life.random(), log, paths};
   SnapshotServices services{calls, disks, posix, log, paths, identity, {}};
   APFSManager apfs{services, "apfs"};
@@ -76,22 +74,6 @@ class SnapshotMachine {
   std::function<sim::SimProgram(const std::string& truth)> diskutilScript;
 
  private:
-  static HostPaths pathsUnder(const std::string& root) {
-    HostPaths paths;
-    paths.stateDirectory = root + "/state";
-    paths.privateMountRoot = root + "/run/mounts";
-    paths.userMountRoot = root + "/Volumes";
-    paths.diskutil = "/usr/bin/diskutil";
-    return paths;
-  }
-
-  void createParents(const std::string& directory) {
-    for (auto slash = directory.find('/', posix.root().size() + 1);; slash = directory.find('/', slash + 1)) {
-      (void)posix.mkdir(directory.substr(0, slash), 0755);
-      if (slash == std::string::npos) return;
-    }
-  }
-
   sim::SimProgram diskutil(const ProcessRequest& request) {
     EXPECT_THAT(request.arguments, ::testing::ElementsAre("apfs", "listSnapshots", "-plist", "disk1s1"));
     if (beforeDiskutil) beforeDiskutil();
