@@ -2,9 +2,11 @@
 # Every library publishes a directory of links to its own headers, so that "#include <folder/Header.h>" against the
 # order finds no file.
 
+# What one clone compiled serves the next, wherever it lies.
 find_program(QUILLMARK_CCACHE ccache)
 if(QUILLMARK_CCACHE)
-  set(CMAKE_CXX_COMPILER_LAUNCHER ${CMAKE_COMMAND} -E env CCACHE_SLOPPINESS=pch_defines,time_macros,include_file_mtime,include_file_ctime ${QUILLMARK_CCACHE})
+  set(CMAKE_CXX_COMPILER_LAUNCHER ${CMAKE_COMMAND} -E env CCACHE_BASEDIR=${CMAKE_SOURCE_DIR} CCACHE_NOHASHDIR=1
+    CCACHE_SLOPPINESS=pch_defines,time_macros,include_file_mtime,include_file_ctime ${QUILLMARK_CCACHE})
 endif()
 
 add_library(quillmark_options INTERFACE)

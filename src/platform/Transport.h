@@ -56,6 +56,8 @@ class TransportConnection {
   virtual void start(Callbacks callbacks) = 0;
   // Queues the line (a newline is added); in order of the calls. Never waits. After the end it does nothing.
   virtual void send(std::string line) = 0;
+  // True while something sent hasn't left for the peer, and still can.
+  [[nodiscard]] virtual bool hasUnsent() = 0;
   // Counted: as many resumes as pauses. What was read already waits too: paused from within received(), that was the
   // last line until the resume.
   virtual void pauseReading() = 0;

@@ -15,13 +15,18 @@ class TransportConnection;
 
 class ClientConnections final {
  public:
-  explicit ClientConnections(Threads& threads) : lock_(threads) {}
+  explicit ClientConnections(Threads& threads) : threads_(threads), lock_(threads) {}
 
   void add(const std::shared_ptr<TransportConnection>& connection);
   // Sends the push to every connection that still exists.
   void push(std::string_view selector, const ArgumentValues& arguments);
+  // Waits until all that was sent has left, at most for the time.
+  void flush(std::chrono::nanoseconds most);
 
  private:
+  [[nodiscard]] std::vector<std::shared_ptr<TransportConnection>> living();
+
+  Threads& threads_;
   Mutex lock_;
   std::vector<std::weak_ptr<TransportConnection>> connections_ GUARDED_BY(lock_);
 };

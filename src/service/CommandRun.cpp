@@ -67,7 +67,7 @@ void CommandRun::recordFailure(const Error& error) {
   if (draft_->volumeName.empty() && !draft_->volumeUUID.empty()) {
     try {
       draft_->volumeName = service_.apfs().resolveVolume(draft_->volumeUUID).name;
-    } catch (const Error&) {
+    } catch (const std::exception&) {
       // The name stays empty.
     }
   }
@@ -78,6 +78,7 @@ void CommandRun::recordFailure(const Error& error) {
 
 void CommandRun::fail(const Error& error) {
   environment().log.error(command_ + " failed: " + error.description());
+  if (!send_) return;  // answered already: what failed came after the command
   if (draft_) recordFailure(error);
   send({std::nullopt, error});
 }

@@ -6,6 +6,12 @@
 #include "snapshots/SnapshotHistory.h"
 
 namespace quillmark {
+namespace {
+
+// How long clients have at the end to take their last replies.
+constexpr std::chrono::seconds lastReplies{1};
+
+}  // namespace
 
 HelperEnvironment::HelperEnvironment(const Platform& platformFacilities, HelperLog& helperLog,
                                      std::function<void()> exitProcess)
@@ -19,14 +25,15 @@ HelperEnvironment::HelperEnvironment(const Platform& platformFacilities, HelperL
       volumes(platform.dispatch, platform.disks, platform.snapshots, platform.processes, platform.propertyLists,
               platform.paths),
       health(platform.dispatch, platform.random, log, {}),
-      shutdown(platform.dispatch, log, {nullptr, std::move(exitProcess)}),
-      snapshotChanges(std::make_shared<SnapshotChangePush>(platform.dispatch, connections)) {
+      shutdown(platform.dispatch, log, {nullptr, [this] { connections.flush(lastReplies); }, std::move(exitProcess)}),
+      snapshotChanges(std::make_shared<SnapshotChangePush>(platform.dispatch, connections)),
+      startedOnce_(platform.dispatch, false) {}
+
+void HelperEnvironment::start() {
+  if (startedOnce_.with([](bool& started) { return std::exchange(started, true); })) return;
   secureStateDirectory(platform.posix, platform.paths);
   // Before anything can start new ones: what indexing left mounted when it was cut off.
   apfs.cleanStaleIndexMounts({});
-}
-
-void HelperEnvironment::start() {
   snapshots.callbacks.inventoryChanged = [this](const std::string& volumeUUID) { snapshotInventoryChanged(volumeUUID); };
 }
 

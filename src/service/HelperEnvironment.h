@@ -32,7 +32,7 @@ class HelperEnvironment final {
  public:
   HelperEnvironment(const Platform& platform, HelperLog& log, std::function<void()> exitProcess);
 
-  // Once, before the listener is resumed.
+  // Before the listener is resumed; a second call does nothing.
   void start();
 
   const Platform platform;
@@ -58,6 +58,8 @@ class HelperEnvironment final {
 
  private:
   void snapshotInventoryChanged(const std::string& volumeUUID);
+
+  Guarded<bool> startedOnce_;
 };
 
 }  // namespace quillmark

@@ -36,6 +36,16 @@ PlatformLogType typeOf(LogLevel level) {
   return PlatformLogType::normal;
 }
 
+// A peer's text must not be able to write lines of its own.
+std::string onOneLine(std::string_view message) {
+  std::string line;
+  for (const char c : message) {
+    const auto byte = static_cast<unsigned char>(c);
+    line += byte < 0x20 || byte == 0x7F ? fmt::format("\\x{:02x}", byte) : std::string(1, c);
+  }
+  return line;
+}
+
 std::string_view withoutEnding(std::string_view file) { return file.substr(0, file.rfind('.')); }
 
 }  // namespace
@@ -56,7 +66,7 @@ void HelperLogWriter::emit(LogLevel level, std::string_view message, CodeLocatio
   const LocalTime now = clock_.local(clock_.now());
   const std::string line =
       fmt::format("[{:04}-{:02}-{:02} {:02}:{:02}:{:02}.{:03}] [{}] [pid={}] {}  ({}:{})\n", now.year, now.month, now.day,
-                  now.hour, now.minute, now.second, now.millisecond, word(level), process_.pid(), message,
+                  now.hour, now.minute, now.second, now.millisecond, word(level), process_.pid(), onOneLine(message),
                   withoutEnding(where.file), where.line);
   if (isValidUtf8(line)) process_.writeStandardError(line);
   platformLog_.log(typeOf(level), LogNames::subsystem, category, message);

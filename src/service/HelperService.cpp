@@ -105,15 +105,18 @@ void HelperService::send(std::string line) {
 }
 
 void HelperService::callStarted() {
-  const bool full = unanswered_.with([](unsigned& count) { return ++count == mostUnanswered; });
-  const auto connection = full ? connection_.lock() : nullptr;
-  if (connection) connection->pauseReading();
+  // Under the guard, so that a pause always comes before the resume that ends it.
+  unanswered_.with([&](unsigned& count) {
+    const auto connection = ++count == mostUnanswered ? connection_.lock() : nullptr;
+    if (connection) connection->pauseReading();
+  });
 }
 
 void HelperService::callEnded() {
-  const bool hasRoom = unanswered_.with([](unsigned& count) { return count-- == mostUnanswered; });
-  const auto connection = hasRoom ? connection_.lock() : nullptr;
-  if (connection) connection->resumeReading();
+  unanswered_.with([&](unsigned& count) {
+    const auto connection = count-- == mostUnanswered ? connection_.lock() : nullptr;
+    if (connection) connection->resumeReading();
+  });
 }
 
 }  // namespace quillmark

@@ -64,7 +64,7 @@ SnapshotRecord annotate(CommandRun& run, const VolumeInfo& volume, SnapshotRecor
 std::map<Xid, std::string> tagsOrNone(CommandRun& run, const VolumeInfo& volume) {
   try {
     if (run.environment().tags) return run.environment().tags->tags(volume);
-  } catch (const Error&) {
+  } catch (const std::exception&) {
     // A listing without tags is better than none.
   }
   return {};

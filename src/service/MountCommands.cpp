@@ -79,11 +79,12 @@ void attribute(CommandRun& run, const Attribution& attribution) {
   if (matches.size() != 1) return;
   try {
     const VolumeInfo volume = run.service().apfs().resolveVolume(matches.front().id);
-    draft.volumeUUID = volume.uuid;
     for (const SnapshotRecord& snapshot : run.service().apfs().listSnapshots(volume)) {
-      if (snapshot.xid == *attribution.xid) draft.snapshotName = snapshot.name;
+      if (snapshot.xid != *attribution.xid) continue;
+      draft.volumeUUID = volume.uuid;
+      draft.snapshotName = snapshot.name;
     }
-  } catch (const Error&) {
+  } catch (const std::exception&) {
     // What isn't found stays as parsed.
   }
 }

@@ -55,6 +55,7 @@ void ShutdownCoordinator::drain(const std::vector<std::shared_ptr<Queue>>& queue
                     "helper)",
                     timeout.count()));
   }
+  if (hooks_.flush) hooks_.flush();
   hooks_.exitProcess();
 }
 

@@ -23,6 +23,7 @@ class ShutdownCoordinator final {
 
   struct Hooks {
     std::function<void()> quiesce;      // stops timers and whatever makes new work
+    std::function<void()> flush;        // lets the last replies reach their clients; bounded
     std::function<void()> exitProcess;  // does not return in the product
   };
   ShutdownCoordinator(Dispatch& dispatch, HelperLog& log, Hooks hooks);

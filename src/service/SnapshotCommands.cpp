@@ -36,8 +36,8 @@ void registerForIndexing(CommandRun& run, const VolumeInfo& volume, const std::s
     for (const SnapshotRecord& snapshot : run.service().apfs().listSnapshots(volume)) {
       if (snapshot.name == name) return history->snapshotCreated(volume, snapshot);
     }
-  } catch (const Error& error) {
-    run.environment().log.error("created snapshot but could not record history: " + error.description());
+  } catch (const std::exception& failure) {
+    run.environment().log.error("created snapshot but could not record history: " + asError(failure).description());
   }
 }
 

@@ -37,7 +37,6 @@ int serve(const char* executable) {
     return anotherInstanceRuns;
   }
   os::prepareSignals();
-  std::setvbuf(stderr, nullptr, _IOLBF, 0);
   const bool ownsLog = os::sendStandardErrorTo(paths.helperLog);
 
   os::LinuxClock clock;
@@ -85,6 +84,7 @@ int serve(const char* executable) {
 }  // namespace quillmark
 
 int main(int count, char** arguments) {
+  std::setvbuf(stderr, nullptr, _IOLBF, 0);
   try {
     return quillmark::serve(count > 0 ? arguments[0] : nullptr);
   } catch (const std::exception& exception) {

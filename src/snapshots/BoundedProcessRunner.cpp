@@ -74,8 +74,18 @@ DataBox copyOf(Guarded<DataBox>& box) {
   return box.with([](DataBox& data) { return data; });
 }
 
-BoundedProcessRunner::Output finished(Run& run, std::size_t limit) {
-  run.readers.wait();
+// Closes the pipes under readers that a child of the process keeps waiting; true when they ended.
+bool endReaders(Run& run) {
+  run.process->closeOutputs();
+  return run.readers.waitFor(readerGrace);
+}
+
+BoundedProcessRunner::Output finished(Run& run, std::size_t limit, std::chrono::nanoseconds timeLeft) {
+  if (!run.readers.waitFor(std::max<std::chrono::nanoseconds>(timeLeft, readerGrace))) {
+    const bool ended = endReaders(run);
+    return {BoundedProcessRunner::unreadableOutput, ended ? copyOf(run.output).value : std::string(),
+            "Process output pipes did not close after termination", false};
+  }
   DataBox output = copyOf(run.output), errors = copyOf(run.errors);
   if (output.truncated || errors.truncated) {
     return {BoundedProcessRunner::tooMuchOutput, std::move(output.value),
@@ -103,10 +113,7 @@ BoundedProcessRunner::Output overdue(Run& run, double timeout) {
                                       true};
   // A grandchild can hold the pipes open for ever, so that readers are waited for with a bound on every road.
   bool readersEnded = run.readers.waitFor(readerGrace);
-  if (!readersEnded && gone) {
-    run.process->closeOutputs();
-    readersEnded = run.readers.waitFor(readerGrace);
-  }
+  if (!readersEnded && gone) readersEnded = endReaders(run);
   if (readersEnded) result.standardOutput = copyOf(run.output).value;
   return result;
 }
@@ -140,7 +147,7 @@ BoundedProcessRunner::Output BoundedProcessRunner::run(const std::string& path, 
     });
   }
   const bool inTime = timeout > 0 && run->ended.waitFor(deadline - dispatch_.clock().monotonic());
-  return inTime ? finished(*run, outputLimit) : overdue(*run, timeout);
+  return inTime ? finished(*run, outputLimit, deadline - dispatch_.clock().monotonic()) : overdue(*run, timeout);
 }
 
 }  // namespace quillmark

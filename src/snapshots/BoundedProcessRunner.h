@@ -1,5 +1,5 @@
 // BoundedProcessRunner: the one way this system starts a command, with a deadline and a cap on its output.
-// Threads: thread-safe; run() blocks its caller, at most for the deadline and the five seconds that ending takes.
+// Threads: thread-safe; run() blocks its caller, at most for the deadline and the six seconds that ending takes.
 // Errors:  none thrown: every failure is an Output.
 // Units:   seconds, bytes.
 #pragma once

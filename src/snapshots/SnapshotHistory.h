@@ -18,9 +18,9 @@ class SnapshotHistory {
   [[nodiscard]] virtual std::set<Xid> indexedXIDs(const VolumeUuid& volume) = 0;
   // Registers a new snapshot for indexing. Throws Error.
   virtual void snapshotCreated(const VolumeInfo& volume, const SnapshotRecord& snapshot) = 0;
-  // Hands deleted snapshots over for compaction, asynchronously.
+  // Hands deleted snapshots over for compaction, asynchronously. Never fails.
   virtual void snapshotsDeleted(const VolumeInfo& volume, const std::vector<Xid>& xids) = 0;
-  // The volume's snapshots may have changed behind our back.
+  // The volume's snapshots may have changed behind our back. Never fails.
   virtual void reconcile(const VolumeUuid& volume) = 0;
 };
 

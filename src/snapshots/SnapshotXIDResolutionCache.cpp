@@ -103,22 +103,22 @@ void SnapshotXIDResolutionCache::loadIfNeeded(const VolumeUuid& volume) {
   std::optional<Rows> rows;
   if (Uuid::parse(volume.text())) rows = readFile(volume);
   MutexLock lock(lock_);
-  if (!loaded_.insert(volume).second || !rows || rows->empty()) return;
+  if (!loaded_.insert(volume).second || !rows) return;
   byVolume_.emplace(volume, std::move(*rows));
 }
 
-SnapshotXIDResolutionCache::Rows SnapshotXIDResolutionCache::readFile(const VolumeUuid& volume) {
-  Rows rows;
+std::optional<SnapshotXIDResolutionCache::Rows> SnapshotXIDResolutionCache::readFile(const VolumeUuid& volume) {
   try {
     const std::optional<std::string> text = quillmark::readFile(posix_, pathOf(volume), maxFileSize);
-    if (!text) return rows;
+    if (!text) return std::nullopt;
     const auto stored = decodeJson<StoredCache>(*text);
-    if (stored.version != fileVersion) return rows;
+    if (stored.version != fileVersion) return std::nullopt;
+    Rows rows;
     for (const StoredRow& row : stored.rows) rows[{row.name, row.fileID, row.ctimeNS}] = row.xid;
+    return rows;
   } catch (const Error&) {
-    rows.clear();
+    return std::nullopt;
   }
-  return rows;
 }
 
 void SnapshotXIDResolutionCache::writeFile(const VolumeUuid& volume, const Rows& rows) {

@@ -45,7 +45,8 @@ class SnapshotXIDResolutionCache final {
 
   static Key keyOf(const RawSnapshotEntry& entry);
   void loadIfNeeded(const VolumeUuid& volume) EXCLUDES(lock_);
-  [[nodiscard]] Rows readFile(const VolumeUuid& volume);
+  // Absent when there is no file of ours that can be used.
+  [[nodiscard]] std::optional<Rows> readFile(const VolumeUuid& volume);
   void writeFile(const VolumeUuid& volume, const Rows& rows);
   [[nodiscard]] std::string pathOf(const VolumeUuid& volume) const;
 

@@ -249,6 +249,7 @@ VolumeService::Facts VolumeService::diskutilFacts(const std::vector<std::string>
     facts.info[name] = runInfo(name);
     grown = true;
   }
+  if (!usable) facts.takenAt = clock_.now();
   if (grown) {
     MutexLock lock(factsLock_);
     facts_ = facts;

@@ -345,7 +345,6 @@ TEST_F(LinuxTransportTest, tenThousandCallsOfAClientThatNeverReadsCostBoundedMem
   const int served = served_.with([](int& count) { return count; });
   RecordProperty("grownKilobytes", static_cast<int>(grown));
   RecordProperty("served", served);
-  std::printf("grown by %ld kB, served %d\n", grown, served);
   EXPECT_GT(served, 300);
   EXPECT_LT(served, 400);
 #if !defined(__SANITIZE_THREAD__) && !defined(__SANITIZE_ADDRESS__)

@@ -90,8 +90,9 @@ BtrfsMachine::BtrfsMachine(const std::string& label)
 
 BtrfsMachine::~BtrfsMachine() {
   dispatch.shutdown();
-  std::system(
-      ("grep -o ' " + root + "/[^ ]*' /proc/self/mountinfo | tac | xargs -rn1 umount -l; rm -rf " + root).c_str());
+  const std::string leave =
+      "grep -o ' " + root + "/[^ ]*' /proc/self/mountinfo | tac | xargs -rn1 umount -l; rm -rf " + root;
+  if (std::system(leave.c_str()) != 0) ADD_FAILURE() << "the machine could not be taken apart";
 }
 
 std::string BtrfsMachine::shell(const std::string& command) {

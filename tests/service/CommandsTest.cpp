@@ -4,7 +4,6 @@
 #include "journal/AuditTrail.h"
 #include "scheduling/rules/HelperSettings.h"
 #include "scheduling/rules/SchedulePolicy.h"
-#include "service/CommandHandlers.h"
 #include "snapshots/MountNames.h"
 #include "snapshots/SnapshotLabels.h"
 #include "wire/Json.h"
@@ -30,10 +29,6 @@ void expectError(const RpcIncoming& reply, QuillmarkErrorCode code, const std::s
   EXPECT_EQ(reply.reply.error->code(), static_cast<long>(code)) << text;
   EXPECT_EQ(reply.reply.error->description(), text);
   EXPECT_FALSE(reply.reply.valueJson) << text;
-}
-
-TEST(Commands, allHaveAHandler) {
-  for (const CommandSpec& command : commandTable()) EXPECT_NE(handlerOf(command.selector), nullptr) << command.selector;
 }
 
 TEST(Commands, makeListMountUnmountAndDeleteASnapshot) {

@@ -35,9 +35,14 @@ TEST(HelperProcess, sweepsTheMountsOfAnEarlierLifeBeforeItServes) {
     createDirectories(first.posix, path, 0700);
     ASSERT_TRUE(first.volumes.mount(first.uuid, path, "x", mntReadOnly));
     HelperProcess second(first.platform, {.exitProcess = [] {}});
+    second.start();
     EXPECT_THAT(first.volumes.mounts(), IsEmpty());
     EXPECT_FALSE(first.posix.lstat(path));
   }));
+  const auto logged = first.logged();
+  const auto swept = std::find(logged.begin(), logged.end(), "Removed stale indexing mount at " + path);
+  EXPECT_LT(std::find(logged.begin(), logged.end(), "QuillmarkHelper starting"), swept);
+  EXPECT_LT(swept, std::find(logged.begin(), logged.end(), "Scheduler started"));
 }
 
 TEST(DescriptorLimit, isRaisedToTenThousandOrTheHardLimit) {
@@ -84,6 +89,8 @@ TEST(HelperLog, writesALineAsAgreed) {
   machine.helper.log().error("bad \xFF byte", {"a.cpp", 1});
   EXPECT_THAT(machine.process.standardError(), EndsWith("(service/main:118)\n")) << "no UTF-8: dropped here";
   EXPECT_EQ(machine.platformLog.entries().back().message, "bad \xFF byte");
+  machine.helper.log().info("two\nlines", {"a.cpp", 1});
+  EXPECT_THAT(machine.process.standardError(), EndsWith("two\\x0alines  (a:1)\n"));
 }
 
 // A log over its file, as when standard error goes there.
@@ -128,7 +135,10 @@ TEST(HelperLog, leavesAFileBelowTheThresholdAlone) {
   file.emit(1024);
   EXPECT_EQ(file.contentOf(file.path)->size(), 8'388'607U);
   ASSERT_TRUE(file.machine.posix.unlink(file.path));
-  EXPECT_NO_FATAL_FAILURE(file.emit(1024));
+  file.emit(1024);
+  EXPECT_FALSE(file.contentOf(file.path));
+  EXPECT_FALSE(file.contentOf(file.path + ".previous"));
+  EXPECT_THAT(file.machine.logged(), Not(Contains(HasSubstr("rotated"))));
 }
 
 TEST(Health, startsANewEpisodeWithEachChangeOfTheProblem) {

@@ -88,6 +88,10 @@ TEST(BoundedProcessRunner, isNotHeldByAGrandchildThatKeepsThePipes) {
   const Ran ran = run({.output = "x", .endsByItself = false, .keepsPipesOpen = true}, 1);
   EXPECT_EQ(ran.output.status, BoundedProcessRunner::deadlinePassed);
   EXPECT_LE(ran.took, 3s);
+  const Ran inTime = run({.output = "x", .endsAfter = 1s, .keepsPipesOpen = true}, 5);
+  EXPECT_EQ(inTime.output.status, BoundedProcessRunner::unreadableOutput);
+  EXPECT_EQ(inTime.output.standardError, "Process output pipes did not close after termination");
+  EXPECT_EQ(inTime.took, 5s);
 }
 
 }  // namespace

@@ -1,5 +1,7 @@
 #include "snapshots/SnapshotIdentity.h"
 
+#include <cmath>
+
 #include "SnapshotMachine.h"
 #include "platform/Files.h"
 
@@ -46,19 +48,33 @@ TEST(SnapshotIdentity, remembersOverARestartAndForgetsWhatIsGone) {
                           machine.life.random(), machine.log, machine.paths);
     const VolumeInfo volume = machine.volume();
     EXPECT_EQ(next.resolve(volume, [&] { return machine.apfs.listRawSnapshots(volume); }, {}).size(), 1U);
-    EXPECT_EQ(machine.diskutilRuns(), 1U);
+    machine.remove("b");
+    (void)machine.names();
+    SnapshotIdentity last(machine.life.dispatch(), machine.processes, machine.propertyLists, machine.posix,
+                          machine.life.random(), machine.log, machine.paths);
+    EXPECT_THAT(last.resolve(volume, [&] { return machine.apfs.listRawSnapshots(volume); }, {}), IsEmpty());
+    EXPECT_EQ(machine.diskutilRuns(), 1U) << "that there are none is remembered too";
   });
 }
 
 TEST(SnapshotIdentity, takesAnUnusableCacheFileForNone) {
-  for (const char* content : {"", "rubbish", R"({"version":2,"rows":[]})", R"({"version":1})", "[]"}) {
+  for (const char* pattern : {"", "rubbish", R"({"version":2,"rows":[ROW]})", R"({"version":1})", "[]",
+                              R"({"version":1,"rows":[ROW,{"name":"b"}]})"}) {
     SnapshotMachine machine;
     machine.run([&] {
-      machine.add("a");
+      const Xid xid = machine.add("a");
+      // A row that would be believed, with another XID.
+      const RawSnapshotEntry entry = machine.apfs.listRawSnapshots(machine.volume()).at(0);
+      std::string content = pattern;
+      if (const auto at = content.find("ROW"); at != std::string::npos) {
+        content.replace(at, 3,
+                        R"({"name":"a","fileID":)" + std::to_string(entry.fileID) + R"(,"ctimeNS":)" +
+                            std::to_string(std::llround(entry.created.secondsSince1970() * 1e9)) + R"(,"xid":5})");
+      }
       const std::string directory = machine.paths.state("snapshot-xids");
       createDirectories(machine.posix, directory, 0700);
       writeAtomically(machine.posix, machine.life.random(), directory + "/" + machine.uuid.lower() + ".json", content, 0600);
-      EXPECT_THAT(machine.names(), ElementsAre("a")) << content;
+      EXPECT_EQ(machine.apfs.listSnapshots(machine.volume()).at(0).xid, xid) << content;
       EXPECT_EQ(machine.diskutilRuns(), 1U);
     });
   }
@@ -135,12 +151,14 @@ TEST(SnapshotIdentity, tellsEveryFailureOfDiskutil) {
   for (const Case& bad : cases) {
     SnapshotMachine machine;
     machine.diskutilScript = [&](const std::string&) { return bad.program; };
+    machine.add("a");
     machine.run([&] {
       const Error error = SnapshotMachine::failureOf([&] { (void)machine.names(); });
       EXPECT_THAT(error.description(), ::testing::StartsWith(bad.message));
       EXPECT_EQ(error.code(), static_cast<long>(QuillmarkErrorCode::snapshotListFailed));
       machine.diskutilScript = nullptr;
-      EXPECT_THAT(machine.names(), IsEmpty()) << "a failed listing leaves nothing behind";
+      EXPECT_THAT(machine.names(), ElementsAre("a"));
+      EXPECT_EQ(machine.diskutilRuns(), 2U) << "a failed listing leaves nothing behind";
     });
   }
 }

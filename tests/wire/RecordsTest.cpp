@@ -8,6 +8,7 @@
 #include "wire/Json.h"
 #include "wire/QuillmarkError.h"
 #include "wire/Records.h"
+#include "wire/Rpc.h"
 
 namespace quillmark {
 namespace {
@@ -119,6 +120,9 @@ TEST(Errors, countAsCompletedOnlyWithDomainCodeAndMark) {
   EXPECT_TRUE(QuillmarkError::isOperationCompleted(QuillmarkError::operationCompleted("done")));
   EXPECT_FALSE(
       QuillmarkError::isOperationCompleted(QuillmarkError::make(QuillmarkErrorCode::auditPersistenceFailed, "no mark")));
+  const RpcIncoming marked = decodeIncoming(
+      R"({"id":1,"result":{"error":{"domain":"com.harrowfern.quillmark.Error","code":1061,"userInfo":{"QuillmarkOperationCompleted":false}}}})");
+  EXPECT_FALSE(QuillmarkError::isOperationCompleted(*marked.reply.error));
   EXPECT_FALSE(QuillmarkError::isOperationCompleted(Error("other", 1061, "x").asOperationCompleted()));
   EXPECT_FALSE(QuillmarkError::isOperationCompleted(
       QuillmarkError::make(QuillmarkErrorCode::internalError, "x").asOperationCompleted()));

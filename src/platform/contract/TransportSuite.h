@@ -3,6 +3,9 @@
 
 #include <gmock/gmock.h>
 
+#include <functional>
+#include <map>
+
 #include "base/Error.h"
 #include "platform/Transport.h"
 #include "platform/contract/DispatchBackend.h"

@@ -114,7 +114,7 @@ SysResult<std::string> resolvedPath(const MountTable& table, const std::string& 
       if (!target) return Errno{target.error()};
       if (!target->empty()) {
         if (++links > linkLimit) return Errno{ELOOP};
-        if (target->starts_with('/')) resolved = "/";
+        if (target->starts_with('/')) resolved.assign(1, '/');
         pushFront(pending, *target);
         continue;
       }

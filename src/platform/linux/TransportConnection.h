@@ -32,6 +32,10 @@ class LinuxConnection final : public TransportConnection, public std::enable_sha
   const PeerCredentials& peer() const override { return peer_; }
   void start(Callbacks callbacks) override EXCLUDES(mutex_);
   void send(std::string line) override EXCLUDES(mutex_);
+  bool hasUnsent() override EXCLUDES(mutex_) {
+    MutexLock lock(mutex_);
+    return !over_ && !outbox_.empty();
+  }
   void pauseReading() override EXCLUDES(mutex_);
   void resumeReading() override EXCLUDES(mutex_);
   void close() override EXCLUDES(mutex_);

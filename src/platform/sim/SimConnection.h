@@ -24,6 +24,7 @@ class SimConnection final : public TransportConnection, public std::enable_share
   const PeerCredentials& peer() const override { return setting_.peer; }
   void start(Callbacks callbacks) override;
   void send(std::string line) override;
+  bool hasUnsent() override { return !over_ && unsent_.bytes > 0; }
   void pauseReading() override;
   void resumeReading() override;
   void close() override;

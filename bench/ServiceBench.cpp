@@ -1,0 +1,83 @@
+// A no-op command through the whole service, from the socket to the reply, against a bare unix-socket echo.
+//
+// Goal: one round trip within 3 times the bare echo's; pipelined at no less than half of its rate.
+#include <benchmark/benchmark.h>
+#include <fcntl.h>
+
+#include <cstdlib>
+#include <filesystem>
+
+#include "Echo.h"
+#include "platform/linux/Clock.h"
+#include "platform/linux/DeviceNames.h"
+#include "platform/linux/Disks.h"
+#include "platform/linux/Dispatch.h"
+#include "platform/linux/Posix.h"
+#include "platform/linux/Processes.h"
+#include "platform/linux/PropertyList.h"
+#include "platform/linux/Random.h"
+#include "platform/linux/SnapshotCalls.h"
+#include "platform/linux/ThisProcess.h"
+#include "platform/linux/Transport.h"
+#include "platform/linux/TransportSocket.h"
+#include "platform/linux/Users.h"
+#include "platform/sim/SimPlatform.h"
+#include "service/HelperProcess.h"
+#include "wire/Commands.h"
+#include "wire/Rpc.h"
+
+namespace quillmark {
+namespace {
+
+std::string freshDirectory() {
+  std::string directory = "/tmp/quillmark-bench-XXXXXX";
+  if (!::mkdtemp(directory.data())) std::abort();
+  return directory;
+}
+
+// The real service over the real platform, its paths under a directory of its own. Only root may talk to it.
+class ServedHelper final {
+ public:
+  ServedHelper() {
+    helper_.start();
+    client_ = std::move(*os::connectTo(paths_.socket));
+    ::fcntl(client_.get(), F_SETFL, 0);
+  }
+  ~ServedHelper() {
+    client_.reset();
+    std::filesystem::remove_all(directory_);
+  }
+  [[nodiscard]] int client() const { return client_.get(); }
+
+ private:
+  const std::string directory_ = freshDirectory();
+  const HostPaths paths_ = sim::hostPathsUnder(directory_);
+  os::LinuxClock clock_;
+  os::LinuxDispatch dispatch_{clock_};
+  os::LinuxRandom random_;
+  os::LinuxPosix posix_;
+  os::DeviceNames names_{posix_, paths_.deviceNames, os::DeviceNames::Mode::reader};
+  os::LinuxSnapshotCalls snapshots_{dispatch_, names_};
+  os::LinuxDisks disks_{names_};
+  os::LinuxProcesses processes_{dispatch_};
+  os::LinuxPropertyLists propertyLists_;
+  os::LinuxTransport listener_{dispatch_, {.path = paths_.socket}};
+  sim::SimPlatformLog log_;
+  sim::SimThisProcess process_{1};
+  os::LinuxUsers users_;
+  HelperProcess helper_{{dispatch_, clock_, random_, posix_, snapshots_, disks_, processes_, propertyLists_, listener_, log_,
+                         process_, users_, paths_, {}},
+                        {.exitProcess = [] {}}};
+  UniqueFd client_;
+};
+
+void BM_NoOpCommandAgainstBareEcho(benchmark::State& state) {
+  const std::string line = encodeRequest(1, ProtocolVersion::traits.selector, {}) + "\n";
+  const BareEcho bare;
+  const ServedHelper helper;
+  compareWithBare(state, bare.client(), helper.client(), line);
+}
+BENCHMARK(BM_NoOpCommandAgainstBareEcho)->Iterations(15)->UseRealTime()->Unit(benchmark::kMillisecond);
+
+}  // namespace
+}  // namespace quillmark
