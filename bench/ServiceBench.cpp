@@ -32,6 +32,7 @@ namespace {
 std::string freshDirectory() {
   std::string directory = "/tmp/quillmark-bench-XXXXXX";
   if (!::mkdtemp(directory.data())) std::abort();
+  std::filesystem::create_directories(directory + "/run");
   return directory;
 }
 

@@ -67,7 +67,8 @@ struct ListedVolume {
   sim::SimPlatformLog log;
   NoProcesses processes;
   HostPaths paths{.stateDirectory = machine.root + "/state"};
-  SnapshotIdentity identity{machine.dispatch, processes, propertyLists, machine.posix, random, log, paths};
+  SnapshotIdentity identity{machine.dispatch, processes, propertyLists, machine.posix, random, log, paths,
+                            SnapshotIdentity::FileIds::areXids};
   SnapshotServices services{machine.calls, machine.disks, machine.posix, log, paths, identity, {}};
   APFSManager apfs{services, "bench"};
   VolumeInfo volume = apfs.resolveVolume(machine.uuidAt(machine.volume).text());

@@ -13,6 +13,7 @@
 
 #include "base/SysResult.h"
 #include "base/Uuid.h"
+#include "base/Xid.h"
 
 namespace quillmark {
 
@@ -73,17 +74,18 @@ class SnapshotCalls {
                                                                     const VolumeUuid& expected) = 0;
 
   [[nodiscard]] virtual SysStatus fs_snapshot_create(OpenVolume& volume, const std::string& name) = 0;
-  // EBUSY while the snapshot is mounted anywhere or being read by us, ENOENT when it is gone.
-  [[nodiscard]] virtual SysStatus fs_snapshot_delete(OpenVolume& volume, const std::string& name) = 0;
+  // EBUSY while the snapshot is mounted anywhere or being read by us. ENOENT when it is gone, or when the name has passed
+  // to another snapshot than the one meant.
+  [[nodiscard]] virtual SysStatus fs_snapshot_delete(OpenVolume& volume, const std::string& name, Xid meant) = 0;
   // Writes whole records and answers how many, 0 at the end; calls on one open volume go on where the last one stopped.
   // A record: u32 length; u32[5] returned attribute groups; i32 offset (from byte 24) and u32 length of the name;
   // i64 seconds and i64 nanoseconds of the creation time since 1970; u64 file ID; the name's UTF-8 with a closing NUL.
   // Host byte order. ERANGE when not even one fits.
   [[nodiscard]] virtual SysResult<int> fs_snapshot_list(OpenVolume& volume, const AttributeList& attributes,
                                                         std::span<std::byte> buffer) = 0;
-  // EBUSY when that snapshot is mounted already.
+  // EBUSY when that snapshot is mounted already, ENOENT as for deletion.
   [[nodiscard]] virtual SysStatus fs_snapshot_mount(OpenVolume& volume, const std::string& directory,
-                                                    const std::string& name, std::uint32_t mountFlags) = 0;
+                                                    const std::string& name, Xid meant, std::uint32_t mountFlags) = 0;
   // With force the path goes at once; who has files open there goes on reading.
   [[nodiscard]] virtual SysStatus unmount(const std::string& path, bool force) = 0;
   [[nodiscard]] virtual SysResult<FileSystemStatus> statfs(const std::string& path) = 0;

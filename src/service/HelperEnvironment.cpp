@@ -19,7 +19,7 @@ HelperEnvironment::HelperEnvironment(const Platform& platformFacilities, HelperL
       log(helperLog),
       connections(platform.dispatch),
       identity(platform.dispatch, platform.processes, platform.propertyLists, platform.posix, platform.random,
-               platform.log, platform.paths),
+               platform.log, platform.paths, SnapshotIdentity::FileIds::areXids),
       snapshots{platform.snapshots, platform.disks, platform.posix, platform.log, platform.paths, identity, {}},
       apfs(snapshots, LogNames::apfs),
       volumes(platform.dispatch, platform.disks, platform.snapshots, platform.processes, platform.propertyLists,
@@ -27,6 +27,7 @@ HelperEnvironment::HelperEnvironment(const Platform& platformFacilities, HelperL
       health(platform.dispatch, platform.random, log, {}),
       shutdown(platform.dispatch, log, {nullptr, [this] { connections.flush(lastReplies); }, std::move(exitProcess)}),
       snapshotChanges(std::make_shared<SnapshotChangePush>(platform.dispatch, connections)),
+      mountPaths(platform.dispatch),
       startedOnce_(platform.dispatch, false) {}
 
 void HelperEnvironment::start() {

@@ -46,6 +46,9 @@ class HelperEnvironment final {
   HealthMonitor health;
   ShutdownCoordinator shutdown;
   const std::shared_ptr<SnapshotChangePush> snapshotChanges;
+  // Held from the look at a user's mount path to the end of mounting or unmounting there, so that one client never
+  // removes the directory on which another is about to mount.
+  Mutex mountPaths;
 
   AuditTrail* audit = nullptr;
   PolicySource* policies = nullptr;

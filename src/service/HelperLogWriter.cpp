@@ -17,6 +17,7 @@ namespace {
 constexpr std::int64_t rotationThreshold = 8'388'608;
 constexpr int sizeCheckInterval = 512;
 constexpr std::string_view category = "main";
+constexpr std::size_t longestMessage = 65536;  // for the platform
 
 std::string_view word(LogLevel level) {
   switch (level) {
@@ -36,8 +37,14 @@ PlatformLogType typeOf(LogLevel level) {
   return PlatformLogType::normal;
 }
 
-// A peer's text must not be able to write lines of its own.
+// A peer's text must not be able to write lines of its own, or to fill the disk.
 std::string onOneLine(std::string_view message) {
+  constexpr std::size_t most = 4096;
+  if (message.size() > most) {
+    std::size_t cut = most;
+    while ((static_cast<unsigned char>(message[cut]) & 0xC0) == 0x80) --cut;
+    return onOneLine(message.substr(0, cut)) + "...";
+  }
   std::string line;
   for (const char c : message) {
     const auto byte = static_cast<unsigned char>(c);
@@ -69,7 +76,7 @@ void HelperLogWriter::emit(LogLevel level, std::string_view message, CodeLocatio
                   now.hour, now.minute, now.second, now.millisecond, word(level), process_.pid(), onOneLine(message),
                   withoutEnding(where.file), where.line);
   if (isValidUtf8(line)) process_.writeStandardError(line);
-  platformLog_.log(typeOf(level), LogNames::subsystem, category, message);
+  platformLog_.log(typeOf(level), LogNames::subsystem, category, message.substr(0, longestMessage));
 }
 
 void HelperLogWriter::rotateIfDue() {

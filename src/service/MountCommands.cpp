@@ -29,7 +29,7 @@ Mounted mountOrReuse(CommandRun& run, const VolumeInfo& volume, const std::strin
     throw QuillmarkError::make(invalidMountPath, fmt::format("Composed mount path \"{}\" failed validation", path));
   }
   if (!isMountPoint(platform.snapshots, path)) {
-    run.service().apfs().mountSnapshot(volume, name, path);
+    run.service().apfs().mountSnapshot(volume, {name, xid}, path);
     return {path, true};
   }
   const auto status = platform.snapshots.statfs(path);
@@ -101,7 +101,10 @@ void handle(CommandRun& run, const MountSnapshot& call) {
   refuseBackupVolume(volume, "mount snapshots");
   const Xid xid{call.xid};
   (void)run.service().apfs().verifySnapshots(volume, {{call.name, xid}});
-  const Mounted mounted = mountOrReuse(run, volume, call.name, xid);
+  const Mounted mounted = [&] {
+    MutexLock lock(run.environment().mountPaths);
+    return mountOrReuse(run, volume, call.name, xid);
+  }();
   run.environment().log.info(
       fmt::format("mountSnapshot OK: {} at {} (newMount={})", call.name, mounted.path, mounted.isNew));
   std::optional<Error> auditFailure;
@@ -116,11 +119,14 @@ void handle(CommandRun& run, const UnmountSnapshot& call) {
   if (!acceptableMountPath(platform.paths, call.path)) {
     throw QuillmarkError::make(invalidMountPath, "Path must resolve under " + platform.paths.userMountRoot);
   }
-  if (!isSnapshotMount(platform.snapshots, call.path)) {
-    throw QuillmarkError::make(invalidMountPath,
-                               "Refusing to unmount a path that is not a read-only APFS snapshot mount");
+  {
+    MutexLock lock(run.environment().mountPaths);
+    if (!isSnapshotMount(platform.snapshots, call.path)) {
+      throw QuillmarkError::make(invalidMountPath,
+                                 "Refusing to unmount a path that is not a read-only APFS snapshot mount");
+    }
+    run.service().apfs().unmountSnapshot(call.path, false);
   }
-  run.service().apfs().unmountSnapshot(call.path, false);
   run.environment().log.info("unmountSnapshot OK: " + call.path);
   run.replyNothing(run.recordSuccess("Unmounted " + call.path));
 }

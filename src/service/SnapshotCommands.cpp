@@ -60,7 +60,7 @@ Xid deleteUnlessProtected(CommandRun& run, const VolumeInfo& volume, const Sched
     throw QuillmarkError::make(protectedSnapshot,
                                "Refusing to delete a protected snapshot. Use Force or unprotect it first.");
   }
-  run.service().apfs().deleteSnapshot(volume, name);
+  run.service().apfs().deleteSnapshot(volume, {name, xid});
   if (guard) guard->forgetDeleted(volume, xid);
   return xid;
 }

@@ -68,9 +68,10 @@ std::string APFSManager::createSnapshot(const VolumeInfo& volume, const std::str
   }
 }
 
-void APFSManager::deleteSnapshot(const VolumeInfo& volume, const std::string& name) {
+void APFSManager::deleteSnapshot(const VolumeInfo& volume, const SnapshotReference& snapshot) {
   const auto opened = open(volume, snapshotDeleteFailed);
-  if (const SysStatus deleted = services_.calls.fs_snapshot_delete(*opened, name); !deleted) {
+  if (const SysStatus deleted = services_.calls.fs_snapshot_delete(*opened, snapshot.name, snapshot.xid);
+      !deleted) {
     throw QuillmarkError::make(snapshotDeleteFailed, "fs_snapshot_delete failed: " + errnoText(deleted.error()));
   }
   if (services_.callbacks.inventoryChanged) services_.callbacks.inventoryChanged(volume.uuid);
@@ -118,19 +119,19 @@ void APFSManager::ensureMountRoot(const std::string& path) {
   if (!status) createDirectories(services_.posix, root, 0755);
 }
 
-void APFSManager::mountSnapshot(const VolumeInfo& volume, const std::string& name, const std::string& path) {
+void APFSManager::mountSnapshot(const VolumeInfo& volume, const SnapshotReference& snapshot, const std::string& path) {
   const auto opened = open(volume, snapshotMountFailed);
   ensureMountRoot(path);
   createDirectories(services_.posix, path, 0700);
   const std::uint32_t flags =
       mntReadOnly | mntNoSuid | mntNoDev | (volume.isProtected ? std::uint32_t{mntIgnoreOwnership} : 0U);
-  const SysStatus mounted = services_.calls.fs_snapshot_mount(*opened, path, name, flags);
+  const SysStatus mounted = services_.calls.fs_snapshot_mount(*opened, path, snapshot.name, snapshot.xid, flags);
   if (mounted) return;
   if (!isMountPoint(services_.calls, path)) (void)services_.posix.rmdir(path);
   if (mounted.error() == EBUSY) {
     throw QuillmarkError::make(
         snapshotInUse,
-        fmt::format("Snapshot \"{}\" is already mounted, so it cannot be mounted again right now.", name));
+        fmt::format("Snapshot \"{}\" is already mounted, so it cannot be mounted again right now.", snapshot.name));
   }
   throw QuillmarkError::make(snapshotMountFailed, "fs_snapshot_mount failed: " + errnoText(mounted.error()));
 }

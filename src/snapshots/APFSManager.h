@@ -52,14 +52,15 @@ class APFSManager final {
   [[nodiscard]] VolumeInfo resolveVolume(const std::string& uuid);
   // The name actually used: a taken one gets the label suffixes "-2" to "-8".
   std::string createSnapshot(const VolumeInfo& volume, const std::string& label, SnapshotNameInfo::Kind kind, Date date);
-  void deleteSnapshot(const VolumeInfo& volume, const std::string& name);
+  // The snapshot that bears the name and the XID, and no other.
+  void deleteSnapshot(const VolumeInfo& volume, const SnapshotReference& snapshot);
   // In the kernel's order, all three.
   [[nodiscard]] std::vector<RawSnapshotEntry> listRawSnapshots(const VolumeInfo& volume);
   [[nodiscard]] std::vector<SnapshotRecord> listSnapshots(const VolumeInfo& volume);
   [[nodiscard]] std::vector<SnapshotRecord> verifySnapshots(const VolumeInfo& volume,
                                                             const std::vector<SnapshotReference>& references);
   // The caller has composed and checked the path.
-  void mountSnapshot(const VolumeInfo& volume, const std::string& name, const std::string& path);
+  void mountSnapshot(const VolumeInfo& volume, const SnapshotReference& snapshot, const std::string& path);
   // Unmounts and removes the directory; a path that is no mount point, or is gone, counts as done. A busy one is forced.
   void unmountSnapshot(const std::string& path, bool force);
   // Takes away what an earlier run's indexing left mounted, except the paths to keep. Never fails.

@@ -2,6 +2,7 @@
 
 #include <fmt/format.h>
 
+#include <algorithm>
 #include <set>
 #include <unordered_map>
 
@@ -58,6 +59,11 @@ std::vector<Xid> xidsFrom(const std::vector<RawSnapshotEntry>& entries, const Di
   return xids;
 }
 
+bool areFileIds(const std::vector<RawSnapshotEntry>& entries, const std::vector<Xid>& xids) {
+  return std::equal(entries.begin(), entries.end(), xids.begin(), xids.end(),
+                    [](const RawSnapshotEntry& entry, Xid xid) { return entry.fileID == xid.value; });
+}
+
 std::map<std::uint64_t, Xid> migrationMap(const std::vector<RawSnapshotEntry>& entries, const std::vector<Xid>& xids) {
   std::map<std::uint64_t, Xid> map;
   for (std::size_t i = 0; i < entries.size(); ++i) {
@@ -74,9 +80,10 @@ std::map<std::uint64_t, Xid> migrationMap(const std::vector<RawSnapshotEntry>& e
 }  // namespace
 
 SnapshotIdentity::SnapshotIdentity(Dispatch& dispatch, Processes& processes, PropertyLists& propertyLists, Posix& posix,
-                                   Random& random, PlatformLog& log, const HostPaths& paths)
+                                   Random& random, PlatformLog& log, const HostPaths& paths, FileIds fileIds)
     : propertyLists_(propertyLists),
       diskutil_(paths.diskutil),
+      fileIds_(fileIds),
       runner_(dispatch, processes),
       cache_(dispatch, posix, random, log, paths),
       resolutionLock_(dispatch) {}
@@ -109,8 +116,10 @@ SnapshotIdentity::Resolved SnapshotIdentity::resolveIdentities(const VolumeInfo&
       difference = compare(entries, catalog);
       if (difference.kernelOnly.empty() && difference.diskutilOnly.empty()) {
         std::vector<Xid> xids = xidsFrom(entries, catalog);
-        cache_.store(volume.uuid, entries, xids);
-        return {std::move(entries), std::move(xids)};
+        if (fileIds_ == FileIds::areOfTheirOwn || areFileIds(entries, xids)) {
+          cache_.store(volume.uuid, entries, xids);
+          return {std::move(entries), std::move(xids)};
+        }
       }
     }
     if (pass == mostPasses) {

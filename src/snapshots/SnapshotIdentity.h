@@ -33,8 +33,12 @@ class SnapshotIdentity final {
  public:
   using ListKernel = FunctionRef<std::vector<RawSnapshotEntry>()>;
 
+  // What the kernel's file IDs are on this platform. Where they are the XIDs, an answer of diskutil that says otherwise
+  // speaks of another moment, when somebody had renamed snapshots, and isn't believed.
+  enum class FileIds { areXids, areOfTheirOwn };
+
   SnapshotIdentity(Dispatch& dispatch, Processes& processes, PropertyLists& propertyLists, Posix& posix, Random& random,
-                   PlatformLog& log, const HostPaths& paths);
+                   PlatformLog& log, const HostPaths& paths, FileIds fileIds);
 
   // One record for each entry of the kernel's list, in its order. The migration may be empty.
   [[nodiscard]] std::vector<SnapshotRecord> resolve(const VolumeInfo& volume, ListKernel listKernel,
@@ -50,6 +54,7 @@ class SnapshotIdentity final {
 
   PropertyLists& propertyLists_;
   const std::string diskutil_;
+  const FileIds fileIds_;
   BoundedProcessRunner runner_;
   SnapshotXIDResolutionCache cache_;
   Mutex resolutionLock_;

@@ -53,7 +53,7 @@ SnapshotXIDResolutionCache::SnapshotXIDResolutionCache(Threads& threads, Posix& 
     : posix_(posix), random_(random), log_(log), directory_(paths.state("snapshot-xids")), lock_(threads) {}
 
 SnapshotXIDResolutionCache::Key SnapshotXIDResolutionCache::keyOf(const RawSnapshotEntry& entry) {
-  return {entry.name, entry.fileID, std::llround(entry.created.secondsSince1970() * 1e9)};
+  return {entry.fileID, std::llround(entry.created.secondsSince1970() * 1e9), entry.name};
 }
 
 std::optional<std::vector<Xid>> SnapshotXIDResolutionCache::lookup(const std::string& volumeUUID,
@@ -114,7 +114,7 @@ std::optional<SnapshotXIDResolutionCache::Rows> SnapshotXIDResolutionCache::read
     const auto stored = decodeJson<StoredCache>(*text);
     if (stored.version != fileVersion) return std::nullopt;
     Rows rows;
-    for (const StoredRow& row : stored.rows) rows[{row.name, row.fileID, row.ctimeNS}] = row.xid;
+    for (const StoredRow& row : stored.rows) rows[{row.fileID, row.ctimeNS, row.name}] = row.xid;
     return rows;
   } catch (const Error&) {
     return std::nullopt;

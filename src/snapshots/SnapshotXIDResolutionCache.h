@@ -36,9 +36,9 @@ class SnapshotXIDResolutionCache final {
 
  private:
   struct Key {
-    std::string name;
-    std::uint64_t fileID = 0;
+    std::uint64_t fileID = 0;  // first, so that comparing seldom comes to the names
     std::int64_t ctimeNS = 0;
+    std::string name;
     auto operator<=>(const Key&) const = default;
   };
   using Rows = std::map<Key, Xid>;

@@ -1,5 +1,7 @@
 #include "snapshots/VolumeResolver.h"
 
+#include <fmt/format.h>
+
 #include <algorithm>
 
 #include "base/Text.h"
@@ -50,6 +52,7 @@ VolumeInfo resolveVolume(Disks& disks, SnapshotCalls& calls, const std::string& 
     throw QuillmarkError::make(QuillmarkErrorCode::internalError, "Could not create DA session");
   }
   const std::string wanted = asciiLower(uuid);
+  std::optional<VolumeInfo> found;
   for (const std::string& path : volumePathsToWalk(disks)) {
     const std::optional<DiskDescription> description = disks.describe(path);
     if (!description) continue;
@@ -65,8 +68,17 @@ VolumeInfo resolveVolume(Disks& disks, SnapshotCalls& calls, const std::string& 
     volume.isAPFSData = isDataRole(role);
     volume.isProtected = demandsContentProtection(calls, volume.mountPoint);
     volume.isInternalDevice = description->deviceInternal.value_or(false);
-    return volume;
+    // A copied disk bears the UUIDs of its original: which of the two is meant can't be known.
+    if (found && found->mountPoint != volume.mountPoint) {
+      throw QuillmarkError::make(
+          QuillmarkErrorCode::internalError,
+          fmt::format("Two mounted volumes have the UUID {}: {} and {}. One seems to be a copy of the other; unmount one "
+                      "of them.",
+                      uuid, found->mountPoint, volume.mountPoint));
+    }
+    found = std::move(volume);
   }
+  if (found) return *found;
   throw QuillmarkError::make(QuillmarkErrorCode::volumeNotFound, "No mounted APFS volume with UUID " + uuid);
 }
 

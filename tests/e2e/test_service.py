@@ -114,6 +114,7 @@ class Clients(HelperCase):
     def test_clients_that_vanish_in_mid_call_leave_nothing_behind(self):
         open_before = self.helper.descriptors()
         for round_ in range(40):
+            wait_until(lambda: self.helper.descriptors() < open_before + 10, "room for one more connection")
             gone = Client()
             gone.post(LIST, self.volume.uuid, False, False)
             gone.send(request(1, CREATE, [self.volume.uuid, "unfinished"])[: 10 + 3 * round_])
@@ -121,7 +122,23 @@ class Clients(HelperCase):
                 gone.socket.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER, b"\1\0\0\0\0\0\0\0")
             gone.close()
         wait_until(lambda: self.helper.descriptors() <= open_before, "the end of the connections")
-        self.assertEqual(self.client.call(VERSION), "0.1.0")
+        self.assertEqual(self.names(), [])
+
+    def test_a_user_has_so_many_connections_and_then_no_more(self):
+        kept = [self.connect() for _ in range(15)]
+        self.assertEqual({client.call(VERSION) for client in kept}, {"0.1.0"})
+        with Client() as one_more, self.assertRaises(OSError):
+            one_more.call(VERSION)
+        kept.pop().close()
+        wait_until(self.can_connect, "room for another connection")
+
+    @staticmethod
+    def can_connect():
+        try:
+            with Client() as client:
+                return client.call(VERSION)
+        except OSError:
+            return None
 
     def test_two_clients_at_once_lose_and_double_nothing(self):
         made = {}

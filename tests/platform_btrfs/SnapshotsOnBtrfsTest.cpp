@@ -28,7 +28,8 @@ class SnapshotsOnBtrfs : public ::testing::Test {
     return machine.calls.fs_snapshot_create(*machine.open(mountPoint), name).error();
   }
   int remove(const std::string& mountPoint, const std::string& name) {
-    return machine.calls.fs_snapshot_delete(*machine.open(mountPoint), name).error();
+    const Xid xid = contract::xidOf(machine.calls, *machine.open(mountPoint), name);
+    return machine.calls.fs_snapshot_delete(*machine.open(mountPoint), name, xid).error();
   }
   // Where our snapshots of "data" stand, as seen through the mounted top level.
   std::string place() { return machine.top + "/.quillmark/" + machine.uuidAt(machine.volume).text(); }
@@ -188,7 +189,7 @@ TEST_F(SnapshotsOnBtrfs, AFileSystemThatItsUserMadeReadOnlyStaysSo) {
   ASSERT_EQ(machine.calls.fs_snapshot_create(*volume, "before").error(), 0);
   machine.shell("mount -o remount,ro " + machine.top);
   EXPECT_EQ(machine.calls.fs_snapshot_create(*volume, "after").error(), EROFS);
-  EXPECT_EQ(machine.calls.fs_snapshot_delete(*volume, "before").error(), EROFS);
+  EXPECT_EQ(machine.calls.fs_snapshot_delete(*volume, "before", Xid{1}).error(), EROFS);
   machine.shell("awk '$5 == \"" + machine.top + "\"' /proc/self/mountinfo | grep -q ' - btrfs [^ ]* ro,'");
 }
 

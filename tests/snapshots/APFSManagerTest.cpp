@@ -44,9 +44,9 @@ TEST(APFSManager, saysWhatToDoWhenAVolumeMayNotBeRead) {
     };
     const std::vector<Case> cases{
         {QuillmarkErrorCode::snapshotCreateFailed, [&] { (void)machine.apfs.createSnapshot(volume, "", Kind::manual(), machine.now()); }},
-        {QuillmarkErrorCode::snapshotDeleteFailed, [&] { machine.apfs.deleteSnapshot(volume, "a"); }},
+        {QuillmarkErrorCode::snapshotDeleteFailed, [&] { machine.apfs.deleteSnapshot(volume, {"a", Xid{1}}); }},
         {QuillmarkErrorCode::snapshotListFailed, [&] { (void)machine.apfs.listRawSnapshots(volume); }},
-        {QuillmarkErrorCode::snapshotMountFailed, [&] { machine.apfs.mountSnapshot(volume, "a", machine.paths.userMountRoot + "/a"); }}};
+        {QuillmarkErrorCode::snapshotMountFailed, [&] { machine.apfs.mountSnapshot(volume, {"a", Xid{1}}, machine.paths.userMountRoot + "/a"); }}};
     for (const Case& operation : cases) {
       for (const int error : {EACCES, EPERM, EIO}) {
         machine.volumes.failNext(sim::SimCall::open, error);
@@ -93,18 +93,18 @@ TEST(APFSManager, listsMoreThanOneBufferHolds) {
 TEST(APFSManager, mountsReadOnlyAndCleansUpAfterAFailure) {
   SnapshotMachine machine;
   machine.run([&] {
-    machine.add("a");
+    const SnapshotReference a{"a", machine.add("a")};
     const VolumeInfo volume = machine.volume();
     const std::string path = machine.paths.userMountRoot + "/Data@snap-1";
-    machine.apfs.mountSnapshot(volume, "a", path);
+    machine.apfs.mountSnapshot(volume, a, path);
     EXPECT_TRUE(isSnapshotMount(machine.calls, path));
     EXPECT_EQ(machine.volumes.mounts().at(0).flags, mntReadOnly | mntNoSuid | mntNoDev);
     const std::string second = machine.paths.userMountRoot + "/other";
-    const Error busy = SnapshotMachine::failureOf([&] { machine.apfs.mountSnapshot(volume, "a", second); });
+    const Error busy = SnapshotMachine::failureOf([&] { machine.apfs.mountSnapshot(volume, a, second); });
     EXPECT_EQ(busy.description(), "Snapshot \"a\" is already mounted, so it cannot be mounted again right now.");
     EXPECT_EQ(busy.code(), static_cast<long>(QuillmarkErrorCode::snapshotInUse));
     EXPECT_FALSE(machine.posix.lstat(second)) << "the directory made for it is gone";
-    EXPECT_EQ(SnapshotMachine::failureOf([&] { machine.apfs.mountSnapshot(volume, "b", second); }).description(),
+    EXPECT_EQ(SnapshotMachine::failureOf([&] { machine.apfs.mountSnapshot(volume, {"b", a.xid}, second); }).description(),
               "fs_snapshot_mount failed: No such file or directory");
     machine.apfs.unmountSnapshot(path, false);
     EXPECT_FALSE(machine.posix.lstat(path));
@@ -114,11 +114,11 @@ TEST(APFSManager, mountsReadOnlyAndCleansUpAfterAFailure) {
 TEST(APFSManager, refusesAMountRootThatIsNoDirectory) {
   SnapshotMachine machine;
   machine.run([&] {
-    machine.add("a");
+    const Xid xid = machine.add("a");
     ASSERT_TRUE(machine.posix.rmdir(machine.paths.userMountRoot));
     writeAtomically(machine.posix, machine.life.random(), machine.paths.userMountRoot, "", 0600);
     EXPECT_EQ(SnapshotMachine::failureOf([&] {
-                machine.apfs.mountSnapshot(machine.volume(), "a", machine.paths.userMountRoot + "/a");
+                machine.apfs.mountSnapshot(machine.volume(), {"a", xid}, machine.paths.userMountRoot + "/a");
               }).description(),
               "Mount root exists but is not a directory: " + machine.paths.userMountRoot);
   });
@@ -127,9 +127,9 @@ TEST(APFSManager, refusesAMountRootThatIsNoDirectory) {
 TEST(APFSManager, unmountsWhatIsBusyByForceAndWhatIsGoneAsDone) {
   SnapshotMachine machine;
   machine.run([&] {
-    machine.add("a");
+    const Xid xid = machine.add("a");
     const std::string path = machine.paths.userMountRoot + "/Data@snap-1";
-    machine.apfs.mountSnapshot(machine.volume(), "a", path);
+    machine.apfs.mountSnapshot(machine.volume(), {"a", xid}, path);
     machine.volumes.setBusy(path, true);
     machine.apfs.unmountSnapshot(path, false);
     EXPECT_THAT(machine.volumes.mounts(), IsEmpty());
@@ -152,12 +152,12 @@ TEST(APFSManager, unmountsWhatIsBusyByForceAndWhatIsGoneAsDone) {
 TEST(APFSManager, sweepsWhatIndexingLeftMountedAndNothingElse) {
   SnapshotMachine machine;
   machine.run([&] {
-    for (const char* name : {"a", "b", "c"}) machine.add(name);
+    const Xid a = machine.add("a"), b = machine.add("b"), c = machine.add("c");
     const VolumeInfo volume = machine.volume();
     const std::string root = machine.paths.privateMountRoot;
-    machine.apfs.mountSnapshot(volume, "a", root + "/.index-a-1");
-    machine.apfs.mountSnapshot(volume, "b", root + "/.index-b-2");
-    machine.apfs.mountSnapshot(volume, "c", root + "/other");
+    machine.apfs.mountSnapshot(volume, {"a", a}, root + "/.index-a-1");
+    machine.apfs.mountSnapshot(volume, {"b", b}, root + "/.index-b-2");
+    machine.apfs.mountSnapshot(volume, {"c", c}, root + "/other");
     createDirectories(machine.posix, root + "/.index-empty", 0700);
     createDirectories(machine.posix, root + "/.index-full/x", 0700);
     machine.apfs.cleanStaleIndexMounts({root + "/.index-b-2"});
@@ -167,6 +167,35 @@ TEST(APFSManager, sweepsWhatIndexingLeftMountedAndNothingElse) {
     EXPECT_FALSE(machine.posix.lstat(root + "/.index-empty"));
     EXPECT_TRUE(machine.posix.lstat(root + "/.index-full"));
     EXPECT_EQ(machine.log.entries().back().message, "Removed stale indexing mount at " + root + "/.index-a-1");
+  });
+}
+
+TEST(APFSManager, touchesNoOtherSnapshotThatTookTheName) {
+  SnapshotMachine machine;
+  machine.run([&] {
+    const Xid first = machine.add("a");
+    machine.remove("a");
+    const Xid second = machine.add("a");
+    ASSERT_NE(first, second);
+    const VolumeInfo volume = machine.volume();
+    EXPECT_EQ(SnapshotMachine::failureOf([&] { machine.apfs.deleteSnapshot(volume, {"a", first}); }).description(),
+              "fs_snapshot_delete failed: No such file or directory");
+    EXPECT_EQ(SnapshotMachine::failureOf([&] {
+                machine.apfs.mountSnapshot(volume, {"a", first}, machine.paths.userMountRoot + "/a");
+              }).description(),
+              "fs_snapshot_mount failed: No such file or directory");
+    machine.apfs.deleteSnapshot(volume, {"a", second});
+    EXPECT_THAT(machine.names(), IsEmpty());
+  });
+}
+
+TEST(APFSManager, refusesToChooseBetweenAVolumeAndItsCopy) {
+  SnapshotMachine machine;
+  machine.volumes.add(sim::makeSimVolume(machine.uuid, "Data", "/Volumes/Copy", "disk2s1"));
+  machine.run([&] {
+    EXPECT_EQ(SnapshotMachine::failureOf([&] { (void)machine.volume(); }).description(),
+              "Two mounted volumes have the UUID " + machine.uuid.lower() +
+                  ": /Volumes/Data and /Volumes/Copy. One seems to be a copy of the other; unmount one of them.");
   });
 }
 

@@ -45,13 +45,13 @@ TEST(SnapshotIdentity, remembersOverARestartAndForgetsWhatIsGone) {
     (void)machine.names();
     EXPECT_THAT(*readFile(machine.posix, file), Not(HasSubstr("\"a\"")));
     SnapshotIdentity next(machine.life.dispatch(), machine.processes, machine.propertyLists, machine.posix,
-                          machine.life.random(), machine.log, machine.paths);
+                          machine.life.random(), machine.log, machine.paths, machine.fileIds);
     const VolumeInfo volume = machine.volume();
     EXPECT_EQ(next.resolve(volume, [&] { return machine.apfs.listRawSnapshots(volume); }, {}).size(), 1U);
     machine.remove("b");
     (void)machine.names();
     SnapshotIdentity last(machine.life.dispatch(), machine.processes, machine.propertyLists, machine.posix,
-                          machine.life.random(), machine.log, machine.paths);
+                          machine.life.random(), machine.log, machine.paths, machine.fileIds);
     EXPECT_THAT(last.resolve(volume, [&] { return machine.apfs.listRawSnapshots(volume); }, {}), IsEmpty());
     EXPECT_EQ(machine.diskutilRuns(), 1U) << "that there are none is remembered too";
   });
@@ -163,8 +163,28 @@ TEST(SnapshotIdentity, tellsEveryFailureOfDiskutil) {
   }
 }
 
-TEST(SnapshotIdentity, movesFileIdsToXidsUnlessTwoShareOne) {
+// Goal:   a rename between the two listings never ties a name to another snapshot's XID.
+// Method: two snapshots swap their names after the kernel's list was taken, so that both listings name the same set.
+TEST(SnapshotIdentity, believesNoXidOfAnotherMoment) {
   SnapshotMachine machine;
+  machine.run([&] {
+    const Xid a = machine.add("a"), b = machine.add("b");
+    bool isFirst = true;
+    machine.beforeDiskutil = [&] {
+      if (!std::exchange(isFirst, false)) return;
+      machine.volumes.change(machine.uuid, [](sim::SimVolume& volume) {
+        std::swap(volume.snapshots[0].name, volume.snapshots[1].name);
+      });
+    };
+    const auto records = machine.apfs.listSnapshots(machine.volume());
+    ASSERT_EQ(records.size(), 2U);
+    for (const SnapshotRecord& record : records) EXPECT_EQ(record.xid, record.name == "b" ? a : b);
+    EXPECT_EQ(machine.diskutilRuns(), 2U);
+  });
+}
+
+TEST(SnapshotIdentity, movesFileIdsToXidsUnlessTwoShareOne) {
+  SnapshotMachine machine(SnapshotIdentity::FileIds::areOfTheirOwn);
   std::map<std::uint64_t, Xid> moved;
   machine.services.callbacks.identityMigration = [&](const VolumeInfo&, const std::map<std::uint64_t, Xid>& map) {
     moved = map;

@@ -20,7 +20,8 @@ namespace quillmark {
 
 class SnapshotMachine {
  public:
-  SnapshotMachine() {
+  explicit SnapshotMachine(SnapshotIdentity::FileIds kernelFileIds = SnapshotIdentity::FileIds::areXids)
+      : fileIds(kernelFileIds) {
     volumes.add(sim::makeSimVolume(uuid));
     for (const std::string& directory : {paths.userMountRoot, paths.privateMountRoot}) {
       createDirectories(posix, directory, 0755);
@@ -53,6 +54,7 @@ class SnapshotMachine {
     return Error("", 0, "");
   }
 
+  const SnapshotIdentity::FileIds fileIds;
   const Uuid uuid = *Uuid::parse("00112233-4455-6677-8899-aabbccddeeff");
   sim::Simulation simulation{{.seed = 11}};
   sim::Life& life = simulation.startLife("helper");
@@ -65,7 +67,7 @@ class SnapshotMachine {
   sim::SimPlatformLog& log = sim.log();
   const HostPaths& paths = sim.paths();
   PropertyLists& propertyLists = sim.platform().propertyLists;
-  SnapshotIdentity identity{life.dispatch(), processes, propertyLists, posix, life.random(), log, paths};
+  SnapshotIdentity identity{life.dispatch(), processes, propertyLists, posix, life.random(), log, paths, fileIds};
   SnapshotServices services{calls, disks, posix, log, paths, identity, {}};
   APFSManager apfs{services, "apfs"};
   // Runs each time before diskutil looks.

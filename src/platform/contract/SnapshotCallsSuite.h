@@ -58,6 +58,14 @@ inline std::vector<SnapshotListEntry> listAll(SnapshotCalls& calls, OpenVolume& 
   }
 }
 
+// The XID of the snapshot that bears the name now; 1, which none has, when there is none.
+inline Xid xidOf(SnapshotCalls& calls, OpenVolume& volume, const std::string& name) {
+  for (const SnapshotListEntry& entry : listAll(calls, volume)) {
+    if (entry.name == name) return Xid{entry.fileId};
+  }
+  return Xid{1};
+}
+
 inline std::vector<std::string> namesOf(const std::vector<SnapshotListEntry>& entries) {
   std::vector<std::string> names;
   for (const auto& entry : entries) names.push_back(entry.name);
@@ -75,9 +83,13 @@ class SnapshotCallsSuite : public ::testing::Test {
     return std::move(*volume);
   }
   int create(const std::string& name) { return calls().fs_snapshot_create(*opened(), name).error(); }
-  int remove(const std::string& name) { return calls().fs_snapshot_delete(*opened(), name).error(); }
+  int remove(const std::string& name) { return remove(name, xidOf(calls(), *opened(), name)); }
+  int remove(const std::string& name, Xid meant) { return calls().fs_snapshot_delete(*opened(), name, meant).error(); }
   int mount(const std::string& directory, const std::string& name) {
-    return calls().fs_snapshot_mount(*opened(), directory, name, snapshotMountFlags).error();
+    return mount(directory, name, xidOf(calls(), *opened(), name));
+  }
+  int mount(const std::string& directory, const std::string& name, Xid meant) {
+    return calls().fs_snapshot_mount(*opened(), directory, name, meant, snapshotMountFlags).error();
   }
   std::vector<SnapshotListEntry> list() { return listAll(calls(), *opened()); }
   std::vector<std::string> names() { return namesOf(list()); }
@@ -107,6 +119,8 @@ TYPED_TEST_P(SnapshotCallsSuite, ANameStandsOnceAndCanBeGivenAnewToAnotherSnapsh
   EXPECT_THAT(this->names(), ::testing::IsEmpty());
   ASSERT_EQ(this->create("twice"), 0);
   EXPECT_GT(this->list().at(0).fileId, first.at(0).fileId);
+  EXPECT_EQ(this->remove("twice", Xid{first.at(0).fileId}), ENOENT) << "the name is another's now";
+  EXPECT_THAT(this->names(), ::testing::SizeIs(1));
 }
 
 TYPED_TEST_P(SnapshotCallsSuite, NamesThatNoFileBearsAreRefused) {

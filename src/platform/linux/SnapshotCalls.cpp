@@ -128,7 +128,7 @@ SysStatus LinuxSnapshotCalls::fs_snapshot_create(OpenVolume& volume, const std::
   return btrfs::createSnapshot(place->get(), opened.fd(), *fileName);
 }
 
-SysStatus LinuxSnapshotCalls::fs_snapshot_delete(OpenVolume& volume, const std::string& name) {
+SysStatus LinuxSnapshotCalls::fs_snapshot_delete(OpenVolume& volume, const std::string& name, Xid meant) {
   const LinuxOpenVolume& opened = own(volume);
   const auto source = sourceOf(opened.mounted());
   if (!source) return Errno{source.error()};
@@ -136,6 +136,7 @@ SysStatus LinuxSnapshotCalls::fs_snapshot_delete(OpenVolume& volume, const std::
   if (!topLevel) return Errno{topLevel.error()};
   const auto snapshot = findByName(topLevel->root(), opened.identity(), name);
   if (!snapshot) return Errno{snapshot.error()};
+  if (snapshot->xid != meant) return Errno{ENOENT};
   MutexLock lock(mounting_);
   const SysStatus destroyed = destroyChecked(topLevel->root(), source->device, opened.identity(), *snapshot);
   if (destroyed) reclaimer_.add(*source, snapshot->subvolume);
@@ -154,7 +155,7 @@ SysResult<int> LinuxSnapshotCalls::fs_snapshot_list(OpenVolume& volume, const At
 }
 
 SysStatus LinuxSnapshotCalls::fs_snapshot_mount(OpenVolume& volume, const std::string& directory,
-                                                const std::string& name, std::uint32_t mountFlags) {
+                                                const std::string& name, Xid meant, std::uint32_t mountFlags) {
   // There is no mount flag by which this system could let owners be ignored.
   if ((mountFlags & ~mntIgnoreOwnership) != (mntReadOnly | mntNoSuid | mntNoDev)) return Errno{EINVAL};
   const LinuxOpenVolume& opened = own(volume);
@@ -162,6 +163,7 @@ SysStatus LinuxSnapshotCalls::fs_snapshot_mount(OpenVolume& volume, const std::s
   if (!source) return Errno{source.error()};
   const auto snapshot = findByName(opened.fd(), opened.identity(), name);
   if (!snapshot) return Errno{snapshot.error()};
+  if (snapshot->xid != meant) return Errno{ENOENT};
   const UniqueFd target(::open(nameBytes(directory).c_str(), O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
   if (!target.valid()) return Errno{errno};
   MutexLock lock(mounting_);

@@ -27,10 +27,10 @@ class LinuxSnapshotCalls final : public SnapshotCalls {
 
   SysResult<std::unique_ptr<OpenVolume>> open(const std::string& mountPoint, const VolumeUuid& expected) override;
   SysStatus fs_snapshot_create(OpenVolume& volume, const std::string& name) override EXCLUDES(mutex_);
-  SysStatus fs_snapshot_delete(OpenVolume& volume, const std::string& name) override EXCLUDES(mounting_);
+  SysStatus fs_snapshot_delete(OpenVolume& volume, const std::string& name, Xid meant) override EXCLUDES(mounting_);
   SysResult<int> fs_snapshot_list(OpenVolume& volume, const AttributeList& attributes,
                                   std::span<std::byte> buffer) override;
-  SysStatus fs_snapshot_mount(OpenVolume& volume, const std::string& directory, const std::string& name,
+  SysStatus fs_snapshot_mount(OpenVolume& volume, const std::string& directory, const std::string& name, Xid meant,
                               std::uint32_t mountFlags) override EXCLUDES(mounting_);
   SysStatus unmount(const std::string& path, bool force) override;
   SysResult<FileSystemStatus> statfs(const std::string& path) override;

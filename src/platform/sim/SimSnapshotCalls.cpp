@@ -20,6 +20,12 @@ class SimOpenVolume final : public OpenVolume {
 // Every OpenVolume that reaches us was made by open().
 SimOpenVolume& own(OpenVolume& volume) { return static_cast<SimOpenVolume&>(volume); }
 
+bool isMeant(SimVolumes& volumes, const Uuid& volume, const std::string& name, Xid meant) {
+  const std::vector<SimSnapshot> snapshots = volumes.snapshots(volume);
+  return std::any_of(snapshots.begin(), snapshots.end(),
+                     [&](const SimSnapshot& snapshot) { return snapshot.name == name && snapshot.xid == meant; });
+}
+
 }  // namespace
 
 SysResult<std::unique_ptr<OpenVolume>> SimSnapshotCalls::open(const std::string& mountPoint,
@@ -41,8 +47,9 @@ SysStatus SimSnapshotCalls::fs_snapshot_create(OpenVolume& volume, const std::st
   return {};
 }
 
-SysStatus SimSnapshotCalls::fs_snapshot_delete(OpenVolume& volume, const std::string& name) {
+SysStatus SimSnapshotCalls::fs_snapshot_delete(OpenVolume& volume, const std::string& name, Xid meant) {
   if (const SysStatus begun = volumes_.begin(SimCall::remove, name); !begun) return begun;
+  if (!isMeant(volumes_, own(volume).uuid, name, meant)) return Errno{ENOENT};
   return volumes_.removeSnapshot(own(volume).uuid, name);
 }
 
@@ -60,8 +67,9 @@ SysResult<int> SimSnapshotCalls::fs_snapshot_list(OpenVolume& volume, const Attr
 }
 
 SysStatus SimSnapshotCalls::fs_snapshot_mount(OpenVolume& volume, const std::string& directory, const std::string& name,
-                                              std::uint32_t mountFlags) {
+                                              Xid meant, std::uint32_t mountFlags) {
   if (const SysStatus begun = volumes_.begin(SimCall::mount, directory); !begun) return begun;
+  if (!isMeant(volumes_, own(volume).uuid, name, meant)) return Errno{ENOENT};
   return volumes_.mount(own(volume).uuid, directory, name, mountFlags);
 }
 

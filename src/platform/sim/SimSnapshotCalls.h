@@ -15,10 +15,10 @@ class SimSnapshotCalls final : public SnapshotCalls {
 
   SysResult<std::unique_ptr<OpenVolume>> open(const std::string& mountPoint, const VolumeUuid& expected) override;
   SysStatus fs_snapshot_create(OpenVolume& volume, const std::string& name) override;
-  SysStatus fs_snapshot_delete(OpenVolume& volume, const std::string& name) override;
+  SysStatus fs_snapshot_delete(OpenVolume& volume, const std::string& name, Xid meant) override;
   SysResult<int> fs_snapshot_list(OpenVolume& volume, const AttributeList& attributes,
                                   std::span<std::byte> buffer) override;
-  SysStatus fs_snapshot_mount(OpenVolume& volume, const std::string& directory, const std::string& name,
+  SysStatus fs_snapshot_mount(OpenVolume& volume, const std::string& directory, const std::string& name, Xid meant,
                               std::uint32_t mountFlags) override;
   SysStatus unmount(const std::string& path, bool force) override;
   SysResult<FileSystemStatus> statfs(const std::string& path) override;
