@@ -1,4 +1,4 @@
-#include "Echo.h"
+#include "bench/Echo.h"
 
 #include <sys/socket.h>
 #include <unistd.h>

@@ -7,7 +7,7 @@
 #include <cstdlib>
 #include <filesystem>
 
-#include "Echo.h"
+#include "bench/Echo.h"
 #include "platform/linux/Clock.h"
 #include "platform/linux/DeviceNames.h"
 #include "platform/linux/Disks.h"
@@ -66,8 +66,20 @@ class ServedHelper final {
   sim::SimPlatformLog log_;
   sim::SimThisProcess process_{1};
   os::LinuxUsers users_;
-  HelperProcess helper_{{dispatch_, clock_, random_, posix_, snapshots_, disks_, processes_, propertyLists_, listener_, log_,
-                         process_, users_, paths_, {}},
+  HelperProcess helper_{{dispatch_,
+                         clock_,
+                         random_,
+                         posix_,
+                         snapshots_,
+                         disks_,
+                         processes_,
+                         propertyLists_,
+                         listener_,
+                         log_,
+                         process_,
+                         users_,
+                         paths_,
+                         {}},
                         {.exitProcess = [] {}}};
   UniqueFd client_;
 };

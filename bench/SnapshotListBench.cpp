@@ -12,10 +12,10 @@
 #include "platform/linux/BtrfsCalls.h"
 #include "platform/linux/PropertyList.h"
 #include "platform/linux/Random.h"
-#include "platform_btrfs/BtrfsMachine.h"
 #include "platform/sim/SimPlatformLog.h"
 #include "snapshots/APFSManager.h"
 #include "snapshots/SnapshotXIDResolutionCache.h"
+#include "tests/platform_btrfs/BtrfsMachine.h"
 
 namespace quillmark {
 namespace {
@@ -67,8 +67,8 @@ struct ListedVolume {
   sim::SimPlatformLog log;
   NoProcesses processes;
   HostPaths paths{.stateDirectory = machine.root + "/state"};
-  SnapshotIdentity identity{machine.dispatch, processes, propertyLists, machine.posix, random, log, paths,
-                            SnapshotIdentity::FileIds::areXids};
+  SnapshotIdentity identity{machine.dispatch, processes, propertyLists, machine.posix,
+                            random,           log,       paths,         SnapshotIdentity::FileIds::areXids};
   SnapshotServices services{machine.calls, machine.disks, machine.posix, log, paths, identity, {}};
   APFSManager apfs{services, "bench"};
   VolumeInfo volume = apfs.resolveVolume(machine.uuidAt(machine.volume).text());

@@ -9,8 +9,8 @@
 #include <filesystem>
 #include <string>
 
-#include "Echo.h"
 #include "base/UniqueFd.h"
+#include "bench/Echo.h"
 #include "platform/linux/Clock.h"
 #include "platform/linux/Dispatch.h"
 #include "platform/linux/Transport.h"

@@ -65,7 +65,9 @@ endfunction()
 # One precompiled header of the standard library for everybody.
 function(qm_precompile name)
   if(NOT TARGET quillmark_pch)
-    file(WRITE ${CMAKE_BINARY_DIR}/pch.cpp "")
+    if(NOT EXISTS ${CMAKE_BINARY_DIR}/pch.cpp)
+      file(WRITE ${CMAKE_BINARY_DIR}/pch.cpp "")
+    endif()
     add_library(quillmark_pch OBJECT ${CMAKE_BINARY_DIR}/pch.cpp)
     target_link_libraries(quillmark_pch PRIVATE quillmark_options)
     target_precompile_headers(quillmark_pch PRIVATE

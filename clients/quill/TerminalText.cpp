@@ -107,7 +107,7 @@ std::string shownJson(std::string_view json) {
   shown.reserve(json.size());
   for (std::size_t at = 0; at < json.size();) {
     const Utf8Step step = decodeUtf8(json, at);
-    const bool blank = step.scalar == U'\n' || step.scalar == U'\t' || step.scalar == U'\r';
+    const bool blank = json[at] == '\n' || json[at] == '\t' || json[at] == '\r';
     if (step.scalar && isObeyed(*step.scalar) && !blank) {
       shown += fmt::format("\\u{:04x}", static_cast<std::uint32_t>(*step.scalar));
     } else {

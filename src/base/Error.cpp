@@ -7,7 +7,8 @@
 namespace quillmark {
 
 Error::Error(std::string domain, long code, std::string description, std::shared_ptr<const Error> underlying)
-    : domain_(std::move(domain)), code_(code), description_(std::move(description)), underlying_(std::move(underlying)) {}
+    : domain_(std::move(domain)), code_(code), description_(std::move(description)),
+      underlying_(std::move(underlying)) {}
 
 Error Error::withRecoverySuggestion(std::string text) && {
   recoverySuggestion_ = std::move(text);

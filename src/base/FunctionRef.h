@@ -15,9 +15,8 @@ template <class Result, class... Arguments>
 class FunctionRef<Result(Arguments...)> final {
  public:
   template <class Callable>
-    requires(!std::is_same_v<std::remove_cvref_t<Callable>, FunctionRef> &&
-             std::is_invocable_r_v<Result, Callable&, Arguments...>)
-  FunctionRef(Callable&& callable)
+  requires(!std::is_same_v<std::remove_cvref_t<Callable>, FunctionRef> &&
+           std::is_invocable_r_v<Result, Callable&, Arguments...>) FunctionRef(Callable&& callable)
       : object_(const_cast<void*>(static_cast<const void*>(std::addressof(callable)))),
         call_([](void* object, Arguments... arguments) -> Result {
           return (*static_cast<std::add_pointer_t<Callable>>(object))(std::forward<Arguments>(arguments)...);

@@ -20,9 +20,9 @@ class UniqueFunction<Result(Arguments...)> final {
   UniqueFunction() = default;
   UniqueFunction(std::nullptr_t) {}
   template <class Callable>
-    requires(!std::is_same_v<std::remove_cvref_t<Callable>, UniqueFunction> &&
-             std::is_invocable_r_v<Result, std::remove_cvref_t<Callable>&, Arguments...>)
-  UniqueFunction(Callable&& callable)
+  requires(!std::is_same_v<std::remove_cvref_t<Callable>, UniqueFunction> &&
+           std::is_invocable_r_v<Result, std::remove_cvref_t<Callable>&, Arguments...>)
+      UniqueFunction(Callable&& callable)
       : target_(std::make_unique<Target<std::remove_cvref_t<Callable>>>(std::forward<Callable>(callable))) {}
 
   explicit operator bool() const { return target_ != nullptr; }

@@ -7,11 +7,12 @@ namespace quillmark {
 template <>
 struct CaseNames<HelperEvent::Kind> {
   using enum HelperEvent::Kind;
-  static constexpr std::array names{std::pair{createSnapshot, "createSnapshot"}, std::pair{deleteSnapshot, "deleteSnapshot"},
-                                    std::pair{mountSnapshot, "mountSnapshot"}, std::pair{unmountSnapshot, "unmountSnapshot"},
-                                    std::pair{diffSnapshots, "diffSnapshots"}, std::pair{indexSnapshot, "indexSnapshot"},
-                                    std::pair{setProtection, "setProtection"}, std::pair{setTag, "setTag"},
-                                    std::pair{restoreFile, "restoreFile"}, std::pair{monitorAlarm, "monitorAlarm"}};
+  static constexpr std::array names{
+      std::pair{createSnapshot, "createSnapshot"}, std::pair{deleteSnapshot, "deleteSnapshot"},
+      std::pair{mountSnapshot, "mountSnapshot"},   std::pair{unmountSnapshot, "unmountSnapshot"},
+      std::pair{diffSnapshots, "diffSnapshots"},   std::pair{indexSnapshot, "indexSnapshot"},
+      std::pair{setProtection, "setProtection"},   std::pair{setTag, "setTag"},
+      std::pair{restoreFile, "restoreFile"},       std::pair{monitorAlarm, "monitorAlarm"}};
 };
 
 template <>

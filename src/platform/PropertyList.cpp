@@ -9,7 +9,8 @@ std::optional<std::uint64_t> PropertyList::unsignedNumber() const {
   if (const auto* number = std::get_if<std::int64_t>(&value_)) return static_cast<std::uint64_t>(*number);
   if (const auto* number = std::get_if<double>(&value_)) {
     if (std::isnan(*number) || *number <= -9.3e18 || *number >= 18446744073709551616.0) return 0;
-    return *number < 0 ? static_cast<std::uint64_t>(static_cast<std::int64_t>(*number)) : static_cast<std::uint64_t>(*number);
+    return *number < 0 ? static_cast<std::uint64_t>(static_cast<std::int64_t>(*number))
+                       : static_cast<std::uint64_t>(*number);
   }
   return std::nullopt;
 }

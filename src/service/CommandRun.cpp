@@ -11,9 +11,7 @@
 namespace quillmark {
 
 CommandRun::CommandRun(HelperService& service, std::string_view command, Send send)
-    : service_(service),
-      command_(command),
-      send_(std::move(send)),
+    : service_(service), command_(command), send_(std::move(send)),
       started_(service.environment().platform.clock.monotonic()) {}
 
 HelperEnvironment& CommandRun::environment() { return service_.environment(); }

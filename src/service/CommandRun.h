@@ -18,9 +18,9 @@ class HelperService;
 // What the audit record of a command will say, filled as the command learns it.
 struct AuditDraft {
   HelperEvent::Kind kind;
-  std::string operation;      // the audit word: "createSnapshot"
+  std::string operation;  // the audit word: "createSnapshot"
   std::string volumeUUID;
-  std::string volumeName;     // empty until the volume is resolved
+  std::string volumeName;  // empty until the volume is resolved
   std::optional<std::string> snapshotName;
   std::string failureDetail;  // the record's detail when the command fails
 };

@@ -29,11 +29,7 @@ std::optional<std::string> problemOf(const HelperHealthStatus& status) {
 }  // namespace
 
 HealthMonitor::HealthMonitor(Threads& threads, Random& random, HelperLog& log, HealthProbes probes)
-    : threads_(threads),
-      random_(random),
-      log_(log),
-      probes_(std::move(probes)),
-      lock_(threads),
+    : threads_(threads), random_(random), log_(log), probes_(std::move(probes)), lock_(threads),
       episodeID_(random.uuid().upper()) {}
 
 HelperHealthStatus HealthMonitor::evaluate() {

@@ -59,22 +59,16 @@ std::string_view withoutEnding(std::string_view file) { return file.substr(0, fi
 
 HelperLogWriter::HelperLogWriter(Threads& threads, Clock& clock, Posix& posix, PlatformLog& platformLog,
                                  ThisProcess& process, std::string logFile, Rotation rotation)
-    : clock_(clock),
-      posix_(posix),
-      platformLog_(platformLog),
-      process_(process),
-      logFile_(std::move(logFile)),
-      previous_(logFile_ + ".previous"),
-      rotation_(rotation),
-      lock_(threads) {}
+    : clock_(clock), posix_(posix), platformLog_(platformLog), process_(process), logFile_(std::move(logFile)),
+      previous_(logFile_ + ".previous"), rotation_(rotation), lock_(threads) {}
 
 void HelperLogWriter::emit(LogLevel level, std::string_view message, CodeLocation where) {
   rotateIfDue();
   const LocalTime now = clock_.local(clock_.now());
   const std::string line =
-      fmt::format("[{:04}-{:02}-{:02} {:02}:{:02}:{:02}.{:03}] [{}] [pid={}] {}  ({}:{})\n", now.year, now.month, now.day,
-                  now.hour, now.minute, now.second, now.millisecond, word(level), process_.pid(), onOneLine(message),
-                  withoutEnding(where.file), where.line);
+      fmt::format("[{:04}-{:02}-{:02} {:02}:{:02}:{:02}.{:03}] [{}] [pid={}] {}  ({}:{})\n", now.year, now.month,
+                  now.day, now.hour, now.minute, now.second, now.millisecond, word(level), process_.pid(),
+                  onOneLine(message), withoutEnding(where.file), where.line);
   if (isValidUtf8(line)) process_.writeStandardError(line);
   platformLog_.log(typeOf(level), LogNames::subsystem, category, message.substr(0, longestMessage));
 }

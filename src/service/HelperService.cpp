@@ -30,16 +30,13 @@ std::shared_ptr<Queue> concurrentQueue(Dispatch& dispatch, const char* name) {
 
 HelperService::HelperService(HelperEnvironment& environment, std::weak_ptr<TransportConnection> connection,
                              ClientIdentity identity)
-    : environment_(environment),
-      connection_(std::move(connection)),
-      identity_(std::move(identity)),
+    : environment_(environment), connection_(std::move(connection)), identity_(std::move(identity)),
       apfs_(environment.snapshots, LogNames::apfs),
       queryQueue_(concurrentQueue(environment.platform.dispatch, "query")),
       mutationQueue_(serialQueue(environment.platform.dispatch, "mutation")),
       mountQueue_(serialQueue(environment.platform.dispatch, "mount")),
       historyQueue_(concurrentQueue(environment.platform.dispatch, "history")),
-      shutdownRegistrationID_(environment.platform.random.uuid()),
-      unanswered_(environment.platform.dispatch, 0U) {
+      shutdownRegistrationID_(environment.platform.random.uuid()), unanswered_(environment.platform.dispatch, 0U) {
   environment_.shutdown.add(shutdownRegistrationID_, {mutationQueue_, mountQueue_, queryQueue_, historyQueue_});
 }
 
@@ -54,8 +51,8 @@ void HelperService::receive(const std::string& line) {
   auto& call = std::get<RpcCall>(decoded);
   if (isExported(*call.command)) return begin(std::move(call));
   if (call.id) {
-    send(encodeRefusal({*call.id, RpcFault::methodNotFound,
-                        "Unknown selector \"" + std::string(call.command->selector) + "\"."}));
+    send(encodeRefusal(
+        {*call.id, RpcFault::methodNotFound, "Unknown selector \"" + std::string(call.command->selector) + "\"."}));
   }
 }
 
@@ -68,8 +65,9 @@ void HelperService::begin(RpcCall call) {
   const CommandSpec& command = *call.command;
   if (const std::string line = entryLine(command, call.arguments); !line.empty()) environment_.log.info(line);
   if (command.drains && environment_.shutdown.isDraining()) {
-    return answer(call.id, {std::nullopt, QuillmarkError::make(QuillmarkErrorCode::helperRestarting,
-                                                               "Quillmark helper is restarting; try again in a moment.")});
+    return answer(call.id,
+                  {std::nullopt, QuillmarkError::make(QuillmarkErrorCode::helperRestarting,
+                                                      "Quillmark helper is restarting; try again in a moment.")});
   }
   if (command.queue == CommandQueue::delivery) return run(command, call.arguments, call.id);
   queueOf(command.queue)->async([weak = weak_from_this(), call = std::move(call)] {

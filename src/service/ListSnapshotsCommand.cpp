@@ -81,8 +81,8 @@ void handle(CommandRun& run, const ListSnapshots& call) {
   const std::vector<SnapshotRecord> listing = run.service().apfs().listSnapshots(volume);
 
   Annotations notes;
-  notes.policy = environment.policies ? environment.policies->policy(volume.key())
-                                      : SchedulePolicy::makeDefault().normalized();
+  notes.policy =
+      environment.policies ? environment.policies->policy(volume.key()) : SchedulePolicy::makeDefault().normalized();
   if (environment.protection) notes.protectedXIDs = environment.protection->protectedXIDs(volume);
   if (environment.history) notes.indexedXIDs = environment.history->indexedXIDs(volume.key());
   const std::optional<HelperSettings> settings = environment.settings ? environment.settings->current() : std::nullopt;

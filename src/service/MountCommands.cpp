@@ -34,8 +34,8 @@ Mounted mountOrReuse(CommandRun& run, const VolumeInfo& volume, const std::strin
   }
   const auto status = platform.snapshots.statfs(path);
   if (!status || status->mntfromname != fmt::format("{}@/dev/{}", name, volume.bsdName)) {
-    throw QuillmarkError::make(
-        invalidMountPath, fmt::format("Mount point \"{}\" is already used by another snapshot or volume", path));
+    throw QuillmarkError::make(invalidMountPath,
+                               fmt::format("Mount point \"{}\" is already used by another snapshot or volume", path));
   }
   return {path, false};
 }

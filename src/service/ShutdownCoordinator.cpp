@@ -30,7 +30,8 @@ bool ShutdownCoordinator::requestQuit(std::chrono::seconds timeout) {
     MutexLock lock(lock_);
     if (draining_) return false;
     draining_ = true;
-    for (const auto& [id, registered] : registrations_) queues.insert(queues.end(), registered.begin(), registered.end());
+    for (const auto& [id, registered] : registrations_)
+      queues.insert(queues.end(), registered.begin(), registered.end());
   }
   log_.info(fmt::format("quit requested: draining outstanding work (timeout {}s)", timeout.count()));
   dispatch_.global(QualityOfService::userInitiated)->async([this, queues = std::move(queues), timeout] {
@@ -50,10 +51,10 @@ void ShutdownCoordinator::drain(const std::vector<std::shared_ptr<Queue>>& queue
   if (outstanding->waitFor(timeout)) {
     log_.info("quit: drain complete; exiting");
   } else {
-    log_.warn(
-        fmt::format("quit: drain timed out after {}s; exiting anyway (in-flight work is abandoned and retried by the next "
-                    "helper)",
-                    timeout.count()));
+    log_.warn(fmt::format(
+        "quit: drain timed out after {}s; exiting anyway (in-flight work is abandoned and retried by the next "
+        "helper)",
+        timeout.count()));
   }
   if (hooks_.flush) hooks_.flush();
   hooks_.exitProcess();

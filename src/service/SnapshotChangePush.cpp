@@ -10,9 +10,8 @@ constexpr std::chrono::milliseconds coalescing{300};
 }  // namespace
 
 SnapshotChangePush::SnapshotChangePush(Dispatch& dispatch, ClientConnections& connections)
-    : connections_(connections),
-      queue_(dispatch.makeQueue(
-          {.label = "com.harrowfern.quillmark.snapshots-changed", .qualityOfService = QualityOfService::utility})),
+    : connections_(connections), queue_(dispatch.makeQueue({.label = "com.harrowfern.quillmark.snapshots-changed",
+                                                            .qualityOfService = QualityOfService::utility})),
       pending_(dispatch) {}
 
 void SnapshotChangePush::schedule(const std::string& volumeUUID) {

@@ -80,10 +80,10 @@ void handle(CommandRun& run, const CreateSnapshot& call) {
   const VolumeInfo volume = run.service().apfs().resolveVolume(call.volumeUUID);
   run.draft().volumeName = volume.name;
   if (!canCreateSnapshots(volume.role)) {
-    throw QuillmarkError::make(volumeNotAPFSData,
-                               fmt::format("Refusing to create snapshot on volume \"{}\" (role={}). Snapshots may only be "
-                                           "created on Data or unrolled volumes.",
-                                           volume.name, volume.role.value_or("nil")));
+    throw QuillmarkError::make(
+        volumeNotAPFSData, fmt::format("Refusing to create snapshot on volume \"{}\" (role={}). Snapshots may only be "
+                                       "created on Data or unrolled volumes.",
+                                       volume.name, volume.role.value_or("nil")));
   }
   const std::string name = run.service().apfs().createSnapshot(volume, call.label, SnapshotNameInfo::Kind::manual(),
                                                                environment.platform.clock.now());
@@ -107,8 +107,8 @@ void handle(CommandRun& run, const DeleteSnapshot& call) {
   const VolumeInfo volume = run.service().apfs().resolveVolume(call.volumeUUID);
   run.draft().volumeName = volume.name;
   refuseBackupVolume(volume, "delete snapshots");
-  const SchedulePolicy policy = environment.policies ? environment.policies->policy(volume.key())
-                                                     : SchedulePolicy::makeDefault().normalized();
+  const SchedulePolicy policy =
+      environment.policies ? environment.policies->policy(volume.key()) : SchedulePolicy::makeDefault().normalized();
   const Xid xid = deleteUnlessProtected(run, volume, policy, call.name, call.force);
   environment.log.info("deleteSnapshot OK: " + call.name);
   forgetLabels(environment, volume, call.name, xid);

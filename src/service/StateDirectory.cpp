@@ -10,8 +10,8 @@ namespace quillmark {
 namespace {
 
 constexpr std::array files{
-    "schedules.json",    "volume-clocks.json", "protected.json",           "settings.json",
-    "email.json",        "email-outbox.json",  "notifications-state.json", ".foreign-protection-migrated",
+    "schedules.json",     "volume-clocks.json", "protected.json",           "settings.json",
+    "email.json",         "email-outbox.json",  "notifications-state.json", ".foreign-protection-migrated",
     "snapshot-names.json"};
 constexpr std::array directories{"snapshot-sizes", "snapshot-xids"};
 

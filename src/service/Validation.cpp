@@ -34,7 +34,8 @@ void requireVolumeUUID(std::string_view text) {
 
 void requireLabel(std::string_view text) {
   if (!isValidLabel(text)) {
-    throw QuillmarkError::make(QuillmarkErrorCode::invalidLabel, "Label must be 0-127 chars, no slashes, no control chars");
+    throw QuillmarkError::make(QuillmarkErrorCode::invalidLabel,
+                               "Label must be 0-127 chars, no slashes, no control chars");
   }
 }
 

@@ -59,12 +59,12 @@ int serve(const char* executable) {
   os::LinuxThisProcess process;
   os::LinuxUsers users;
 
-  const Platform platform{dispatch,      clock,     random,   posix,       snapshots, disks, processes,
-                          propertyLists, listener,  platformLog, process,  users,     paths, buildFacts()};
-  HelperProcess helper(platform, {.logRotation = ownsLog ? HelperLogWriter::Rotation::ofLogFile
-                                                         : HelperLogWriter::Rotation::never,
-                                  .executable = executable ? executable : "?",
-                                  .exitProcess = [] { ::_exit(0); }});
+  const Platform platform{dispatch,      clock,    random,      posix,   snapshots, disks, processes,
+                          propertyLists, listener, platformLog, process, users,     paths, buildFacts()};
+  HelperProcess helper(
+      platform, {.logRotation = ownsLog ? HelperLogWriter::Rotation::ofLogFile : HelperLogWriter::Rotation::never,
+                 .executable = executable ? executable : "?",
+                 .exitProcess = [] { ::_exit(0); }});
   log = &helper.log();
   try {
     helper.start();

@@ -70,8 +70,7 @@ std::string APFSManager::createSnapshot(const VolumeInfo& volume, const std::str
 
 void APFSManager::deleteSnapshot(const VolumeInfo& volume, const SnapshotReference& snapshot) {
   const auto opened = open(volume, snapshotDeleteFailed);
-  if (const SysStatus deleted = services_.calls.fs_snapshot_delete(*opened, snapshot.name, snapshot.xid);
-      !deleted) {
+  if (const SysStatus deleted = services_.calls.fs_snapshot_delete(*opened, snapshot.name, snapshot.xid); !deleted) {
     throw QuillmarkError::make(snapshotDeleteFailed, "fs_snapshot_delete failed: " + errnoText(deleted.error()));
   }
   if (services_.callbacks.inventoryChanged) services_.callbacks.inventoryChanged(volume.uuid);
@@ -99,8 +98,8 @@ std::vector<RawSnapshotEntry> APFSManager::listRawSnapshots(const VolumeInfo& vo
 }
 
 std::vector<SnapshotRecord> APFSManager::listSnapshots(const VolumeInfo& volume) {
-  return services_.identity.resolve(volume, [&] { return listRawSnapshots(volume); },
-                                    services_.callbacks.identityMigration);
+  return services_.identity.resolve(
+      volume, [&] { return listRawSnapshots(volume); }, services_.callbacks.identityMigration);
 }
 
 std::vector<SnapshotRecord> APFSManager::verifySnapshots(const VolumeInfo& volume,

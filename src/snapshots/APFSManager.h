@@ -51,7 +51,8 @@ class APFSManager final {
 
   [[nodiscard]] VolumeInfo resolveVolume(const std::string& uuid);
   // The name actually used: a taken one gets the label suffixes "-2" to "-8".
-  std::string createSnapshot(const VolumeInfo& volume, const std::string& label, SnapshotNameInfo::Kind kind, Date date);
+  std::string createSnapshot(const VolumeInfo& volume, const std::string& label, SnapshotNameInfo::Kind kind,
+                             Date date);
   // The snapshot that bears the name and the XID, and no other.
   void deleteSnapshot(const VolumeInfo& volume, const SnapshotReference& snapshot);
   // In the kernel's order, all three.

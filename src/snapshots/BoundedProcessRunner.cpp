@@ -108,9 +108,9 @@ BoundedProcessRunner::Output overdue(Run& run, double timeout) {
     gone = run.ended.waitFor(killGrace);
   }
   if (!gone) run.process->closeOutputs();
-  BoundedProcessRunner::Output result{BoundedProcessRunner::deadlinePassed, "",
-                                      fmt::format("Process exceeded its {}-second deadline", static_cast<long>(timeout)),
-                                      true};
+  BoundedProcessRunner::Output result{
+      BoundedProcessRunner::deadlinePassed, "",
+      fmt::format("Process exceeded its {}-second deadline", static_cast<long>(timeout)), true};
   // A grandchild can hold the pipes open for ever, so that readers are waited for with a bound on every road.
   bool readersEnded = run.readers.waitFor(readerGrace);
   if (!readersEnded && gone) readersEnded = endReaders(run);
@@ -133,8 +133,8 @@ BoundedProcessRunner::Output BoundedProcessRunner::run(const std::string& path, 
   run->process->onExit([weak = std::weak_ptr(run)] {
     if (const auto alive = weak.lock()) alive->ended.signal();
   });
-  const MonotonicTime deadline =
-      dispatch_.clock().monotonic() + std::chrono::duration_cast<std::chrono::nanoseconds>(Seconds(std::max(timeout, 0.0)));
+  const MonotonicTime deadline = dispatch_.clock().monotonic() +
+                                 std::chrono::duration_cast<std::chrono::nanoseconds>(Seconds(std::max(timeout, 0.0)));
   if (const std::optional<std::string> failure = run->process->launch()) {
     run->readers.wait();
     return {couldNotStart, copyOf(run->output).value, *failure, false};

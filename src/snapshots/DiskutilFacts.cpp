@@ -87,7 +87,8 @@ std::optional<DiskutilInfoSummary> parseInfo(PropertyLists& propertyLists, std::
 
 std::string containerBSDName(const std::string& bsdName) {
   const auto lastOther = bsdName.find_last_not_of("0123456789");
-  const bool endsInSlice = lastOther != std::string::npos && lastOther + 1 < bsdName.size() && bsdName[lastOther] == 's';
+  const bool endsInSlice =
+      lastOther != std::string::npos && lastOther + 1 < bsdName.size() && bsdName[lastOther] == 's';
   return endsInSlice ? bsdName.substr(0, lastOther) : bsdName;
 }
 

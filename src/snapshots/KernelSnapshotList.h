@@ -14,8 +14,8 @@
 namespace quillmark {
 
 struct RawSnapshotEntry {
-  std::string name;           // never empty
-  std::uint64_t fileID = 0;   // never 0
+  std::string name;          // never empty
+  std::uint64_t fileID = 0;  // never 0
   Date created;
   bool operator==(const RawSnapshotEntry&) const = default;
 };

@@ -12,9 +12,10 @@ void refuseBackupVolume(const VolumeInfo& volume, std::string_view action) {
   if (!volume.role || asciiLower(*volume.role) != "backup") return;
   throw QuillmarkError::make(
       QuillmarkErrorCode::volumeNotAPFSData,
-      fmt::format("Volume \"{}\" has the APFS Backup role (a backup target such as a Time Machine disk). Quillmark only "
-                  "displays its snapshots, so it will not {}.",
-                  volume.name, action));
+      fmt::format(
+          "Volume \"{}\" has the APFS Backup role (a backup target such as a Time Machine disk). Quillmark only "
+          "displays its snapshots, so it will not {}.",
+          volume.name, action));
 }
 
 void refuseOSSnapshot(const std::string& name, std::string_view verb) {

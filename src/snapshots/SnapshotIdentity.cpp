@@ -81,12 +81,8 @@ std::map<std::uint64_t, Xid> migrationMap(const std::vector<RawSnapshotEntry>& e
 
 SnapshotIdentity::SnapshotIdentity(Dispatch& dispatch, Processes& processes, PropertyLists& propertyLists, Posix& posix,
                                    Random& random, PlatformLog& log, const HostPaths& paths, FileIds fileIds)
-    : propertyLists_(propertyLists),
-      diskutil_(paths.diskutil),
-      fileIds_(fileIds),
-      runner_(dispatch, processes),
-      cache_(dispatch, posix, random, log, paths),
-      resolutionLock_(dispatch) {}
+    : propertyLists_(propertyLists), diskutil_(paths.diskutil), fileIds_(fileIds), runner_(dispatch, processes),
+      cache_(dispatch, posix, random, log, paths), resolutionLock_(dispatch) {}
 
 std::vector<SnapshotRecord> SnapshotIdentity::resolve(const VolumeInfo& volume, ListKernel listKernel,
                                                       const SnapshotIdentityMigration& migration) {
@@ -123,9 +119,9 @@ SnapshotIdentity::Resolved SnapshotIdentity::resolveIdentities(const VolumeInfo&
       }
     }
     if (pass == mostPasses) {
-      throw listFailure(fmt::format(
-          "Snapshot inventory changed while resolving 64-bit XIDs (kernel-only={}, diskutil-only={})",
-          quotedList(difference.kernelOnly), quotedList(difference.diskutilOnly)));
+      throw listFailure(
+          fmt::format("Snapshot inventory changed while resolving 64-bit XIDs (kernel-only={}, diskutil-only={})",
+                      quotedList(difference.kernelOnly), quotedList(difference.diskutilOnly)));
     }
     entries = listKernel();
   }
@@ -160,8 +156,8 @@ std::vector<SnapshotRecord> matchReferences(const VolumeInfo& volume, const std:
     }
     if (found->second->name != reference.name) {
       throw QuillmarkError::make(QuillmarkErrorCode::snapshotNotFound,
-                                 fmt::format("Snapshot {} on {} is \"{}\", not \"{}\"", reference.xid.value, volume.name,
-                                             found->second->name, reference.name));
+                                 fmt::format("Snapshot {} on {} is \"{}\", not \"{}\"", reference.xid.value,
+                                             volume.name, found->second->name, reference.name));
     }
     matched.push_back(*found->second);
   }

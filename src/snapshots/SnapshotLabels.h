@@ -24,7 +24,8 @@ class SnapshotTags {
 class SnapshotDisplayNames {
  public:
   virtual ~SnapshotDisplayNames() = default;
-  [[nodiscard]] virtual std::optional<std::string> displayName(const VolumeUuid& volume, const std::string& snapshot) = 0;
+  [[nodiscard]] virtual std::optional<std::string> displayName(const VolumeUuid& volume,
+                                                               const std::string& snapshot) = 0;
   // Blank text removes the name. Hands its failure back.
   [[nodiscard]] virtual std::optional<Error> setDisplayName(const VolumeUuid& volume, const std::string& snapshot,
                                                             const std::string& displayName) = 0;

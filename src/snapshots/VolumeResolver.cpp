@@ -19,6 +19,11 @@ std::optional<std::string> firstRole(const RegistryProperty& property) {
   return std::nullopt;
 }
 
+void requireSession(Disks& disks) {
+  if (disks.startSession()) return;
+  throw QuillmarkError::make(QuillmarkErrorCode::internalError, "Could not create DA session");
+}
+
 }  // namespace
 
 std::vector<std::string> volumePathsToWalk(Disks& disks) {
@@ -48,9 +53,7 @@ bool demandsContentProtection(SnapshotCalls& calls, const std::string& mountPoin
 }
 
 VolumeInfo resolveVolume(Disks& disks, SnapshotCalls& calls, const std::string& uuid) {
-  if (!disks.startSession()) {
-    throw QuillmarkError::make(QuillmarkErrorCode::internalError, "Could not create DA session");
-  }
+  requireSession(disks);
   const std::string wanted = asciiLower(uuid);
   std::optional<VolumeInfo> found;
   for (const std::string& path : volumePathsToWalk(disks)) {
@@ -72,13 +75,15 @@ VolumeInfo resolveVolume(Disks& disks, SnapshotCalls& calls, const std::string& 
     if (found && found->mountPoint != volume.mountPoint) {
       throw QuillmarkError::make(
           QuillmarkErrorCode::internalError,
-          fmt::format("Two mounted volumes have the UUID {}: {} and {}. One seems to be a copy of the other; unmount one "
-                      "of them.",
-                      uuid, found->mountPoint, volume.mountPoint));
+          fmt::format(
+              "Two mounted volumes have the UUID {}: {} and {}. One seems to be a copy of the other; unmount one "
+              "of them.",
+              uuid, found->mountPoint, volume.mountPoint));
     }
     found = std::move(volume);
   }
   if (found) return *found;
+  requireSession(disks);  // one that was lost during the walk explains why nothing was found
   throw QuillmarkError::make(QuillmarkErrorCode::volumeNotFound, "No mounted APFS volume with UUID " + uuid);
 }
 

@@ -95,13 +95,8 @@ struct VolumeService::Candidate {
 
 VolumeService::VolumeService(Dispatch& dispatch, Disks& disks, SnapshotCalls& calls, Processes& processes,
                              PropertyLists& propertyLists, const HostPaths& paths)
-    : disks_(disks),
-      calls_(calls),
-      propertyLists_(propertyLists),
-      clock_(dispatch.clock()),
-      diskutil_(paths.diskutil),
-      runner_(dispatch, processes),
-      factsLock_(dispatch) {}
+    : disks_(disks), calls_(calls), propertyLists_(propertyLists), clock_(dispatch.clock()), diskutil_(paths.diskutil),
+      runner_(dispatch, processes), factsLock_(dispatch) {}
 
 std::vector<APFSVolume> VolumeService::listVolumes(bool detailed, bool forceRefresh) {
   std::vector<APFSVolume> volumes;
@@ -241,7 +236,8 @@ VolumeService::Facts VolumeService::diskutilFacts(const std::vector<std::string>
     cached = facts_;
   }
   const Date now = clock_.now();
-  const bool usable = !forceRefresh && cached && cached->signature == signature && now - cached->takenAt < factsLifetime;
+  const bool usable =
+      !forceRefresh && cached && cached->signature == signature && now - cached->takenAt < factsLifetime;
   Facts facts = usable ? std::move(*cached) : Facts{runList(), {}, now, signature};
   bool grown = !usable;
   for (const std::string& name : bsdNames) {

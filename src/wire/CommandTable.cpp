@@ -8,8 +8,8 @@ namespace {
 template <class Command>
 constexpr auto argumentSpecs = std::apply(
     [](const auto&... field) {
-      return std::array<ArgumentSpec, sizeof...(field)>{ArgumentSpec{
-          field.name, argumentType<typename std::remove_cvref_t<decltype(field)>::type>()}...};
+      return std::array<ArgumentSpec, sizeof...(field)>{
+          ArgumentSpec{field.name, argumentType<typename std::remove_cvref_t<decltype(field)>::type>()}...};
     },
     Command::fields());
 

@@ -31,11 +31,11 @@ using ArgumentValue = std::variant<std::string, std::optional<std::string>, bool
 using ArgumentValues = std::vector<ArgumentValue>;
 
 enum class ReplyKind {
-  error,    // nothing, or a failure
+  error,  // nothing, or a failure
   string,
   boolean,
   int64,
-  data,     // a JSON payload
+  data,  // a JSON payload
 };
 
 // Where the work runs once its entry line is written.
@@ -50,7 +50,7 @@ struct CommandSpec {
   ReplyKind reply;
   std::string_view replyRecord;  // of a data reply, for people
   CommandQueue queue;
-  bool drains;                   // refused while the service is about to quit
+  bool drains;  // refused while the service is about to quit
   CommandProtocols protocols;
   // Template of the line logged on entry: {name} is an argument, {name?text} the text when a boolean one is true,
   // {name.bytes} a JSON argument's length in the request line. Empty: none, or the handler writes its own.

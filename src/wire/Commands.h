@@ -73,8 +73,9 @@ struct GetSchedule {
 };
 
 struct ListSchedules {
-  static constexpr CommandTraits traits{
-      .selector = "listSchedulesWithReply:", .reply = ReplyKind::data, .replyRecord = "object of SchedulePolicy by volume"};
+  static constexpr CommandTraits traits{.selector = "listSchedulesWithReply:",
+                                        .reply = ReplyKind::data,
+                                        .replyRecord = "object of SchedulePolicy by volume"};
   static constexpr auto fields() { return std::tuple(); }
 };
 
@@ -133,12 +134,11 @@ struct DeleteSnapshot {
 };
 
 struct MountSnapshot {
-  static constexpr CommandTraits traits{
-      .selector = "mountSnapshotWithName:onVolume:xid:reply:",
-      .reply = ReplyKind::string,
-      .queue = CommandQueue::mount,
-      .drains = true,
-      .entryLine = "XPC mountSnapshot(name={name}, volume={volumeUUID}, xid={xid})"};
+  static constexpr CommandTraits traits{.selector = "mountSnapshotWithName:onVolume:xid:reply:",
+                                        .reply = ReplyKind::string,
+                                        .queue = CommandQueue::mount,
+                                        .drains = true,
+                                        .entryLine = "XPC mountSnapshot(name={name}, volume={volumeUUID}, xid={xid})"};
   std::string name;
   std::string volumeUUID;
   std::uint64_t xid = 0;
@@ -159,9 +159,9 @@ struct UnmountSnapshot {
 };
 
 // In the order of the documents.
-using AllCommands = std::tuple<HelperVersion, HelperGitCommit, ProtocolVersion, HelperHealth, GetSchedule, ListSchedules,
-                               GetHelperSettings, ListSnapshots, CreateSnapshot, DeleteSnapshot, MountSnapshot,
-                               UnmountSnapshot>;
+using AllCommands =
+    std::tuple<HelperVersion, HelperGitCommit, ProtocolVersion, HelperHealth, GetSchedule, ListSchedules,
+               GetHelperSettings, ListSnapshots, CreateSnapshot, DeleteSnapshot, MountSnapshot, UnmountSnapshot>;
 
 template <class Type>
 constexpr ArgumentType argumentType() {

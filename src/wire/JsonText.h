@@ -2,6 +2,7 @@
 #pragma once
 
 #include <boost/json.hpp>
+
 #include <memory>
 #include <optional>
 #include <string>

@@ -9,12 +9,12 @@ namespace {
 
 using enum QuillmarkErrorCode;
 
-constexpr std::array allCodes{invalidVolumeUUID,     invalidLabel,           invalidSnapshotUUID,  invalidMountPath,
-                              volumeNotFound,        volumeNotAPFSData,      snapshotNotFound,     notOurSnapshot,
-                              ambiguousSnapshotRef,  snapshotCreateFailed,   snapshotDeleteFailed, snapshotMountFailed,
-                              snapshotListFailed,    snapshotUnmountFailed,  protectedSnapshot,    snapshotInUse,
-                              volumeBusy,            insufficientPrivileges, protocolVersionMismatch,
-                              helperRestarting,      auditPersistenceFailed, internalError};
+constexpr std::array allCodes{
+    invalidVolumeUUID,      invalidLabel,        invalidSnapshotUUID,    invalidMountPath,        volumeNotFound,
+    volumeNotAPFSData,      snapshotNotFound,    notOurSnapshot,         ambiguousSnapshotRef,    snapshotCreateFailed,
+    snapshotDeleteFailed,   snapshotMountFailed, snapshotListFailed,     snapshotUnmountFailed,   protectedSnapshot,
+    snapshotInUse,          volumeBusy,          insufficientPrivileges, protocolVersionMismatch, helperRestarting,
+    auditPersistenceFailed, internalError};
 
 }  // namespace
 
@@ -31,10 +31,10 @@ Error operationCompleted(std::string message, std::shared_ptr<const Error> under
 }
 
 Error auditNotPersisted(const std::string& operation, const Error& auditFailure) {
-  return operationCompleted("The " + operation +
-                                " operation completed, but Quillmark could not persist its audit record: " +
-                                auditFailure.description(),
-                            std::make_shared<const Error>(auditFailure));
+  return operationCompleted(
+      "The " + operation +
+          " operation completed, but Quillmark could not persist its audit record: " + auditFailure.description(),
+      std::make_shared<const Error>(auditFailure));
 }
 
 bool isOperationCompleted(const Error& error) {

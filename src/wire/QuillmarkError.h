@@ -36,7 +36,8 @@ enum class QuillmarkErrorCode : long {
 
 namespace QuillmarkError {
 
-[[nodiscard]] Error make(QuillmarkErrorCode code, std::string message, std::shared_ptr<const Error> underlying = nullptr);
+[[nodiscard]] Error make(QuillmarkErrorCode code, std::string message,
+                         std::shared_ptr<const Error> underlying = nullptr);
 // The effect is in place, a follow-up step failed: whoever gets this must not repeat the operation.
 [[nodiscard]] Error operationCompleted(std::string message, std::shared_ptr<const Error> underlying = nullptr);
 // operation is the audit word of the command ("deleteSnapshot").

@@ -12,6 +12,7 @@
 #pragma once
 
 #include <boost/json.hpp>
+
 #include <cmath>
 #include <cstdint>
 #include <limits>
@@ -104,8 +105,10 @@ struct Decoder {
 // A whole number of any spelling ("3", "3.0", "3e0") within the type's range.
 template <class Integer>
 bool toInteger(const json::value& from, Integer& into) {
-  if (const auto* number = from.if_int64()) return into = static_cast<Integer>(*number), std::in_range<Integer>(*number);
-  if (const auto* number = from.if_uint64()) return into = static_cast<Integer>(*number), std::in_range<Integer>(*number);
+  if (const auto* number = from.if_int64())
+    return into = static_cast<Integer>(*number), std::in_range<Integer>(*number);
+  if (const auto* number = from.if_uint64())
+    return into = static_cast<Integer>(*number), std::in_range<Integer>(*number);
   const auto* number = from.if_double();
   if (!number || std::trunc(*number) != *number) return false;
   const double low = static_cast<double>(std::numeric_limits<Integer>::min());
@@ -253,8 +256,8 @@ Record decodeJson(std::string_view text) {
 }  // namespace quillmark
 
 // Instantiates the coder for a record and for arrays of it.
-#define QUILLMARK_RECORD(Record)                                                                   \
-  template std::string quillmark::encodeJson(const Record&);                                       \
-  template Record quillmark::decodeJson(std::string_view);                                         \
-  template std::string quillmark::encodeJson(const std::vector<Record>&);                          \
+#define QUILLMARK_RECORD(Record)                                          \
+  template std::string quillmark::encodeJson(const Record&);              \
+  template Record quillmark::decodeJson(std::string_view);                \
+  template std::string quillmark::encodeJson(const std::vector<Record>&); \
   template std::vector<Record> quillmark::decodeJson(std::string_view);

@@ -125,12 +125,13 @@ std::variant<RpcCall, RpcRefusal> decodeCall(std::string_view line) {
   }
   const bool needsTexts = std::any_of(command->arguments.begin(), command->arguments.end(),
                                       [](const ArgumentSpec& spec) { return spec.type == ArgumentType::json; });
-  const std::vector<std::string_view> texts = needsTexts ? elementTexts(line, "params") : std::vector<std::string_view>();
+  const std::vector<std::string_view> texts =
+      needsTexts ? elementTexts(line, "params") : std::vector<std::string_view>();
   RpcCall call{command, id ? std::optional(idText) : std::nullopt, {}};
   try {
     for (std::size_t i = 0; i < given; ++i) {
-      call.arguments.push_back(
-          decodeArgument(params->get_array()[i], i < texts.size() ? texts[i] : std::string_view(), command->arguments[i]));
+      call.arguments.push_back(decodeArgument(params->get_array()[i], i < texts.size() ? texts[i] : std::string_view(),
+                                              command->arguments[i]));
     }
   } catch (const Error& error) {
     return refuse(RpcFault::invalidParams, error.description());
@@ -196,7 +197,8 @@ RpcIncoming decodeIncoming(std::string_view line) {
   }
   if (const json::value* error = object.if_contains("error"); error && error->is_object()) {
     incoming.kind = RpcIncoming::Kind::refusal;
-    if (const json::value* code = error->get_object().if_contains("code")) coding::toInteger(*code, incoming.refusalCode);
+    if (const json::value* code = error->get_object().if_contains("code"))
+      coding::toInteger(*code, incoming.refusalCode);
     incoming.refusalMessage = textAt(error->get_object(), "message");
     return incoming;
   }

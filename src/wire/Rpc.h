@@ -58,11 +58,11 @@ struct RpcReply {
 struct RpcIncoming {
   enum class Kind { reply, refusal, push } kind = Kind::reply;
   std::optional<std::uint64_t> id;
-  RpcReply reply;             // of a reply
-  long refusalCode = 0;       // of a refusal
+  RpcReply reply;        // of a reply
+  long refusalCode = 0;  // of a refusal
   std::string refusalMessage;
-  std::string selector;       // of a push
-  std::string params;         // of a push: JSON text of an array
+  std::string selector;  // of a push
+  std::string params;    // of a push: JSON text of an array
 };
 // Throws Error for a line that is none of them.
 [[nodiscard]] RpcIncoming decodeIncoming(std::string_view line);

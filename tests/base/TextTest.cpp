@@ -1,9 +1,8 @@
-#include "base/Text.h"
-
 #include <gtest/gtest.h>
 
 #include <random>
 
+#include "base/Text.h"
 #include "platform/NameText.h"
 
 namespace quillmark {
@@ -50,8 +49,19 @@ TEST(Text, trimsEveryKindOfBlankFromBothEnds) {
 // Method: random bytes, weighted towards escapes and their neighbours, through the coding and back.
 TEST(NameText, isOneToOneForAnyBytes) {
   std::mt19937 random(20260301);
-  const std::vector<std::string> pieces{"a", "/", ".", "\x01", "\x7F", "\xFF", "\xC3\xA9", "\xF4\x8E\xBC\x80",
-                                        "\xF4\x8E\xBB\xBF", "\xF4\x8E\xBF\xBF", "\xF4\x8F\x80\x80", "\xE2\x82", "\xF4\x8E\xBC\xAF"};
+  const std::vector<std::string> pieces{"a",
+                                        "/",
+                                        ".",
+                                        "\x01",
+                                        "\x7F",
+                                        "\xFF",
+                                        "\xC3\xA9",
+                                        "\xF4\x8E\xBC\x80",
+                                        "\xF4\x8E\xBB\xBF",
+                                        "\xF4\x8E\xBF\xBF",
+                                        "\xF4\x8F\x80\x80",
+                                        "\xE2\x82",
+                                        "\xF4\x8E\xBC\xAF"};
   for (const NameEscapes escapes : {NameEscapes::illFormed, NameEscapes::controls}) {
     for (int round = 0; round < 20000; ++round) {
       std::string bytes;

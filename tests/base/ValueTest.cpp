@@ -46,7 +46,8 @@ TEST(Error, namesTheCallItsSubjectAndTheReason) {
 
 TEST(UniqueFunction, ownsWhatItCapturesAndLetsGoOfIt) {
   auto token = std::make_shared<int>(7);
-  UniqueFunction<int(int)> add([owned = std::make_unique<std::shared_ptr<int>>(token)](int by) { return **owned + by; });
+  UniqueFunction<int(int)> add(
+      [owned = std::make_unique<std::shared_ptr<int>>(token)](int by) { return **owned + by; });
   EXPECT_EQ(add(1), 8);
   UniqueFunction<int(int)> moved = std::move(add);
   EXPECT_FALSE(static_cast<bool>(add));

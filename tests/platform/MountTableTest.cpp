@@ -48,6 +48,24 @@ TEST(MountTable, OnlyWholeWritableVisibleSubvolumesAreVolumes) {
       {"below a mount that is visible",
        "31 20 0:51 / /mnt rw - tmpfs tmpfs rw\n" + btrfsLine(32, 31, "/d", "/mnt/d", "/d"),
        {"/mnt/d"}},
+      {"below a FUSE mount that is visible",
+       "31 20 0:51 / /f rw - fuse host rw\n" + btrfsLine(32, 31, "/d", "/f/a/d", "/d"),
+       {}},
+      {"below an automounter's and a network's, with a disk's own kind between",
+       "31 20 0:51 / /n rw - autofs a rw\n32 31 0:52 / /n/m rw - nfs4 h:/ rw\n33 32 0:53 / /n/m/t rw - ext4 /dev/b "
+       "rw\n" +
+           btrfsLine(34, 33, "/d", "/n/m/t/d", "/d"),
+       {}},
+      {"a FUSE mount that is covered is in nobody's way",
+       "31 20 0:51 / /f rw - fuse host rw\n32 31 0:52 / /f rw - tmpfs t rw\n" + btrfsLine(33, 32, "/d", "/f/d", "/d"),
+       {"/f/d"}},
+      {"beside a FUSE mount of a like name",
+       "31 20 0:51 / /f rw - fuse host rw\n" + btrfsLine(32, 20, "/d", "/ff/d", "/d"),
+       {"/ff/d"}},
+      {"below a FUSE mount first, then in reach",
+       "31 20 0:51 / /f rw - fuse host rw\n" + btrfsLine(32, 31, "/d", "/f/d", "/d") +
+           btrfsLine(33, 20, "/d", "/again", "/d"),
+       {"/again"}},
       {"the first is covered, the second isn't",
        home + "31 30 0:50 / /home rw - tmpfs tmpfs rw\n" + btrfsLine(32, 20, "/home", "/again", "/home"),
        {"/again"}},
@@ -81,6 +99,11 @@ TEST(MountTable, APathIsHeldByTheMountThatALookUpEndsIn) {
   EXPECT_EQ(source("/a/b/c"), "beside");
   EXPECT_EQ(table.at("/a/b"), nullptr);
   EXPECT_FALSE(table.isVisible(table.entries()[2]));
+}
+
+TEST(MountTable, ARootOfAnyKindIsTrusted) {
+  const MountTable table = MountTable::parse("20 1 0:30 / / rw - 9p host rw\n" + btrfsLine(30, 20, "/d", "/a/d", "/d"));
+  EXPECT_THAT(volumePoints(table), ElementsAre("/a/d"));
 }
 
 TEST(MountTable, AProcessWithARootOfItsOwnSeesItsMountsAllTheSame) {

@@ -1,9 +1,8 @@
-#include "platform/linux/Posix.h"
-
 #include <cstdlib>
 #include <filesystem>
 
 #include "platform/contract/PosixSuite.h"
+#include "platform/linux/Posix.h"
 #include "platform/sim/SimPosix.h"
 
 namespace quillmark::contract {

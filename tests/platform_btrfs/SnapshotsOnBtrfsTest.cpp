@@ -1,15 +1,20 @@
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <linux/fuse.h>
 #include <poll.h>
 #include <sys/mount.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/statvfs.h>
+#include <sys/uio.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <chrono>
 #include <set>
+#include <thread>
 
 #include "BtrfsMachine.h"
 #include "platform/NameText.h"
@@ -161,6 +166,62 @@ TEST_F(SnapshotsOnBtrfs, APlaceThatIsNotOursIsRefused) {
   EXPECT_EQ(create(machine.volume, "second"), 0);
 }
 
+TEST_F(SnapshotsOnBtrfs, ATopLevelThatHandsItsGroupDownIsNoHindrance) {
+  machine.shell("chown root:users " + machine.top + "; chmod 2775 " + machine.top);
+  EXPECT_EQ(create(machine.volume, "made"), 0);
+  const std::string modes = "stat -c '%a %u %g' " + machine.top + "/.quillmark " + place();
+  EXPECT_EQ(machine.shell(modes), "700 0 0\n700 0 0\n");
+  machine.shell("chmod 2700 " + machine.top + "/.quillmark " + place() + "; chgrp users " + place());
+  EXPECT_EQ(create(machine.volume, "repaired"), 0);
+  EXPECT_EQ(machine.shell(modes), "700 0 0\n700 0 0\n");
+}
+
+TEST_F(SnapshotsOnBtrfs, AMountOfASnapshotDeletedBehindOurBackStillLooksLikeOneAndIsUnmounted) {
+  ASSERT_EQ(create(machine.volume, "gone"), 0);
+  const std::string directory = makeDirectory("mounted");
+  const Xid xid = contract::xidOf(machine.calls, *machine.open(machine.volume), "gone");
+  ASSERT_TRUE(machine.calls.fs_snapshot_mount(*machine.open(machine.volume), directory, "gone", xid,
+                                              mntReadOnly | mntNoSuid | mntNoDev));
+  const std::string before = machine.calls.statfs(directory)->mntfromname;
+  EXPECT_THAT(before, ::testing::StartsWith("gone@/dev/disk"));
+  const std::uint64_t id = *MountTable::read()->at(directory)->subvolumeId;
+  machine.shell("btrfs -q subvolume delete " + place() + "/gone");
+  const auto status = machine.calls.statfs(directory);
+  EXPECT_EQ(status->mntfromname, "deleted-" + std::to_string(id) + "@" + machine.device);
+  EXPECT_EQ(status->fstypename, "apfs");
+  EXPECT_EQ(status->mntonname, directory);
+  EXPECT_NE(status->flags & mntReadOnly, 0u);
+  EXPECT_EQ(machine.calls.unmount(directory, false).error(), 0);
+  EXPECT_EQ(machine.calls.statfs(directory)->mntonname, "/mnt");
+}
+
+// No descriptor can be opened while it lives.
+class NoDescriptors final {
+ public:
+  NoDescriptors() {
+    EXPECT_EQ(::getrlimit(RLIMIT_NOFILE, &before_), 0);
+    const rlimit none{0, before_.rlim_max};
+    EXPECT_EQ(::setrlimit(RLIMIT_NOFILE, &none), 0);
+  }
+  ~NoDescriptors() { ::setrlimit(RLIMIT_NOFILE, &before_); }
+
+ private:
+  rlimit before_;
+};
+
+TEST_F(SnapshotsOnBtrfs, OutOfDescriptorsIsSaidAsSuch) {
+  const auto volume = machine.open(machine.volume);
+  const auto source = sourceOf(*openSubvolume(*MountTable::read()->at(machine.volume)));
+  ASSERT_TRUE(machine.disks.startSession());
+  {
+    const NoDescriptors none;
+    EXPECT_FALSE(machine.disks.startSession());
+    EXPECT_EQ(PrivateMount::openTopLevel(*source).error(), EMFILE);
+    EXPECT_EQ(machine.calls.fs_snapshot_create(*volume, "s").error(), EMFILE);
+  }
+  EXPECT_EQ(machine.calls.fs_snapshot_create(*volume, "s").error(), 0);
+}
+
 TEST_F(SnapshotsOnBtrfs, OnlyWholeWritableSubvolumesAreVolumes) {
   const std::string bound = makeDirectory("bound"), again = machine.root + "/again",
                     readOnly = machine.root + "/read-only";
@@ -259,7 +320,7 @@ TEST_F(SnapshotsOnBtrfs, IdentitiesAscendAlsoWhenManyMakeSnapshotsAtOnceAndIdsRe
   EXPECT_GT(contract::listAll(machine.calls, *machine.open(machine.volume)).at(0).fileId, entries.back().fileId);
 }
 
-// A FUSE file system whose server never says a word.
+// A FUSE file system whose server never says a word, unless it is told to.
 class DeadMount final {
  public:
   explicit DeadMount(const std::string& directory)
@@ -270,7 +331,58 @@ class DeadMount final {
   ~DeadMount() { ::umount2(directory_.c_str(), MNT_DETACH | UMOUNT_NOFOLLOW); }
   bool mounted = false;
 
+  // Every name is a directory, and nothing that was told is remembered.
+  void answerWhile(FunctionRef<void()> work) {
+    std::atomic<bool> done = false;
+    std::thread server([&] {
+      while (!done) {
+        pollfd wanted{server_.get(), POLLIN, 0};
+        if (::poll(&wanted, 1, 10) == 1) answerOne();
+      }
+    });
+    work();
+    done = true;
+    server.join();
+  }
+
  private:
+  void answerOne() {
+    alignas(fuse_in_header) char request[1 << 17];
+    if (::read(server_.get(), request, sizeof request) < static_cast<ssize_t>(sizeof(fuse_in_header))) return;
+    const auto& asked = *reinterpret_cast<const fuse_in_header*>(request);
+    fuse_attr directory{};
+    directory.ino = 2;
+    directory.mode = S_IFDIR | 0755;
+    directory.nlink = 2;
+    if (asked.opcode == FUSE_INIT) {
+      fuse_init_out init{};
+      init.major = FUSE_KERNEL_VERSION;
+      init.minor = FUSE_KERNEL_MINOR_VERSION;
+      init.max_write = 4096;
+      reply(asked, 0, &init, sizeof init);
+    } else if (asked.opcode == FUSE_LOOKUP) {
+      fuse_entry_out entry{};
+      entry.nodeid = 2;
+      entry.attr = directory;
+      reply(asked, 0, &entry, sizeof entry);
+    } else if (asked.opcode == FUSE_GETATTR) {
+      fuse_attr_out attributes{};
+      directory.ino = asked.nodeid;
+      attributes.attr = directory;
+      reply(asked, 0, &attributes, sizeof attributes);
+    } else if (asked.opcode != FUSE_FORGET && asked.opcode != FUSE_BATCH_FORGET && asked.opcode != FUSE_INTERRUPT) {
+      reply(asked, -ENOSYS, nullptr, 0);
+    }
+  }
+  void reply(const fuse_in_header& asked, int error, void* body, std::size_t size) {
+    fuse_out_header head{};
+    head.len = static_cast<std::uint32_t>(sizeof head + size);
+    head.error = error;
+    head.unique = asked.unique;
+    const iovec parts[] = {{&head, sizeof head}, {body, size}};
+    static_cast<void>(::writev(server_.get(), parts, 2));
+  }
+
   std::string directory_;
   UniqueFd server_;
 };
@@ -300,6 +412,27 @@ TEST_F(SnapshotsOnBtrfs, ADeadFileSystemHangsNothing) {
   EXPECT_FALSE(machine.disks.describe(machine.volume));
   EXPECT_EQ(machine.calls.open(machine.volume, uuid).error(), ENOENT);
   EXPECT_EQ(machine.calls.statfs(machine.volume)->mntonname, machine.root);
+  ::alarm(0);
+}
+
+TEST_F(SnapshotsOnBtrfs, AVolumeBelowADeadFileSystemIsNotServedAndHangsNoOther) {
+  ::alarm(30);  // ends a test that hangs
+  const std::string dead = makeDirectory("dead"), lost = dead + "/lost";
+  const VolumeUuid topUuid = machine.uuidAt(machine.top);
+  machine.shell("umount " + machine.top);
+  DeadMount server(dead);
+  ASSERT_TRUE(server.mounted);
+  server.answerWhile([&] { machine.mount(lost, "subvolid=5"); });
+  ASSERT_TRUE(MountTable::read()->at(lost));
+  EXPECT_THAT(*machine.disks.mountedVolumePaths(), ElementsAre(machine.volume));
+  EXPECT_EQ(machine.disks.describe(lost)->volumeUuid, std::nullopt);
+  EXPECT_FALSE(machine.disks.capacities(lost).total);
+  EXPECT_EQ(machine.disks.mediaBsdNames()->size(), 2u);
+  EXPECT_EQ(machine.calls.open(lost, topUuid).error(), ESTALE);
+  EXPECT_EQ(machine.calls.statfs(lost)->mntonname, lost);
+  machine.shell("timeout 10 " DISKUTIL_PROGRAM " apfs list -plist");
+  EXPECT_EQ(create(machine.volume, "s"), 0);
+  EXPECT_THAT(machine.names(machine.volume), ElementsAre("s"));
   ::alarm(0);
 }
 

@@ -1,6 +1,6 @@
-#include "scheduling/rules/CadenceCalendar.h"
-
 #include <gtest/gtest.h>
+
+#include "scheduling/rules/CadenceCalendar.h"
 
 namespace quillmark {
 namespace {
@@ -9,7 +9,8 @@ using enum SnapshotCadence;
 
 Date utc(int year, unsigned month, unsigned day, int hour = 0, int minute = 0, double second = 0) {
   const auto days = std::chrono::sys_days(std::chrono::year(year) / std::chrono::month(month) / std::chrono::day(day));
-  return Date::from1970(static_cast<double>(days.time_since_epoch().count()) * 86400.0 + hour * 3600 + minute * 60 + second);
+  return Date::from1970(static_cast<double>(days.time_since_epoch().count()) * 86400.0 + hour * 3600 + minute * 60 +
+                        second);
 }
 
 TEST(CadenceCalendar, startsSlotsInLocalTime) {

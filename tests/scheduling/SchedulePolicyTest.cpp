@@ -1,6 +1,6 @@
-#include "scheduling/rules/SchedulePolicy.h"
-
 #include <gtest/gtest.h>
+
+#include "scheduling/rules/SchedulePolicy.h"
 
 namespace quillmark {
 namespace {

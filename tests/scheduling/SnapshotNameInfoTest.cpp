@@ -1,6 +1,6 @@
-#include "scheduling/rules/SnapshotNameInfo.h"
-
 #include <gtest/gtest.h>
+
+#include "scheduling/rules/SnapshotNameInfo.h"
 
 namespace quillmark {
 namespace {
@@ -54,8 +54,15 @@ TEST(SnapshotNames, comeBackFromFormattingAsTheyWent) {
 }
 
 TEST(SnapshotNames, sanitizeLabelsByScalar) {
-  const std::pair<const char*, const char*> cases[] = {
-      {"  x  ", "-x-"}, {"a- b", "a-b"}, {"a -b", "a--b"}, {"a\xE2\x80\x8B" "b", "ab"}, {"größe", "gre"}, {"a/ü \n\tb", "a-b"}, {"", ""}};
+  const std::pair<const char*, const char*> cases[] = {{"  x  ", "-x-"},
+                                                       {"a- b", "a-b"},
+                                                       {"a -b", "a--b"},
+                                                       {"a\xE2\x80\x8B"
+                                                        "b",
+                                                        "ab"},
+                                                       {"größe", "gre"},
+                                                       {"a/ü \n\tb", "a-b"},
+                                                       {"", ""}};
   for (const auto& [label, wanted] : cases) EXPECT_EQ(SnapshotNameInfo::sanitizeLabel(label), wanted) << label;
 }
 

@@ -92,20 +92,24 @@ TEST(Commands, refuseWhatIsMalformedUnknownOrNotTheirs) {
       expectError(client.call(DeleteSnapshot{name, uuid, true}), invalidSnapshotUUID, badName);
       expectError(client.call(MountSnapshot{name, uuid, 1}), invalidSnapshotUUID, badName);
     }
-    expectError(client.call(CreateSnapshot{unknown, ""}), volumeNotFound, "No mounted APFS volume with UUID " + unknown);
-    expectError(client.call(DeleteSnapshot{std::string(240, 'a'), uuid, true}), snapshotNotFound, "Snapshot no longer exists");
+    expectError(client.call(CreateSnapshot{unknown, ""}), volumeNotFound,
+                "No mounted APFS volume with UUID " + unknown);
+    expectError(client.call(DeleteSnapshot{std::string(240, 'a'), uuid, true}), snapshotNotFound,
+                "Snapshot no longer exists");
     expectError(client.call(DeleteSnapshot{"com.apple.os.x", uuid, true}), notOurSnapshot,
                 "Refusing to delete OS-managed snapshot \"com.apple.os.x\"");
     expectError(client.call(MountSnapshot{"com.apple.os.x", uuid, 1}), notOurSnapshot,
                 "Snapshot \"com.apple.os.x\" is a macOS system snapshot, so Quillmark will not mount it.");
     expectError(client.call(MountSnapshot{"a", uuid, 7}), snapshotNotFound, "Snapshot 7 no longer exists on Data");
-    const std::string only = "Volume \"Vault\" has the APFS Backup role (a backup target such as a Time Machine disk). "
-                             "Quillmark only displays its snapshots, so it will not ";
+    const std::string only =
+        "Volume \"Vault\" has the APFS Backup role (a backup target such as a Time Machine disk). "
+        "Quillmark only displays its snapshots, so it will not ";
     expectError(client.call(DeleteSnapshot{"a", vault, true}), volumeNotAPFSData, only + "delete snapshots.");
     expectError(client.call(MountSnapshot{"a", vault, 1}), volumeNotAPFSData, only + "mount snapshots.");
-    expectError(client.call(CreateSnapshot{vault, ""}), volumeNotAPFSData,
-                "Refusing to create snapshot on volume \"Vault\" (role=Backup). Snapshots may only be created on Data or "
-                "unrolled volumes.");
+    expectError(
+        client.call(CreateSnapshot{vault, ""}), volumeNotAPFSData,
+        "Refusing to create snapshot on volume \"Vault\" (role=Backup). Snapshots may only be created on Data or "
+        "unrolled volumes.");
     expectError(client.call(UnmountSnapshot{"/Volumes/Data"}), invalidMountPath,
                 "Path must resolve under " + machine.paths.userMountRoot);
     expectError(client.call(UnmountSnapshot{machine.paths.userMountRoot + "/Data@snap-1"}), invalidMountPath,
@@ -143,7 +147,8 @@ TEST(Commands, leaveAStrangersMountPointAlone) {
     const std::string a = stringValue(client.call(CreateSnapshot{uuid, "a"}).reply);
     const std::string b = stringValue(client.call(CreateSnapshot{uuid, "b"}).reply);
     const auto records = recordsOf(client.call(ListSnapshots{uuid, false, false}));
-    const std::string path = machine.paths.userMountRoot + "/Data-" + uuid + "@snap-" + std::to_string(records[0].xid.value);
+    const std::string path =
+        machine.paths.userMountRoot + "/Data-" + uuid + "@snap-" + std::to_string(records[0].xid.value);
     ASSERT_TRUE(machine.volumes.mount(machine.uuid, path, b, mntReadOnly));
     expectError(client.call(MountSnapshot{a, uuid, records[0].xid.value}), QuillmarkErrorCode::invalidMountPath,
                 "Mount point \"" + path + "\" is already used by another snapshot or volume");
@@ -239,9 +244,10 @@ TEST(Commands, keepTheirResultWhenAFollowUpFails) {
               "The createSnapshot operation completed, but Quillmark could not persist its audit record: disk full");
     machine.helper.environment().names = &names;
     const RpcIncoming named = client.call(CreateSnapshot{uuid, "y"});
-    EXPECT_EQ(named.reply.error->description(),
-              "The snapshot was created, but its name \"y\" could not be saved and will not survive a restart: no names "
-              "today");
+    EXPECT_EQ(
+        named.reply.error->description(),
+        "The snapshot was created, but its name \"y\" could not be saved and will not survive a restart: no names "
+        "today");
     const RpcIncoming failed = client.call(DeleteSnapshot{"gone", uuid, true});
     EXPECT_EQ(failed.reply.error->description(), "Snapshot no longer exists") << "nothing of the audit on a failure";
   });

@@ -39,8 +39,8 @@ TEST(Connections, answerANotificationWithSilence) {
   ServiceMachine machine;
   machine.run([&] {
     TestClient client = machine.connect();
-    client.sendLine(R"({"jsonrpc":"2.0","method":"createSnapshotOnVolume:label:reply:","params":[")" + machine.uuid.lower() +
-                    R"(","x"]})");
+    client.sendLine(R"({"jsonrpc":"2.0","method":"createSnapshotOnVolume:label:reply:","params":[")" +
+                    machine.uuid.lower() + R"(","x"]})");
     client.sendLine(R"({"jsonrpc":"2.0","method":"noSuch:"})");
     EXPECT_EQ(client.call(ProtocolVersion{}).id, 1U);
     client.listen(1s);
@@ -169,8 +169,9 @@ TEST(Shutdown, abandonsWhatTakesLongerThanAMinute) {
     client.listen(2s);
     EXPECT_TRUE(machine.exited);
   });
-  EXPECT_THAT(machine.logged(), Contains("quit: drain timed out after 60s; exiting anyway (in-flight work is abandoned and "
-                                         "retried by the next helper)"));
+  EXPECT_THAT(machine.logged(),
+              Contains("quit: drain timed out after 60s; exiting anyway (in-flight work is abandoned and "
+                       "retried by the next helper)"));
   machine.simulation.runFor(3min);
 }
 

@@ -1,10 +1,9 @@
+#include "ServiceMachine.h"
 #include "platform/Files.h"
 #include "platform/sim/SimTransport.h"
 #include "service/DescriptorLimit.h"
 #include "service/HealthMonitor.h"
 #include "service/StateDirectory.h"
-
-#include "ServiceMachine.h"
 
 namespace quillmark {
 namespace {
@@ -20,11 +19,13 @@ TEST(HelperProcess, saysHowItStarted) {
   ServiceMachine machine;
   machine.run([] {});
   const auto logged = machine.logged();
-  EXPECT_THAT(logged, ElementsAre("descriptor limit raised 1024 -> 10240", "QuillmarkHelper starting", "uid=0 euid=0 gid=0",
-                                  "Mach service: com.harrowfern.quillmark.helper", "Bundle: <none>  exe=quillmark-helper",
-                                  "Scheduler started", "Listening on Mach service com.harrowfern.quillmark.helper",
-                                  "Designated requirement (peer must satisfy this):", StartsWith("  anchor apple generic and ("),
-                                  "Entering RunLoop, ready to accept XPC connections"));
+  EXPECT_THAT(
+      logged,
+      ElementsAre("descriptor limit raised 1024 -> 10240", "QuillmarkHelper starting", "uid=0 euid=0 gid=0",
+                  "Mach service: com.harrowfern.quillmark.helper", "Bundle: <none>  exe=quillmark-helper",
+                  "Scheduler started", "Listening on Mach service com.harrowfern.quillmark.helper",
+                  "Designated requirement (peer must satisfy this):", StartsWith("  anchor apple generic and ("),
+                  "Entering RunLoop, ready to accept XPC connections"));
 }
 
 TEST(HelperProcess, sweepsTheMountsOfAnEarlierLifeBeforeItServes) {
@@ -50,8 +51,8 @@ TEST(DescriptorLimit, isRaisedToTenThousandOrTheHardLimit) {
     DescriptorLimit before;
     std::uint64_t after;
   };
-  for (const auto& [before, after] : std::initializer_list<Case>{{{256, UINT64_MAX}, 10240}, {{256, 4096}, 4096},
-                                                                 {{20000, 30000}, 20000}, {{10240, 30000}, 10240}}) {
+  for (const auto& [before, after] : std::initializer_list<Case>{
+           {{256, UINT64_MAX}, 10240}, {{256, 4096}, 4096}, {{20000, 30000}, 20000}, {{10240, 30000}, 10240}}) {
     ServiceMachine machine;
     sim::SimThisProcess process(1);
     ASSERT_TRUE(process.setDescriptorLimit(before));
@@ -66,7 +67,8 @@ TEST(StateDirectory, isMadePrivateAgainAtEachStart) {
   const std::string cache = machine.paths.state("snapshot-xids");
   machine.run([&] {
     createDirectories(machine.posix, cache, 0755);
-    for (const std::string& file : {machine.paths.state("settings.json"), cache + "/x.json", machine.paths.state("other")}) {
+    for (const std::string& file :
+         {machine.paths.state("settings.json"), cache + "/x.json", machine.paths.state("other")}) {
       writeAtomically(machine.posix, machine.life.random(), file, "", 0644);
     }
     secureStateDirectory(machine.posix, machine.paths);
@@ -82,10 +84,12 @@ TEST(StateDirectory, isMadePrivateAgainAtEachStart) {
 TEST(HelperLog, writesALineAsAgreed) {
   ServiceMachine machine;
   machine.helper.log().warn("something", {"service/main.cpp", 118});
-  EXPECT_EQ(machine.process.standardError(), "[2026-03-01 09:00:00.000] [WARN ] [pid=" + std::to_string(machine.life.pid()) +
-                                                 "] something  (service/main:118)\n");
-  EXPECT_EQ(machine.platformLog.entries().back(),
-            (sim::SimPlatformLog::Entry{PlatformLogType::normal, "com.harrowfern.quillmark.helper", "main", "something"}));
+  EXPECT_EQ(machine.process.standardError(),
+            "[2026-03-01 09:00:00.000] [WARN ] [pid=" + std::to_string(machine.life.pid()) +
+                "] something  (service/main:118)\n");
+  EXPECT_EQ(
+      machine.platformLog.entries().back(),
+      (sim::SimPlatformLog::Entry{PlatformLogType::normal, "com.harrowfern.quillmark.helper", "main", "something"}));
   machine.helper.log().error("bad \xFF byte", {"a.cpp", 1});
   EXPECT_THAT(machine.process.standardError(), EndsWith("(service/main:118)\n")) << "no UTF-8: dropped here";
   EXPECT_EQ(machine.platformLog.entries().back().message, "bad \xFF byte");
@@ -104,8 +108,13 @@ struct LogFile {
   ServiceMachine machine;
   const std::string path = machine.paths.helperLog;
   const std::string content = std::string(8'388'608, 'l');
-  HelperLogWriter log{machine.life.dispatch(), machine.life.clock(), machine.posix, machine.platformLog, machine.process,
-                      path, HelperLogWriter::Rotation::ofLogFile};
+  HelperLogWriter log{machine.life.dispatch(),
+                      machine.life.clock(),
+                      machine.posix,
+                      machine.platformLog,
+                      machine.process,
+                      path,
+                      HelperLogWriter::Rotation::ofLogFile};
 };
 
 TEST(HelperLog, rotatesAtTheFiveHundredAndTwelfthLineOnceItsFileIsFull) {

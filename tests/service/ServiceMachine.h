@@ -113,7 +113,8 @@ class ServiceMachine {
       entries.push_back(PropertyList(PropertyDictionary{{"SnapshotName", PropertyList(snapshot.name)},
                                                         {"SnapshotXID", PropertyList(snapshot.xid.value)}}));
     }
-    return {.output = platform.propertyLists.write(PropertyList(PropertyDictionary{{"Snapshots", PropertyList(std::move(entries))}}))};
+    return {.output = platform.propertyLists.write(
+                PropertyList(PropertyDictionary{{"Snapshots", PropertyList(std::move(entries))}}))};
   }
 };
 

@@ -1,6 +1,6 @@
-#include <cerrno>
-
 #include <gmock/gmock.h>
+
+#include <cerrno>
 
 #include "platform/sim/Simulation.h"
 #include "platform/sync.h"

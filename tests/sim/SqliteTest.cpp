@@ -1,9 +1,9 @@
 // SQLite inside the simulator: its waiting is the simulation's.
-#include <cstdlib>
-#include <filesystem>
-
 #include <gmock/gmock.h>
 #include <sqlite3.h>
+
+#include <cstdlib>
+#include <filesystem>
 
 #include "platform/sim/Simulation.h"
 #include "platform/sync.h"

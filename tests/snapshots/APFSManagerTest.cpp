@@ -1,7 +1,6 @@
-#include "snapshots/APFSManager.h"
-
 #include "SnapshotMachine.h"
 #include "platform/Files.h"
+#include "snapshots/APFSManager.h"
 #include "snapshots/MountNames.h"
 
 namespace quillmark {
@@ -43,10 +42,16 @@ TEST(APFSManager, saysWhatToDoWhenAVolumeMayNotBeRead) {
       std::function<void()> operation;
     };
     const std::vector<Case> cases{
-        {QuillmarkErrorCode::snapshotCreateFailed, [&] { (void)machine.apfs.createSnapshot(volume, "", Kind::manual(), machine.now()); }},
-        {QuillmarkErrorCode::snapshotDeleteFailed, [&] { machine.apfs.deleteSnapshot(volume, {"a", Xid{1}}); }},
+        {QuillmarkErrorCode::snapshotCreateFailed,
+         [&] { (void)machine.apfs.createSnapshot(volume, "", Kind::manual(), machine.now()); }},
+        {QuillmarkErrorCode::snapshotDeleteFailed,
+         [&] {
+           machine.apfs.deleteSnapshot(volume, {"a", Xid{1}});
+         }},
         {QuillmarkErrorCode::snapshotListFailed, [&] { (void)machine.apfs.listRawSnapshots(volume); }},
-        {QuillmarkErrorCode::snapshotMountFailed, [&] { machine.apfs.mountSnapshot(volume, {"a", Xid{1}}, machine.paths.userMountRoot + "/a"); }}};
+        {QuillmarkErrorCode::snapshotMountFailed, [&] {
+           machine.apfs.mountSnapshot(volume, {"a", Xid{1}}, machine.paths.userMountRoot + "/a");
+         }}};
     for (const Case& operation : cases) {
       for (const int error : {EACCES, EPERM, EIO}) {
         machine.volumes.failNext(sim::SimCall::open, error);
@@ -55,7 +60,8 @@ TEST(APFSManager, saysWhatToDoWhenAVolumeMayNotBeRead) {
         std::string wanted = "open(/Volumes/Data) failed: " + errnoText(error);
         if (error != EIO) {
           wanted +=
-              ". Quillmark does not have permission to read this volume. Grant it Full Disk Access in System Settings ▸ "
+              ". Quillmark does not have permission to read this volume. Grant it Full Disk Access in System Settings "
+              "▸ "
               "Privacy & Security, then re-index the volume.";
         }
         EXPECT_EQ(failure.description(), wanted);
@@ -104,7 +110,9 @@ TEST(APFSManager, mountsReadOnlyAndCleansUpAfterAFailure) {
     EXPECT_EQ(busy.description(), "Snapshot \"a\" is already mounted, so it cannot be mounted again right now.");
     EXPECT_EQ(busy.code(), static_cast<long>(QuillmarkErrorCode::snapshotInUse));
     EXPECT_FALSE(machine.posix.lstat(second)) << "the directory made for it is gone";
-    EXPECT_EQ(SnapshotMachine::failureOf([&] { machine.apfs.mountSnapshot(volume, {"b", a.xid}, second); }).description(),
+    EXPECT_EQ(SnapshotMachine::failureOf([&] {
+                machine.apfs.mountSnapshot(volume, {"b", a.xid}, second);
+              }).description(),
               "fs_snapshot_mount failed: No such file or directory");
     machine.apfs.unmountSnapshot(path, false);
     EXPECT_FALSE(machine.posix.lstat(path));
@@ -178,7 +186,9 @@ TEST(APFSManager, touchesNoOtherSnapshotThatTookTheName) {
     const Xid second = machine.add("a");
     ASSERT_NE(first, second);
     const VolumeInfo volume = machine.volume();
-    EXPECT_EQ(SnapshotMachine::failureOf([&] { machine.apfs.deleteSnapshot(volume, {"a", first}); }).description(),
+    EXPECT_EQ(SnapshotMachine::failureOf([&] {
+                machine.apfs.deleteSnapshot(volume, {"a", first});
+              }).description(),
               "fs_snapshot_delete failed: No such file or directory");
     EXPECT_EQ(SnapshotMachine::failureOf([&] {
                 machine.apfs.mountSnapshot(volume, {"a", first}, machine.paths.userMountRoot + "/a");
@@ -214,7 +224,8 @@ TEST(APFSManager, resolvesOnlyVolumesThatItServes) {
       {"read-only media", [](DiskDescription& d) { d.mediaWritable = false; }, false},
       {"unknown writability", [](DiskDescription& d) { d.mediaWritable.reset(); }, true},
       {"internal system", [](DiskDescription& d) { d.role = std::string("System"), d.deviceInternal = true; }, false},
-      {"external system", [](DiskDescription& d) { d.role = std::string("System"), d.deviceInternal = false; }, true, false},
+      {"external system", [](DiskDescription& d) { d.role = std::string("System"), d.deviceInternal = false; }, true,
+       false},
       {"role in Roles", [](DiskDescription& d) { d.role = {}, d.roles = std::vector<std::string>{"DATA"}; }, true},
       {"no roles at all", [](DiskDescription& d) { d.role = std::vector<std::string>{}; }, true},
       {"no UUID", [](DiskDescription& d) { d.volumeUuid.reset(); }, false},
@@ -228,8 +239,9 @@ TEST(APFSManager, resolvesOnlyVolumesThatItServes) {
         EXPECT_EQ(volume.uuid, machine.uuid.upper()) << "spelled as the caller spelled it";
         EXPECT_EQ(volume.isAPFSData, wanted.isData) << wanted.what;
       } else {
-        EXPECT_EQ(SnapshotMachine::failureOf([&] { (void)machine.apfs.resolveVolume(machine.uuid.upper()); }).description(),
-                  "No mounted APFS volume with UUID " + machine.uuid.upper())
+        EXPECT_EQ(
+            SnapshotMachine::failureOf([&] { (void)machine.apfs.resolveVolume(machine.uuid.upper()); }).description(),
+            "No mounted APFS volume with UUID " + machine.uuid.upper())
             << wanted.what;
       }
     });

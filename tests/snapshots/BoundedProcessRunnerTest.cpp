@@ -1,10 +1,9 @@
-#include "snapshots/BoundedProcessRunner.h"
-
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include "platform/sim/SimProcesses.h"
 #include "platform/sim/Simulation.h"
+#include "snapshots/BoundedProcessRunner.h"
 
 namespace quillmark {
 namespace {
@@ -70,7 +69,11 @@ TEST(BoundedProcessRunner, endsAnOverdueProcessByEverStrongerMeans) {
   const std::vector<Case> cases{
       {"ends when asked", {.output = "so far", .endsByItself = false}, 15, 15s, "so far"},
       {"ignores the request", {.output = "so far", .endsByItself = false, .ignoresTerminate = true}, 15, 17s, "so far"},
-      {"is stuck in the kernel", {.output = "so far", .endsByItself = false, .ignoresTerminate = true, .ignoresKill = true}, 1.5, 5500ms, "so far"},
+      {"is stuck in the kernel",
+       {.output = "so far", .endsByItself = false, .ignoresTerminate = true, .ignoresKill = true},
+       1.5,
+       5500ms,
+       "so far"},
       {"has no time at all", {.output = "", .endsAfter = 1s}, 0, 0s, ""},
   };
   for (const Case& overdue : cases) {

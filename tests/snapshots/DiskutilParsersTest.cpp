@@ -24,7 +24,8 @@ std::string catalog(const std::string& entries) {
 TEST(DiskutilCatalog, mapsNamesToUnsignedXids) {
   os::LinuxPropertyLists lists;
   const auto parsed = DiskutilSnapshotCatalog::parse(
-      lists, catalog(snapshot("a", "<integer>7</integer>") + snapshot("b&amp;", "<integer>18446744073709551615</integer>")));
+      lists,
+      catalog(snapshot("a", "<integer>7</integer>") + snapshot("b&amp;", "<integer>18446744073709551615</integer>")));
   EXPECT_EQ(parsed.xidByName, (std::map<std::string, Xid>{{"a", {7}}, {"b&", {18446744073709551615U}}}));
   EXPECT_TRUE(DiskutilSnapshotCatalog::parse(lists, catalog("")).xidByName.empty());
 }
@@ -40,10 +41,12 @@ TEST(DiskutilCatalog, refusesEachFlawByItsCodeAndText) {
       {"rubbish", 1, "diskutil returned an invalid snapshot plist: "},
       {plist("<array/>"), 1, "diskutil returned an invalid snapshot plist: "},
       {plist("<dict/>"), 2, "diskutil snapshot plist omitted the Snapshots array"},
-      {plist("<dict><key>Snapshots</key><string>x</string></dict>"), 2, "diskutil snapshot plist omitted the Snapshots array"},
+      {plist("<dict><key>Snapshots</key><string>x</string></dict>"), 2,
+       "diskutil snapshot plist omitted the Snapshots array"},
       {catalog(snapshot("a", seven) + "<dict/>"), 3, "diskutil snapshot entry 1 omitted SnapshotName or SnapshotXID"},
       {catalog(snapshot("", seven)), 3, "diskutil snapshot entry 0 omitted SnapshotName or SnapshotXID"},
-      {catalog(snapshot("a", "<string>7</string>")), 3, "diskutil snapshot entry 0 omitted SnapshotName or SnapshotXID"},
+      {catalog(snapshot("a", "<string>7</string>")), 3,
+       "diskutil snapshot entry 0 omitted SnapshotName or SnapshotXID"},
       {catalog("<string>a</string>"), 3, "diskutil snapshot entry 0 omitted SnapshotName or SnapshotXID"},
       {catalog(snapshot("a", "<integer>0</integer>")), 4, "diskutil reported a zero XID for snapshot a"},
       {catalog(snapshot("a", seven) + snapshot("a", seven)), 5, "diskutil reported duplicate snapshot name a"},
@@ -66,7 +69,8 @@ TEST(DiskutilFacts, readContainersAndPassOverWhatTheyLack) {
   const std::string volumes =
       "<dict><key>DeviceIdentifier</key><string>disk3s1</string><key>CapacityInUse</key><integer>10</integer>"
       "<key>FileVault</key><true/><key>Roles</key><array><string>Data</string></array></dict>"
-      "<dict><key>DeviceIdentifier</key><string>disk3s2</string><key>Roles</key><array><string>xART</string></array></dict>"
+      "<dict><key>DeviceIdentifier</key><string>disk3s2</string><key>Roles</key><array><string>xART</string></array></"
+      "dict>"
       "<dict><key>CapacityInUse</key><integer>99</integer></dict>";
   const APFSContainers containers = parseContainers(
       lists, plist("<dict><key>Containers</key><array><dict/><dict><key>ContainerReference</key><string>disk3</string>"
@@ -93,8 +97,9 @@ TEST(DiskutilFacts, summarizeAVolumesInfo) {
 }
 
 TEST(DiskutilFacts, cutTheSliceOffADeviceName) {
-  const std::pair<const char*, const char*> cases[] = {
-      {"disk3s1", "disk3"}, {"disk3s12", "disk3"}, {"disk3s1s1", "disk3s1"}, {"disk3", "disk3"}, {"disk3s", "disk3s"}, {"", ""}};
+  const std::pair<const char*, const char*> cases[] = {{"disk3s1", "disk3"},     {"disk3s12", "disk3"},
+                                                       {"disk3s1s1", "disk3s1"}, {"disk3", "disk3"},
+                                                       {"disk3s", "disk3s"},     {"", ""}};
   for (const auto& [name, container] : cases) EXPECT_EQ(containerBSDName(name), container);
 }
 

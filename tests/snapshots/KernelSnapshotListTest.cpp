@@ -1,10 +1,9 @@
-#include "snapshots/KernelSnapshotList.h"
-
 #include <gtest/gtest.h>
 
 #include <cstring>
 
 #include "platform/SnapshotCalls.h"
+#include "snapshots/KernelSnapshotList.h"
 #include "wire/QuillmarkError.h"
 
 namespace quillmark {

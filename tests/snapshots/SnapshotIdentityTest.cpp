@@ -1,9 +1,8 @@
-#include "snapshots/SnapshotIdentity.h"
-
 #include <cmath>
 
 #include "SnapshotMachine.h"
 #include "platform/Files.h"
+#include "snapshots/SnapshotIdentity.h"
 
 namespace quillmark {
 namespace {
@@ -73,7 +72,8 @@ TEST(SnapshotIdentity, takesAnUnusableCacheFileForNone) {
       }
       const std::string directory = machine.paths.state("snapshot-xids");
       createDirectories(machine.posix, directory, 0700);
-      writeAtomically(machine.posix, machine.life.random(), directory + "/" + machine.uuid.lower() + ".json", content, 0600);
+      writeAtomically(machine.posix, machine.life.random(), directory + "/" + machine.uuid.lower() + ".json", content,
+                      0600);
       EXPECT_EQ(machine.apfs.listSnapshots(machine.volume()).at(0).xid, xid) << content;
       EXPECT_EQ(machine.diskutilRuns(), 1U);
     });
@@ -172,9 +172,8 @@ TEST(SnapshotIdentity, believesNoXidOfAnotherMoment) {
     bool isFirst = true;
     machine.beforeDiskutil = [&] {
       if (!std::exchange(isFirst, false)) return;
-      machine.volumes.change(machine.uuid, [](sim::SimVolume& volume) {
-        std::swap(volume.snapshots[0].name, volume.snapshots[1].name);
-      });
+      machine.volumes.change(
+          machine.uuid, [](sim::SimVolume& volume) { std::swap(volume.snapshots[0].name, volume.snapshots[1].name); });
     };
     const auto records = machine.apfs.listSnapshots(machine.volume());
     ASSERT_EQ(records.size(), 2U);
@@ -209,9 +208,13 @@ TEST(SnapshotIdentity, matchesReferencesByXidAndName) {
     const auto records = machine.apfs.verifySnapshots(volume, {{"b", b}, {"a", a}});
     ASSERT_EQ(records.size(), 2U);
     EXPECT_EQ(records[0].name, "b");
-    EXPECT_EQ(SnapshotMachine::failureOf([&] { (void)machine.apfs.verifySnapshots(volume, {{"a", Xid{9}}}); }).description(),
+    EXPECT_EQ(SnapshotMachine::failureOf([&] {
+                (void)machine.apfs.verifySnapshots(volume, {{"a", Xid{9}}});
+              }).description(),
               "Snapshot 9 no longer exists on Data");
-    EXPECT_EQ(SnapshotMachine::failureOf([&] { (void)machine.apfs.verifySnapshots(volume, {{"x", a}}); }).description(),
+    EXPECT_EQ(SnapshotMachine::failureOf([&] {
+                (void)machine.apfs.verifySnapshots(volume, {{"x", a}});
+              }).description(),
               "Snapshot " + std::to_string(a.value) + " on Data is \"a\", not \"x\"");
   });
 }

@@ -81,8 +81,8 @@ class SnapshotMachine {
     if (beforeDiskutil) beforeDiskutil();
     PropertyArray entries;
     for (const sim::SimSnapshot& snapshot : volumes.snapshots(uuid)) {
-      entries.push_back(PropertyList(PropertyDictionary{
-          {"SnapshotName", PropertyList(snapshot.name)}, {"SnapshotXID", PropertyList(snapshot.xid.value)}}));
+      entries.push_back(PropertyList(PropertyDictionary{{"SnapshotName", PropertyList(snapshot.name)},
+                                                        {"SnapshotXID", PropertyList(snapshot.xid.value)}}));
     }
     const std::string truth =
         propertyLists.write(PropertyList(PropertyDictionary{{"Snapshots", PropertyList(std::move(entries))}}));

@@ -1,6 +1,5 @@
-#include "snapshots/VolumeService.h"
-
 #include "SnapshotMachine.h"
+#include "snapshots/VolumeService.h"
 
 namespace quillmark {
 namespace {
@@ -25,13 +24,16 @@ struct Inventory {
   void change(FunctionRef<void(sim::SimVolume&)> work) { machine.volumes.change(machine.uuid, work); }
 
   SnapshotMachine machine;
-  VolumeService service{machine.life.dispatch(), machine.disks, machine.calls, machine.processes, machine.propertyLists,
-                        machine.paths};
+  VolumeService service{machine.life.dispatch(), machine.disks,         machine.calls,
+                        machine.processes,       machine.propertyLists, machine.paths};
   std::vector<std::string> runs;
   std::string list =
-      "<plist><dict><key>Containers</key><array><dict><key>ContainerReference</key><string>disk1</string><key>Volumes</key>"
-      "<array><dict><key>DeviceIdentifier</key><string>disk1s1</string><key>CapacityInUse</key><integer>700</integer></dict>"
-      "<dict><key>DeviceIdentifier</key><string>disk1s2</string><key>CapacityInUse</key><integer>50</integer></dict></array>"
+      "<plist><dict><key>Containers</key><array><dict><key>ContainerReference</key><string>disk1</string><key>Volumes</"
+      "key>"
+      "<array><dict><key>DeviceIdentifier</key><string>disk1s1</string><key>CapacityInUse</key><integer>700</integer></"
+      "dict>"
+      "<dict><key>DeviceIdentifier</key><string>disk1s2</string><key>CapacityInUse</key><integer>50</integer></dict></"
+      "array>"
       "</dict></array></dict></plist>";
   std::string info = "<plist><dict><key>BusProtocol</key><string>Loop</string></dict></plist>";
 };
@@ -105,7 +107,8 @@ TEST(VolumeService, sortsByNameAsPeopleDo) {
   for (const char* name : names) {
     Uuid uuid;
     uuid.bytes[15] = last++;
-    inventory.machine.volumes.add(sim::makeSimVolume(uuid, name, std::string("/Volumes/") + name, "disk2s" + std::to_string(last)));
+    inventory.machine.volumes.add(
+        sim::makeSimVolume(uuid, name, std::string("/Volumes/") + name, "disk2s" + std::to_string(last)));
   }
   std::vector<std::string> sorted;
   for (const APFSVolume& volume : inventory.volumes()) sorted.push_back(volume.name);

@@ -1,5 +1,3 @@
-#include "wire/CommandTable.h"
-
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -7,6 +5,7 @@
 #include <set>
 #include <sstream>
 
+#include "wire/CommandTable.h"
 #include "wire/Commands.h"
 
 namespace quillmark {
@@ -20,7 +19,8 @@ std::string rowForDocuments(const CommandSpec& command) {
     if (!arguments.empty()) arguments += ", ";
     arguments += std::string(argument.name) + ": " + std::string(word(argument.type));
   }
-  const std::string reply = command.reply == ReplyKind::data ? std::string(command.replyRecord) : std::string(word(command.reply));
+  const std::string reply =
+      command.reply == ReplyKind::data ? std::string(command.replyRecord) : std::string(word(command.reply));
   return "| `" + std::string(command.selector) + "` | " + arguments + " | " + reply + " | " +
          std::string(word(command.queue)) + " | " + (command.drains ? "yes" : "") + " |";
 }
@@ -30,7 +30,8 @@ TEST(CommandTable, isWhatTheDocumentSays) {
   std::stringstream document;
   document << file.rdbuf();
   std::size_t documented = 0;
-  for (std::string line; std::getline(document, line);) documented += line.starts_with("| `") && line.find(":`") != line.npos;
+  for (std::string line; std::getline(document, line);)
+    documented += line.starts_with("| `") && line.find(":`") != line.npos;
   for (const CommandSpec& command : commandTable()) {
     EXPECT_THAT(document.str(), HasSubstr(rowForDocuments(command))) << command.selector;
   }
@@ -65,9 +66,9 @@ TEST(CommandTable, writesEntryLinesToTheLetter) {
 }
 
 TEST(CommandTable, speaksOfEachCommandByItsWord) {
-  const std::vector<std::string_view> words{"helperVersion", "helperGitCommit", "protocolVersion", "helperHealth",
-                                            "getSchedule", "listSchedules", "getHelperSettings", "listSnapshots",
-                                            "createSnapshot", "deleteSnapshot", "mountSnapshot", "unmountSnapshot"};
+  const std::vector<std::string_view> words{
+      "helperVersion",     "helperGitCommit", "protocolVersion", "helperHealth",   "getSchedule",   "listSchedules",
+      "getHelperSettings", "listSnapshots",   "createSnapshot",  "deleteSnapshot", "mountSnapshot", "unmountSnapshot"};
   ASSERT_EQ(words.size(), commandTable().size());
   for (std::size_t i = 0; i < words.size(); ++i) EXPECT_EQ(commandTable()[i].word(), words[i]);
 }

@@ -79,11 +79,12 @@ TEST(Records, codeMapsKeyedByACadenceAsFlatArrays) {
 }
 
 TEST(Records, refuseAPolicyWithoutARequiredKeyOrWithAnUnknownCadence) {
-  const std::string good = R"({"enabled":true,"retention":["hourly",2],"enabledCadences":["hourly"],"pruneOnLowSpace":true,
+  const std::string good =
+      R"({"enabled":true,"retention":["hourly",2],"enabledCadences":["hourly"],"pruneOnLowSpace":true,
       "lowSpaceBytes":1,"protectForeignSnapshots":true,"unknown":[1]})";
   EXPECT_EQ(decodeJson<SchedulePolicy>(good).retention.at(SnapshotCadence::hourly), 2);
-  for (const char* key : {"enabled", "retention", "enabledCadences", "pruneOnLowSpace", "lowSpaceBytes",
-                          "protectForeignSnapshots"}) {
+  for (const char* key :
+       {"enabled", "retention", "enabledCadences", "pruneOnLowSpace", "lowSpaceBytes", "protectForeignSnapshots"}) {
     std::string text = good;
     text.replace(text.find("\"" + std::string(key) + "\""), 2, "\"_");
     EXPECT_THAT(complaintOf<SchedulePolicy>(text), HasSubstr("lacks the key \"" + std::string(key) + "\""));
@@ -118,8 +119,8 @@ TEST(Errors, mapEveryNumberOutsideTheTableToInternalError) {
 
 TEST(Errors, countAsCompletedOnlyWithDomainCodeAndMark) {
   EXPECT_TRUE(QuillmarkError::isOperationCompleted(QuillmarkError::operationCompleted("done")));
-  EXPECT_FALSE(
-      QuillmarkError::isOperationCompleted(QuillmarkError::make(QuillmarkErrorCode::auditPersistenceFailed, "no mark")));
+  EXPECT_FALSE(QuillmarkError::isOperationCompleted(
+      QuillmarkError::make(QuillmarkErrorCode::auditPersistenceFailed, "no mark")));
   const RpcIncoming marked = decodeIncoming(
       R"({"id":1,"result":{"error":{"domain":"com.harrowfern.quillmark.Error","code":1061,"userInfo":{"QuillmarkOperationCompleted":false}}}})");
   EXPECT_FALSE(QuillmarkError::isOperationCompleted(*marked.reply.error));

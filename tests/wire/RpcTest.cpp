@@ -1,11 +1,10 @@
-#include "wire/Rpc.h"
-
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include "wire/Commands.h"
 #include "wire/JsonText.h"
 #include "wire/QuillmarkError.h"
+#include "wire/Rpc.h"
 
 namespace quillmark {
 namespace {
@@ -41,12 +40,13 @@ TEST(Rpc, tellsEachKindOfMalformedCallByItsCode) {
   for (const char* line : {"", "{", "nonsense", "{\"a\":1}trailing", "\xFF\xFE", "[1,2", "{\"id\":1e999}"}) {
     EXPECT_EQ(faultOf(line), RpcFault::parseError) << line;
   }
-  for (const char* line : {"[]", "1", "\"x\"", "{}", R"({"jsonrpc":"1.0","id":1,"method":"x"})", R"({"jsonrpc":"2.0","id":{}})",
-                           R"({"jsonrpc":"2.0","id":1,"method":5})"}) {
+  for (const char* line : {"[]", "1", "\"x\"", "{}", R"({"jsonrpc":"1.0","id":1,"method":"x"})",
+                           R"({"jsonrpc":"2.0","id":{}})", R"({"jsonrpc":"2.0","id":1,"method":5})"}) {
     EXPECT_EQ(faultOf(line), RpcFault::invalidRequest) << line;
   }
   EXPECT_EQ(faultOf(call("noSuchCommand:reply:", "[]")), RpcFault::methodNotFound);
-  for (const char* params : {"[]", "[\"u\"]", "[\"u\",\"l\",\"x\"]", "[1,\"l\"]", "[\"u\",null]", "{\"volumeUUID\":\"u\"}"}) {
+  for (const char* params :
+       {"[]", "[\"u\"]", "[\"u\",\"l\",\"x\"]", "[1,\"l\"]", "[\"u\",null]", "{\"volumeUUID\":\"u\"}"}) {
     EXPECT_EQ(faultOf(call(create, params)), RpcFault::invalidParams) << params;
   }
 }

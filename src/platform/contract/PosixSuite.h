@@ -1,10 +1,10 @@
 // What every Posix does. A backend gives posix() and directory(), an empty directory of its own.
 #pragma once
 
+#include <gtest/gtest.h>
+
 #include <cerrno>
 #include <set>
-
-#include <gtest/gtest.h>
 
 #include "platform/posix.h"
 

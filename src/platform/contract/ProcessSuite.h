@@ -10,12 +10,12 @@
 namespace quillmark::contract {
 
 enum class TestProgram {
-  talksAndFails,  // "out" and "err" on its streams, exit status 3
-  copiesInput,    // to its output, until the end of it
-  runsOn,         // until it is told to end
+  talksAndFails,     // "out" and "err" on its streams, exit status 3
+  copiesInput,       // to its output, until the end of it
+  runsOn,            // until it is told to end
   ignoresTerminate,  // says "r" when it does
-  leavesAChild,  // ends at once with status 0, while its child keeps the streams open
-  talksMuch,     // 1,000,000 bytes
+  leavesAChild,      // ends at once with status 0, while its child keeps the streams open
+  talksMuch,         // 1,000,000 bytes
   doesNotExist,
 };
 

@@ -36,6 +36,14 @@ SysResult<UniqueFd> mountFrom(const std::string& device, btrfs::SubvolumeId id, 
   return mount;
 }
 
+// EROFS when no mount of a user's holds the superblock writable.
+SysStatus requireUserMount(DeviceNumber device) {
+  const auto table = MountTable::read();
+  if (!table) return Errno{table.error()};
+  if (!table->writableMount(device)) return Errno{EROFS};
+  return {};
+}
+
 SysResult<UniqueFd> mountFromAny(const FileSystemSource& source, btrfs::SubvolumeId id, PrivateMount::Access access) {
   int error = ENODEV;
   for (const std::string& member : source.members) {
@@ -50,6 +58,7 @@ SysResult<UniqueFd> mountFromAny(const FileSystemSource& source, btrfs::Subvolum
 }  // namespace
 
 SysResult<UniqueFd> openMount(const MountEntry& entry) {
+  if (!entry.isReachable) return Errno{EHOSTDOWN};
   // The path handle asks nothing of what it leads to, and its mount id tells whether that is what the table promised.
   const UniqueFd handle(::open(nameBytes(entry.mountPoint).c_str(), O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
   if (!handle.valid()) return Errno{errno};
@@ -93,13 +102,10 @@ SysResult<PrivateMount> PrivateMount::open(const FileSystemSource& source, btrfs
 
 SysResult<PrivateMount> PrivateMount::openTopLevel(const FileSystemSource& source) {
   // Asked before, so that we are never the first to mount; and after, for a user who unmounted meanwhile.
-  const auto userMounted = [&] {
-    const auto table = MountTable::read();
-    return table && table->writableMount(source.device) != nullptr;
-  };
-  if (!userMounted()) return Errno{EROFS};
+  if (const SysStatus before = requireUserMount(source.device); !before) return Errno{before.error()};
   auto mount = open(source, btrfs::topLevelId, Access::readWrite);
-  if (mount && !userMounted()) return Errno{EROFS};
+  if (!mount) return mount;
+  if (const SysStatus after = requireUserMount(source.device); !after) return Errno{after.error()};
   return mount;
 }
 

@@ -16,7 +16,7 @@
 namespace quillmark::os {
 
 // Opens the root directory of a visible mount for reading. ESTALE when something else has come to lie on its mount
-// point since the table was read: nothing of that is opened.
+// point since the table was read: nothing of that is opened. EHOSTDOWN, and nothing touched, for one that isn't reachable.
 [[nodiscard]] SysResult<UniqueFd> openMount(const MountEntry& entry);
 
 // A mounted subvolume, opened through the user's mount and asked for its identity.

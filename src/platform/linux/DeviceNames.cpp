@@ -125,7 +125,7 @@ class DeviceNames::File final {
   }
 
   // Puts the new content on disk. False when it may not be there.
-  bool store(json::value content) {
+  bool store(const json::value& content) {
     const std::string temporary = path_ + ".new";
     if (makeDirectory() && write(temporary, json::serialize(content) + "\n") && rename(temporary) && syncDirectory()) {
       problem_.reset();
@@ -326,7 +326,7 @@ std::optional<std::string> nameIn(File& file, const Uuid& fileSystem, const Uuid
   json::value changed = file.content();
   give(changed.get_object(), fileSystem, volume);
   const auto numbers = numbersOf(changed.get_object(), fileSystem, volume);
-  if (!file.store(std::move(changed))) return std::nullopt;
+  if (!file.store(changed)) return std::nullopt;
   return nameOf(*numbers);
 }
 

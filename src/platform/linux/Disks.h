@@ -18,10 +18,12 @@ class LinuxDisks final : public Disks {
  public:
   explicit LinuxDisks(DeviceNames& names, std::string sysfs = "/sys");
 
-  bool startSession() override { return true; }
+  // False while the mount table can't be read, as when descriptors have run out.
+  bool startSession() override { return MountTable::read().ok(); }
   // Volumes that are ours to serve alone.
   std::optional<std::vector<std::string>> mountedVolumePaths() override;
-  // Of any mount, given its mount point; of other kinds than ours only what the mount table tells.
+  // Of any mount, given its mount point; of other kinds than ours, and of one that isn't reachable, only what the mount
+  // table tells.
   std::optional<DiskDescription> describe(const std::string& volumePath) override;
   std::optional<std::vector<std::string>> registryClasses(const std::string& bsdName) override;
   // Those of the mounted volumes, and of their file systems.

@@ -6,7 +6,6 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <array>
 #include <cerrno>
 #include <climits>
 #include <deque>
@@ -21,12 +20,7 @@ namespace {
 
 constexpr int linkLimit = 40;
 
-bool answersAlways(const MountEntry* entry) {
-  static constexpr std::array<std::string_view, 14> kinds = {"btrfs", "ext2",   "ext3",     "ext4",     "xfs",
-                                                             "f2fs",  "vfat",   "exfat",    "bcachefs", "tmpfs",
-                                                             "ramfs", "rootfs", "devtmpfs", "overlay"};
-  return entry && std::find(kinds.begin(), kinds.end(), entry->type) != kinds.end();
-}
+bool answersAlways(const MountEntry* entry) { return entry && entry->answersAlways(); }
 
 void pushFront(std::deque<std::string>& pending, const std::string& path) {
   std::deque<std::string> parts;
@@ -74,6 +68,17 @@ std::string snapshotSource(const MountEntry& entry, const MountedSubvolume& moun
   if (subvolume.parentUuid.isNil() && name.starts_with(':')) return {};
   const auto device = names.givenVolume({mounted.fsid, volume});
   return device ? name + "@/dev/" + *device : std::string();
+}
+
+// Nothing but its mount is left of a snapshot that was deleted behind our back; it must look like one all the same, or
+// nobody could unmount it through us.
+bool isLeftOver(const MountEntry& entry) {
+  return entry.isDeletedSubvolume() && (entry.readOnly || entry.superReadOnly);
+}
+
+std::string leftOverSource(const MountEntry& entry) {
+  const std::string device = entry.source.starts_with("/dev/") ? entry.source : "/dev/" + entry.source;
+  return "deleted-" + std::to_string(*entry.subvolumeId) + "@" + device;
 }
 
 void addBlocks(int fd, FileSystemStatus& status) {
@@ -133,9 +138,9 @@ SysResult<FileSystemStatus> fileSystemStatus(const std::string& path, DeviceName
   if (!entry) return Errno{ENOENT};
   FileSystemStatus status;
   status.flags = flagsOf(*entry);
-  status.fstypename = entry->isWholeSubvolume() ? "apfs" : entry->type;
+  status.fstypename = entry->isWholeSubvolume() || isLeftOver(*entry) ? "apfs" : entry->type;
   status.mntonname = entry->mountPoint;
-  status.mntfromname = entry->source;
+  status.mntfromname = isLeftOver(*entry) ? leftOverSource(*entry) : entry->source;
   if (entry->isBtrfs()) addWhatBtrfsTells(*entry, names, status);
   return status;
 }

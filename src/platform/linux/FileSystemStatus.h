@@ -17,7 +17,8 @@ namespace quillmark::os {
 // and believed to exist. ENOENT, ENOTDIR, ELOOP.
 [[nodiscard]] SysResult<std::string> resolvedPath(const MountTable& table, const std::string& path);
 
-// Block counts are told of btrfs alone, the one kind that is asked.
+// Block counts are told of btrfs alone, the one kind that is asked. The source of a mounted snapshot is
+// "<name>@/dev/<volume>"; of one that is deleted by now "deleted-<subvolume id>@/dev/<device>".
 [[nodiscard]] SysResult<FileSystemStatus> fileSystemStatus(const std::string& path, DeviceNames& names);
 
 }  // namespace quillmark::os

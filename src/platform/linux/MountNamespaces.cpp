@@ -7,9 +7,10 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <functional>
 #include <memory>
-#include <string>
-#include <unordered_set>
+#include <set>
+#include <utility>
 
 #include "base/UniqueFd.h"
 
@@ -25,46 +26,129 @@ ino_t mountNamespace(const std::string& process) {
   return ::stat((process + "/ns/mnt").c_str(), &status) == 0 ? status.st_ino : 0;
 }
 
-SysResult<std::string> readAll(const std::string& path) {
-  const UniqueFd file(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
-  if (!file.valid()) return Errno{errno};
-  std::string text;
-  char buffer[65536];
-  for (ssize_t count; (count = ::read(file.get(), buffer, sizeof buffer)) != 0;) {
-    if (count < 0 && errno != EINTR) return Errno{errno};
-    if (count > 0) text.append(buffer, static_cast<std::size_t>(count));
-  }
-  return text;
-}
-
 bool isProcess(const char* name) {
   return *name &&
          std::all_of(name, name + std::char_traits<char>::length(name), [](char c) { return c >= '0' && c <= '9'; });
 }
 
+class NamespaceScan final {
+ public:
+  NamespaceScan(DeviceNumber device, btrfs::SubvolumeId subvolume, Clock& clock, const NamespaceLimits& limits)
+      : search_(device, subvolume), clock_(clock), deadline_(after(clock.monotonic(), limits.time)),
+        bytesLeft_(limits.bytes) {}
+
+  [[nodiscard]] bool found() const { return search_.found(); }
+
+  SysStatus readTableOf(const std::string& process) {
+    const UniqueFd file(::open((process + "/mountinfo").c_str(), O_RDONLY | O_CLOEXEC));
+    if (!file.valid()) return Errno{errno};
+    search_.restart();
+    auto piece = readPiece(file.get());
+    if (!piece) return Errno{piece.error()};
+    const View view(mountNamespace(process), std::hash<std::string_view>()(*piece));
+    if (view.first != 0 && seen_.contains(view)) return {};
+    while (!piece->empty()) {
+      search_.feed(*piece);
+      if (found()) return {};
+      piece = readPiece(file.get());
+      if (!piece) return Errno{piece.error()};
+    }
+    seen_.insert(view);
+    return {};
+  }
+
+ private:
+  // A process sees what is mounted below its own root, by paths from there: the same namespace with the same ids at the
+  // same paths is one view. Asking the root itself who it is could wait for a dead file server. The beginning, which
+  // the kernel cuts at a page or a line longer than that, stands for the whole.
+  using View = std::pair<ino_t, std::size_t>;
+
+  SysResult<std::string_view> readPiece(int file) {
+    for (;;) {
+      if (bytesLeft_ == 0 || clock_.monotonic() >= deadline_) return Errno{EBUSY};
+      const ssize_t count = ::read(file, buffer_, std::min<std::uint64_t>(sizeof buffer_, bytesLeft_));
+      if (count < 0 && errno != EINTR) return Errno{errno};
+      if (count < 0) continue;
+      bytesLeft_ -= static_cast<std::uint64_t>(count);
+      return std::string_view(buffer_, static_cast<std::size_t>(count));
+    }
+  }
+
+  SubvolumeSearch search_;
+  Clock& clock_;
+  const MonotonicTime deadline_;
+  std::uint64_t bytesLeft_;
+  std::set<View> seen_;
+  char buffer_[65536];
+};
+
 }  // namespace
 
-SysResult<bool> isMountedAnywhere(DeviceNumber device, btrfs::SubvolumeId subvolume) {
-  const auto own = MountTable::read();
-  if (!own) return Errno{own.error()};
-  if (own->isMounted(device, subvolume)) return true;
+SubvolumeSearch::SubvolumeSearch(DeviceNumber device, btrfs::SubvolumeId subvolume)
+    : device_(std::to_string(device.major) + ":" + std::to_string(device.minor)),
+      subvolume_("subvolid=" + std::to_string(subvolume)) {}
+
+void SubvolumeSearch::restart() { endLine(); }
+
+void SubvolumeSearch::feed(std::string_view piece) {
+  while (!piece.empty() && !found_) {
+    std::size_t end = 0;
+    if (field_ == Field::restOfLine) {
+      end = std::min(piece.find('\n'), piece.size());
+    } else {
+      const char separator = field_ == Field::superOptions ? ',' : ' ';
+      while (end < piece.size() && piece[end] != separator && piece[end] != '\n') ++end;
+      append(piece.substr(0, end));
+    }
+    if (end == piece.size()) return;
+    endToken();
+    if (piece[end] == '\n') endLine();
+    piece.remove_prefix(end + 1);
+  }
+}
+
+void SubvolumeSearch::append(std::string_view part) {
+  tokenSize_ += part.copy(token_ + tokenSize_, sizeof token_ - tokenSize_);
+}
+
+void SubvolumeSearch::endToken() {
+  switch (field_) {
+    case Field::id: field_ = Field::parent; break;
+    case Field::parent: field_ = Field::device; break;
+    case Field::device: field_ = token() == device_ ? Field::places : Field::restOfLine; break;
+    case Field::places:
+      if (token() == "-") field_ = Field::type;
+      break;
+    case Field::type: field_ = Field::source; break;
+    case Field::source: field_ = Field::superOptions; break;
+    case Field::superOptions:
+      // The first one is the kernel's; the subvolume's name, which comes last, may hold commas and another.
+      found_ = token() == subvolume_;
+      if (token().starts_with("subvolid=")) field_ = Field::restOfLine;
+      break;
+    case Field::restOfLine: break;
+  }
+  tokenSize_ = 0;
+}
+
+void SubvolumeSearch::endLine() {
+  field_ = Field::id;
+  tokenSize_ = 0;
+}
+
+SysResult<bool> isMountedAnywhere(DeviceNumber device, btrfs::SubvolumeId subvolume, Clock& clock,
+                                  const NamespaceLimits& limits) {
   struct Close {
     void operator()(DIR* directory) const { ::closedir(directory); }
   };
   const std::unique_ptr<DIR, Close> processes(::opendir("/proc"));
   if (!processes) return Errno{errno};
-  std::unordered_set<ino_t> seen;
-  if (const ino_t ownNamespace = mountNamespace("/proc/self")) seen.insert(ownNamespace);
+  const auto scan = std::make_unique<NamespaceScan>(device, subvolume, clock, limits);
   while (const dirent* entry = ::readdir(processes.get())) {
     if (!isProcess(entry->d_name)) continue;
-    const std::string process = std::string("/proc/") + entry->d_name;
-    const ino_t nameSpace = mountNamespace(process);
-    if (nameSpace != 0 && seen.contains(nameSpace)) continue;
-    const auto text = readAll(process + "/mountinfo");
-    if (!text && !isGone(text.error())) return Errno{text.error()};
-    if (!text) continue;  // another process of that namespace may still tell
-    if (nameSpace != 0) seen.insert(nameSpace);
-    if (MountTable::parse(*text).isMounted(device, subvolume)) return true;
+    const SysStatus status = scan->readTableOf(std::string("/proc/") + entry->d_name);
+    if (!status && !isGone(status.error())) return Errno{status.error()};
+    if (scan->found()) return true;
   }
   return false;
 }

@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <cerrno>
 #include <charconv>
 #include <set>
@@ -88,6 +89,14 @@ std::optional<MountEntry> parseLine(std::string_view line) {
 
 }  // namespace
 
+bool MountEntry::answersAlways() const {
+  static constexpr std::array<std::string_view, 30> kinds = {
+      "btrfs", "ext2",   "ext3",  "ext4",     "xfs",    "f2fs",     "vfat",     "msdos",     "exfat", "bcachefs",
+      "zfs",   "jfs",    "ntfs3", "reiserfs", "nilfs2", "hfs",      "hfsplus",  "udf",       "ubifs", "iso9660",
+      "erofs", "cramfs", "tmpfs", "ramfs",    "rootfs", "squashfs", "devtmpfs", "hugetlbfs", "sysfs", "overlay"};
+  return mountPoint == "/" || std::find(kinds.begin(), kinds.end(), type) != kinds.end();
+}
+
 MountTable MountTable::parse(std::string_view text) {
   MountTable table;
   while (!text.empty()) {
@@ -121,6 +130,18 @@ void MountTable::index() {
   std::stable_sort(children_.begin(), children_.end(), [&](const Child& a, const Child& b) {
     return std::tie(a.parent, entries_[a.entry].mountPoint) < std::tie(b.parent, entries_[b.entry].mountPoint);
   });
+  for (MountEntry& entry : entries_) {
+    if (entry.isBtrfs()) entry.isReachable = isWayOpen(entry);
+  }
+}
+
+bool MountTable::isWayOpen(const MountEntry& entry) const {
+  const std::string_view path = entry.mountPoint;
+  for (std::size_t end = path.find('/', 1); end != path.npos; end = path.find('/', end + 1)) {
+    const MountEntry* held = holder(path.substr(0, end));
+    if (held && !held->answersAlways()) return false;
+  }
+  return true;
 }
 
 const MountEntry* MountTable::child(std::uint64_t parent, std::string_view mountPoint) const {

@@ -38,11 +38,22 @@ struct MountEntry {
   std::optional<std::uint64_t> subvolumeId;  // btrfs only
   std::optional<std::string> subvolume;      // its path at the top level; absent once it is deleted
 
+  // False when a directory on the way to the mount point lies on a mount that may never answer: a look-up could hang.
+  bool isReachable = true;
+
   [[nodiscard]] bool isBtrfs() const { return type == "btrfs"; }
+  // Of a kind that lives on this machine's own disks and memory; a network's, FUSE and automounters wait for others. The
+  // root is trusted whatever it is: nothing runs on a machine whose root is dead.
+  [[nodiscard]] bool answersAlways() const;
   // A subvolume from its root: a bind of a folder within one isn't.
   [[nodiscard]] bool isWholeSubvolume() const { return isBtrfs() && subvolumeId && subvolume && root == *subvolume; }
-  // What is ours to serve.
-  [[nodiscard]] bool isVolume() const { return isWholeSubvolume() && !readOnly && !superReadOnly; }
+  // A subvolume that was deleted while it was mounted; no path names it any more.
+  [[nodiscard]] bool isDeletedSubvolume() const {
+    return isBtrfs() && subvolumeId && !subvolume && root.ends_with("//deleted");
+  }
+  // What is ours to serve. Below a mount that may never answer nothing is, or one dead server would stop the service
+  // for all volumes.
+  [[nodiscard]] bool isVolume() const { return isWholeSubvolume() && !readOnly && !superReadOnly && isReachable; }
 };
 
 class MountTable final {
@@ -60,7 +71,7 @@ class MountTable final {
   [[nodiscard]] bool isVisible(const MountEntry& entry) const { return holder(entry.mountPoint) == &entry; }
   // The visible mount whose mount point is exactly this path.
   [[nodiscard]] const MountEntry* at(std::string_view mountPoint) const;
-  // The first visible mount of each volume.
+  // The first visible and reachable mount of each volume.
   [[nodiscard]] std::vector<const MountEntry*> volumes() const;
   // A mount through which a user writes to the file system, wherever it is; null when none is left. Mounted snapshots
   // aren't among them.
@@ -73,6 +84,7 @@ class MountTable final {
   void index();
   [[nodiscard]] const MountEntry* child(std::uint64_t parent, std::string_view mountPoint) const;
   [[nodiscard]] const MountEntry* topmost(const MountEntry* below, std::string_view path) const;
+  [[nodiscard]] bool isWayOpen(const MountEntry& entry) const;
 
   struct Child {
     std::uint64_t parent;

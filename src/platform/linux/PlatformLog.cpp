@@ -1,13 +1,13 @@
 #include "platform/linux/PlatformLog.h"
 
-#include <cerrno>
-#include <cstdint>
-#include <cstring>
-
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <syslog.h>
 #include <unistd.h>
+
+#include <cerrno>
+#include <cstdint>
+#include <cstring>
 
 namespace quillmark::os {
 namespace {
@@ -17,14 +17,10 @@ constexpr std::string_view programName = "quillmark-helper";
 
 int priorityOf(PlatformLogType type) {
   switch (type) {
-    case PlatformLogType::info:
-      return LOG_INFO;
-    case PlatformLogType::normal:
-      return LOG_NOTICE;
-    case PlatformLogType::error:
-      return LOG_ERR;
-    case PlatformLogType::fault:
-      return LOG_CRIT;
+    case PlatformLogType::info: return LOG_INFO;
+    case PlatformLogType::normal: return LOG_NOTICE;
+    case PlatformLogType::error: return LOG_ERR;
+    case PlatformLogType::fault: return LOG_CRIT;
   }
   return LOG_NOTICE;
 }

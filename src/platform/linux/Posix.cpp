@@ -1,13 +1,13 @@
 #include "platform/linux/Posix.h"
 
-#include <cerrno>
-#include <memory>
-
 #include <dirent.h>
 #include <fcntl.h>
 #include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
+
+#include <cerrno>
+#include <memory>
 
 #include "platform/NameText.h"
 
@@ -95,9 +95,7 @@ SysResult<int> LinuxPosix::open(const std::string& path, OpenFlags flags) {
   return fd;
 }
 
-void LinuxPosix::close(int fd) {
-  ::close(fd);
-}
+void LinuxPosix::close(int fd) { ::close(fd); }
 
 SysResult<std::size_t> LinuxPosix::read(int fd, std::span<std::byte> into) {
   const ssize_t count = ::read(fd, into.data(), into.size());

@@ -1,13 +1,13 @@
 #include "platform/linux/ProcessWatcher.h"
 
-#include <array>
-#include <cerrno>
-
 #include <sys/epoll.h>
 #include <sys/eventfd.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
+
+#include <array>
+#include <cerrno>
 
 namespace quillmark::os {
 namespace {
@@ -48,11 +48,8 @@ Work WatchedProcess::reap() {
 }
 
 ProcessWatcher::ProcessWatcher(Dispatch& dispatch)
-    : epoll_(::epoll_create1(EPOLL_CLOEXEC)),
-      wake_(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)),
-      callbacks_(dispatch.global(QualityOfService::userInitiated)),
-      dispatch_(dispatch),
-      mutex_(dispatch) {}
+    : epoll_(::epoll_create1(EPOLL_CLOEXEC)), wake_(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)),
+      callbacks_(dispatch.global(QualityOfService::userInitiated)), dispatch_(dispatch), mutex_(dispatch) {}
 
 int ProcessWatcher::prepare() {
   if (!epoll_.valid() || !wake_.valid()) return EMFILE;

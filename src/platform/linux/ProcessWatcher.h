@@ -2,11 +2,11 @@
 // Threads:   thread-safe. The thread starts with the first child, and ends with stop() once no child is left.
 #pragma once
 
+#include <sys/types.h>
+
 #include <map>
 #include <memory>
 #include <optional>
-
-#include <sys/types.h>
 
 #include "base/UniqueFd.h"
 #include "platform/dispatch.h"

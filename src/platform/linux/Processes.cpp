@@ -1,10 +1,5 @@
 #include "platform/linux/Processes.h"
 
-#include <cerrno>
-#include <csignal>
-#include <cstdlib>
-#include <vector>
-
 #include <fcntl.h>
 #include <poll.h>
 #include <spawn.h>
@@ -12,6 +7,11 @@
 #include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
+
+#include <cerrno>
+#include <csignal>
+#include <cstdlib>
+#include <vector>
 
 #include "base/Error.h"
 #include "platform/NameText.h"
@@ -166,12 +166,8 @@ class SpawnPlan final {
 class LinuxChildProcess final : public ChildProcess {
  public:
   LinuxChildProcess(Dispatch& dispatch, std::shared_ptr<ProcessWatcher> watcher, ProcessRequest request)
-      : dispatch_(dispatch),
-        watcher_(std::move(watcher)),
-        request_(std::move(request)),
-        output_(dispatch),
-        errors_(dispatch),
-        input_(dispatch) {
+      : dispatch_(dispatch), watcher_(std::move(watcher)), request_(std::move(request)), output_(dispatch),
+        errors_(dispatch), input_(dispatch) {
     preparation_ = makePipes();
   }
   ~LinuxChildProcess() override {
@@ -267,7 +263,7 @@ class LinuxChildProcess final : public ChildProcess {
     return error;
   }
 
-  SysResult<std::size_t> read(PipeEnd& end, std::span<std::byte> into) {
+  SysResult<std::size_t> read(PipeEnd& end, std::span<std::byte> into) const {
     for (;;) {
       const std::shared_ptr<UniqueFd> fd = end.use();
       if (!fd && preparation_ != 0) return std::size_t{0};
@@ -293,9 +289,7 @@ class LinuxChildProcess final : public ChildProcess {
 LinuxProcesses::LinuxProcesses(Dispatch& dispatch)
     : dispatch_(dispatch), watcher_(std::make_shared<ProcessWatcher>(dispatch)) {}
 
-LinuxProcesses::~LinuxProcesses() {
-  watcher_->stop();
-}
+LinuxProcesses::~LinuxProcesses() { watcher_->stop(); }
 
 std::unique_ptr<ChildProcess> LinuxProcesses::prepare(ProcessRequest request) {
   return std::make_unique<LinuxChildProcess>(dispatch_, watcher_, std::move(request));

@@ -1,8 +1,8 @@
 #include "platform/linux/Random.h"
 
-#include <cstdlib>
-
 #include <sys/random.h>
+
+#include <cstdlib>
 
 namespace quillmark::os {
 

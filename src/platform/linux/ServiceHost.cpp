@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <fmt/format.h>
 #include <sys/file.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/utsname.h>
 #include <systemd/sd-daemon.h>
@@ -43,7 +44,8 @@ void requireHost() {
     throw refusal("The helper can't tell which kernel it runs on.");
   }
   if (major < leastMajor || (major == leastMajor && minor < leastMinor)) {
-    throw refusal(fmt::format("The helper needs Linux {}.{} or newer; this is {}.", leastMajor, leastMinor, host.release));
+    throw refusal(
+        fmt::format("The helper needs Linux {}.{} or newer; this is {}.", leastMajor, leastMinor, host.release));
   }
 }
 
@@ -60,7 +62,8 @@ std::optional<UniqueFd> lockInstance(const std::string& directory) {
 
 bool sendStandardErrorTo(const std::string& file) {
   if (::isatty(STDERR_FILENO)) return false;
-  struct stat current {}, wanted {};
+  struct stat current {
+  }, wanted{};
   const bool hasFile = ::stat(file.c_str(), &wanted) == 0;
   if (hasFile && ::fstat(STDERR_FILENO, &current) == 0 && current.st_dev == wanted.st_dev &&
       current.st_ino == wanted.st_ino) {
@@ -72,8 +75,13 @@ bool sendStandardErrorTo(const std::string& file) {
 }
 
 std::optional<UniqueFd> activatedSocket() {
-  if (::sd_listen_fds(1) != 1) return std::nullopt;
-  return UniqueFd(SD_LISTEN_FDS_START);
+  if (::sd_listen_fds(1) != 1) return std::nullopt;  // makes them close-on-exec
+  UniqueFd socket(SD_LISTEN_FDS_START);
+  if (::sd_is_socket_unix(socket.get(), SOCK_STREAM, 1, nullptr, 0) <= 0) return std::nullopt;
+  // A blocking one would hold the loop that accepts until somebody else connects.
+  const int flags = ::fcntl(socket.get(), F_GETFL);
+  if (flags < 0 || ::fcntl(socket.get(), F_SETFL, flags | O_NONBLOCK) != 0) return std::nullopt;
+  return socket;
 }
 
 void prepareSignals() {

@@ -21,7 +21,8 @@ void requireHost();
 // so that it is ours to rotate.
 [[nodiscard]] bool sendStandardErrorTo(const std::string& file);
 
-// The listening socket that the service manager passed, if any (sd_listen_fds(3)).
+// The listening socket that the service manager passed, if any (sd_listen_fds(3)), made non-blocking. What is no
+// listening stream socket of the unix family is closed and counts as none.
 [[nodiscard]] std::optional<UniqueFd> activatedSocket();
 
 // Signals that ask to quit reach only waitForQuitSignal(), SIGPIPE nobody. Call before any thread starts.

@@ -61,9 +61,9 @@ int destroyError(int topLevel, const ListedSnapshot& snapshot, int error) {
 // forbids it is asked here, on one mount, which keeps ids from being given anew.
 SysStatus destroyChecked(int topLevel, DeviceNumber device, const VolumeIdentity& volume,
                          const ListedSnapshot& snapshot) {
-  const auto isMounted = isMountedAnywhere(device, snapshot.subvolume.id);
-  if (!isMounted) return Errno{isMounted.error()};
-  if (*isMounted) return Errno{EBUSY};
+  const auto table = MountTable::read();
+  if (!table) return Errno{table.error()};
+  if (table->isMounted(device, snapshot.subvolume.id)) return Errno{EBUSY};
   const auto now = btrfs::findSubvolume(topLevel, snapshot.subvolume.id);
   if (!now) return Errno{now.error()};
   const bool isAsListed =
@@ -137,6 +137,10 @@ SysStatus LinuxSnapshotCalls::fs_snapshot_delete(OpenVolume& volume, const std::
   const auto snapshot = findByName(topLevel->root(), opened.identity(), name);
   if (!snapshot) return Errno{snapshot.error()};
   if (snapshot->xid != meant) return Errno{ENOENT};
+  // Other namespaces' tables are their owners' to fill, and may take long; what we mount ourselves is asked again.
+  const auto isMounted = isMountedAnywhere(source->device, snapshot->subvolume.id, dispatch_.clock());
+  if (!isMounted) return Errno{isMounted.error()};
+  if (*isMounted) return Errno{EBUSY};
   MutexLock lock(mounting_);
   const SysStatus destroyed = destroyChecked(topLevel->root(), source->device, opened.identity(), *snapshot);
   if (destroyed) reclaimer_.add(*source, snapshot->subvolume);

@@ -9,7 +9,8 @@
 namespace quillmark::os {
 
 // Opens it, made if it is missing, below an open top level. EPERM unless it and the directory above it are what we would
-// have made: plain directories of the top level, owner 0, mode 0700. Follows no link.
+// have made: plain directories of the top level, owner 0, mode 0700. A set-group-id bit, as a directory inherits it, is taken away.
+// Follows no link.
 [[nodiscard]] SysResult<UniqueFd> openPlace(int topLevel, const Uuid& volume);
 
 }  // namespace quillmark::os

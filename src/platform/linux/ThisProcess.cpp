@@ -1,37 +1,25 @@
 #include "platform/linux/ThisProcess.h"
 
-#include <cerrno>
-#include <limits>
-
 #include <sys/resource.h>
 #include <unistd.h>
+
+#include <cerrno>
+#include <limits>
 
 namespace quillmark::os {
 namespace {
 
 constexpr std::uint64_t unlimited = std::numeric_limits<std::uint64_t>::max();
 
-std::uint64_t fromLimit(rlim_t limit) {
-  return limit == RLIM_INFINITY ? unlimited : limit;
-}
-rlim_t toLimit(std::uint64_t limit) {
-  return limit == unlimited ? RLIM_INFINITY : limit;
-}
+std::uint64_t fromLimit(rlim_t limit) { return limit == RLIM_INFINITY ? unlimited : limit; }
+rlim_t toLimit(std::uint64_t limit) { return limit == unlimited ? RLIM_INFINITY : limit; }
 
 }  // namespace
 
-int LinuxThisProcess::pid() {
-  return ::getpid();
-}
-std::uint32_t LinuxThisProcess::uid() {
-  return ::getuid();
-}
-std::uint32_t LinuxThisProcess::effectiveUid() {
-  return ::geteuid();
-}
-std::uint32_t LinuxThisProcess::gid() {
-  return ::getgid();
-}
+int LinuxThisProcess::pid() { return ::getpid(); }
+std::uint32_t LinuxThisProcess::uid() { return ::getuid(); }
+std::uint32_t LinuxThisProcess::effectiveUid() { return ::geteuid(); }
+std::uint32_t LinuxThisProcess::gid() { return ::getgid(); }
 
 SysResult<DescriptorLimit> LinuxThisProcess::descriptorLimit() {
   rlimit limit;

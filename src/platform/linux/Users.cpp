@@ -1,9 +1,9 @@
 #include "platform/linux/Users.h"
 
+#include <pwd.h>
+
 #include <cerrno>
 #include <vector>
-
-#include <pwd.h>
 
 #include "platform/NameText.h"
 

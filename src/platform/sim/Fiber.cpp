@@ -1,14 +1,14 @@
 #include "platform/sim/Fiber.h"
 
-#include <cerrno>
-#include <cstdlib>
-#include <new>
-#include <utility>
-
 #include <boost/context/detail/fcontext.hpp>
 #include <cxxabi.h>
 #include <sys/mman.h>
 #include <unistd.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <new>
+#include <utility>
 
 #if defined(__SANITIZE_ADDRESS__)
 #define QM_ADDRESS_SANITIZER 1
@@ -29,9 +29,7 @@ namespace {
 
 namespace context = boost::context::detail;
 
-std::size_t pageSize() {
-  return static_cast<std::size_t>(::sysconf(_SC_PAGESIZE));
-}
+std::size_t pageSize() { return static_cast<std::size_t>(::sysconf(_SC_PAGESIZE)); }
 
 #if defined(QM_ADDRESS_SANITIZER)
 void startSwitch(void** fakeStack, const void* bottom, std::size_t size) {
@@ -41,16 +39,12 @@ void finishSwitch(void* fakeStack, const void** bottom, std::size_t* size) {
   __sanitizer_finish_switch_fiber(fakeStack, bottom, size);
 }
 // A suspended stack is nobody's to the leak sanitizer unless it is told.
-void adoptStack(void* stack, std::size_t size) {
-  __lsan_register_root_region(stack, size);
-}
+void adoptStack(void* stack, std::size_t size) { __lsan_register_root_region(stack, size); }
 void disownStack(void* stack, std::size_t size) {
   __lsan_unregister_root_region(stack, size);
   __asan_unpoison_memory_region(stack, size);
 }
-void ignoreLeak(const void* object) {
-  __lsan_ignore_object(object);
-}
+void ignoreLeak(const void* object) { __lsan_ignore_object(object); }
 constexpr bool keepsAbandoned = true;
 #else
 void startSwitch(void**, const void*, std::size_t) {}
@@ -116,8 +110,6 @@ void Fiber::leave() {
   finishSwitch(fakeStack_, &homeStack_, &homeStackSize_);
 }
 
-void loseOnPurpose(const void* object) {
-  ignoreLeak(object);
-}
+void loseOnPurpose(const void* object) { ignoreLeak(object); }
 
 }  // namespace quillmark::sim

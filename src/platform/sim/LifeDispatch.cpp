@@ -6,18 +6,13 @@
 namespace quillmark::sim {
 
 LifeDispatch::LifeDispatch(std::shared_ptr<LifeHost> host)
-    : host_(std::move(host)),
-      globals_{os::makeGlobalQueue(host_, QualityOfService::userInitiated),
-               os::makeGlobalQueue(host_, QualityOfService::utility),
-               os::makeGlobalQueue(host_, QualityOfService::background)} {}
+    : host_(std::move(host)), globals_{os::makeGlobalQueue(host_, QualityOfService::userInitiated),
+                                       os::makeGlobalQueue(host_, QualityOfService::utility),
+                                       os::makeGlobalQueue(host_, QualityOfService::background)} {}
 
-std::unique_ptr<MutexBackend> LifeDispatch::makeMutex() {
-  return makeFiberMutex(host_);
-}
+std::unique_ptr<MutexBackend> LifeDispatch::makeMutex() { return makeFiberMutex(host_); }
 
-std::unique_ptr<ConditionBackend> LifeDispatch::makeCondition() {
-  return makeFiberCondition(host_);
-}
+std::unique_ptr<ConditionBackend> LifeDispatch::makeCondition() { return makeFiberCondition(host_); }
 
 std::shared_ptr<Queue> LifeDispatch::makeQueue(QueueOptions options) {
   return std::make_shared<os::DispatchQueue>(host_, std::move(options));

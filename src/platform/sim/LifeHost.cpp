@@ -37,13 +37,9 @@ os::AlarmId LifeHost::setAlarm(MonotonicTime time, Work work) {
   return isAlive_ ? alarms_.add(time, std::move(work)) : 0;
 }
 
-os::AlarmId LifeHost::setAlarm(Date date, Work work) {
-  return isAlive_ ? alarms_.add(date, std::move(work)) : 0;
-}
+os::AlarmId LifeHost::setAlarm(Date date, Work work) { return isAlive_ ? alarms_.add(date, std::move(work)) : 0; }
 
-void LifeHost::clearAlarm(os::AlarmId alarm) {
-  const Work dropped = alarms_.remove(alarm);
-}
+void LifeHost::clearAlarm(os::AlarmId alarm) { const Work dropped = alarms_.remove(alarm); }
 
 void LifeHost::runEndings() {
   for (auto& ending : std::exchange(endings_, {})) ending();

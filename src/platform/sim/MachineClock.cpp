@@ -1,10 +1,10 @@
 #include "platform/sim/MachineClock.h"
 
-#include <algorithm>
-#include <cmath>
-
 #include <unicode/timezone.h>
 #include <unicode/unistr.h>
+
+#include <algorithm>
+#include <cmath>
 
 namespace quillmark::sim {
 

@@ -13,22 +13,14 @@ thread_local Scheduler* currentScheduler = nullptr;
 }  // namespace
 
 Scheduler::Scheduler(SimulationOptions options)
-    : options_(std::move(options)),
-      outer_(std::exchange(currentScheduler, this)),
-      draws_(options_.seed),
+    : options_(std::move(options)), outer_(std::exchange(currentScheduler, this)), draws_(options_.seed),
       clock_(options_.start, options_.timeZone) {}
 
-Scheduler::~Scheduler() {
-  currentScheduler = outer_;
-}
+Scheduler::~Scheduler() { currentScheduler = outer_; }
 
-Scheduler* Scheduler::current() {
-  return currentScheduler;
-}
+Scheduler* Scheduler::current() { return currentScheduler; }
 
-std::string Scheduler::seedLine() const {
-  return "simulation of seed " + std::to_string(options_.seed) + ": ";
-}
+std::string Scheduler::seedLine() const { return "simulation of seed " + std::to_string(options_.seed) + ": "; }
 
 void Scheduler::requireFiber(const char* operation) const {
   if (!running_) os::dieSaying(seedLine() + operation + " outside a fiber can't wait");

@@ -24,9 +24,7 @@ class SimRun final : public std::enable_shared_from_this<SimRun> {
  public:
   explicit SimRun(Dispatch& dispatch)
       : queue_(dispatch.makeQueue({.label = "simulated program"})),
-        callbacks_(dispatch.global(QualityOfService::userInitiated)),
-        mutex_(dispatch),
-        changed_(dispatch) {}
+        callbacks_(dispatch.global(QualityOfService::userInitiated)), mutex_(dispatch), changed_(dispatch) {}
 
   void onExit(Work callback) {
     MutexLock lock(mutex_);

@@ -1,12 +1,12 @@
 #include "platform/sim/SqliteInSimulation.h"
 
+#include <sqlite3.h>
+
 #include <algorithm>
 #include <array>
 #include <cstring>
 #include <utility>
 #include <vector>
-
-#include <sqlite3.h>
 
 #include "platform/linux/Threads.h"
 #include "platform/sim/LifeHost.h"
@@ -107,9 +107,7 @@ bool isStatic(const SqliteMutex* mutex) {
   return mutex >= staticMutex(firstStatic) && mutex <= staticMutex(firstStatic + static_cast<int>(staticCount) - 1);
 }
 
-SqliteMutex* asOurs(sqlite3_mutex* mutex) {
-  return reinterpret_cast<SqliteMutex*>(mutex);
-}
+SqliteMutex* asOurs(sqlite3_mutex* mutex) { return reinterpret_cast<SqliteMutex*>(mutex); }
 
 sqlite3_mutex* allocateMutex(int kind) {
   if (kind >= firstStatic) return reinterpret_cast<sqlite3_mutex*>(staticMutex(kind));
@@ -136,9 +134,7 @@ constexpr sqlite3_mutex_methods mutexMethods = {
     .xMutexNotheld = nullptr,
 };
 
-sqlite3_vfs* real(sqlite3_vfs* vfs) {
-  return static_cast<sqlite3_vfs*>(vfs->pAppData);
-}
+sqlite3_vfs* real(sqlite3_vfs* vfs) { return static_cast<sqlite3_vfs*>(vfs->pAppData); }
 
 int sleepMicroseconds(sqlite3_vfs* vfs, int microseconds) {
   if (!Scheduler::current()) return real(vfs)->xSleep(real(vfs), microseconds);

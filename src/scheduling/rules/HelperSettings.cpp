@@ -72,15 +72,8 @@ std::vector<std::string> defaultExcludedPathRules() {
 
 std::vector<std::string> defaultExcludedDirectoryNames() {
   return {
-      ".Trash",
-      ".Trashes",
-      ".Spotlight-V100",
-      ".fseventsd",
-      ".DocumentRevisions-V100",
-      ".TemporaryItems",
-      ".MobileBackups",
-      ".dropbox.cache",
-      "node_modules",
+      ".Trash",          ".Trashes",       ".Spotlight-V100", ".fseventsd",   ".DocumentRevisions-V100",
+      ".TemporaryItems", ".MobileBackups", ".dropbox.cache",  "node_modules",
   };
 }
 

@@ -34,8 +34,8 @@ struct Kind {
 
 struct Parsed {
   Kind kind;
-  std::optional<Date> utcTimestamp;   // absent when missing or unreadable
-  std::optional<std::string> label;   // all behind the timestamp; absent when nothing follows it
+  std::optional<Date> utcTimestamp;  // absent when missing or unreadable
+  std::optional<std::string> label;  // all behind the timestamp; absent when nothing follows it
   bool operator==(const Parsed&) const = default;
 };
 
