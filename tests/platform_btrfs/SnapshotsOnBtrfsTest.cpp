@@ -151,7 +151,9 @@ TEST_F(SnapshotsOnBtrfs, APlaceThatIsNotOursIsRefused) {
   for (const char* spoil : {"chmod 0750 P", "chown nobody P", "mv P P.away; btrfs -q subvolume create P; chmod 0700 P",
                             "mv P P.away; ln -s P.away P", "mv P P.away; touch P"}) {
     const auto forPath = [&](std::string command, const std::string& path) {
-      for (std::size_t at; (at = command.find('P')) != command.npos;) command.replace(at, 1, path);
+      for (std::size_t at = command.find('P'); at != command.npos; at = command.find('P', at + path.size())) {
+        command.replace(at, 1, path);
+      }
       machine.shell(command);
     };
     for (const std::string& path : {places, place()}) {
