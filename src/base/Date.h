@@ -6,7 +6,9 @@
 #include <chrono>
 #include <compare>
 #include <cstdint>
+#include <optional>
 #include <string>
+#include <string_view>
 
 namespace quillmark {
 
@@ -35,5 +37,7 @@ class Date final {
 
 // "2026-03-01T09:15:02Z" (RFC 3339, whole seconds, UTC).
 [[nodiscard]] std::string iso8601(Date date);
+// Reads that one form, with every field in its range.
+[[nodiscard]] std::optional<Date> parseIso8601(std::string_view text);
 
 }  // namespace quillmark

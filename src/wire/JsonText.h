@@ -9,14 +9,12 @@
 #include <string_view>
 #include <vector>
 
-#include "base/Date.h"
 #include "base/Error.h"
 
 namespace quillmark {
 
 // "The JSON text is malformed: $.xid is no whole number in range" in the domain of decoding errors.
 [[nodiscard]] Error malformedJson(const std::string& where, const std::string& what);
-[[nodiscard]] std::optional<Date> parseIso8601(std::string_view text);
 
 // A parsed text with the memory it lives in.
 class ParsedJson final {

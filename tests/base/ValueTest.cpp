@@ -35,6 +35,11 @@ TEST(Date, writesUtcWithWholeSeconds) {
   EXPECT_EQ(iso8601(Date::fromReference(0)), "2001-01-01T00:00:00Z");
   EXPECT_EQ(iso8601(Date::from1970(951782399.999)), "2000-02-28T23:59:59Z");
   EXPECT_EQ(iso8601(Date::from1970(-1)), "1969-12-31T23:59:59Z");
+  EXPECT_EQ(parseIso8601("2000-02-28T23:59:59Z"), Date::from1970(951782399));
+  for (const char* text : {"", "2000-02-30T00:00:00Z", "2000-02-28T24:00:00Z", "2000-02-28T23:59:60Z",
+                           "2000-02-28 23:59:59Z", "2000-02-28T23:59:59", "2000-02-28T23:59:59Zx"}) {
+    EXPECT_FALSE(parseIso8601(text)) << text;
+  }
 }
 
 TEST(Error, namesTheCallItsSubjectAndTheReason) {

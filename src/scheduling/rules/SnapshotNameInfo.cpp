@@ -3,8 +3,6 @@
 #include <fmt/format.h>
 
 #include <algorithm>
-#include <charconv>
-#include <chrono>
 #include <vector>
 
 #include "base/Text.h"
@@ -20,24 +18,13 @@ std::string formatTimestamp(Date date) {
 
 // The one form that formatTimestamp writes, with fields in their ranges.
 std::optional<Date> parseTimestamp(std::string_view text) {
-  static constexpr std::string_view shape = "dddd-dd-ddTdd-dd-ddZ";
-  if (text.size() != shape.size()) return std::nullopt;
-  for (std::size_t i = 0; i < shape.size(); ++i) {
-    const bool digit = text[i] >= '0' && text[i] <= '9';
-    if (shape[i] == 'd' ? !digit : text[i] != shape[i]) return std::nullopt;
+  constexpr std::size_t joints[] = {13, 16};
+  std::string iso(text);
+  for (const std::size_t at : joints) {
+    if (iso.size() <= at || iso[at] != '-') return std::nullopt;
+    iso[at] = ':';
   }
-  const auto number = [&](std::size_t at, std::size_t length) {
-    int value = 0;
-    std::from_chars(text.data() + at, text.data() + at + length, value);
-    return value;
-  };
-  const std::chrono::year_month_day day(std::chrono::year(number(0, 4)),
-                                        std::chrono::month(static_cast<unsigned>(number(5, 2))),
-                                        std::chrono::day(static_cast<unsigned>(number(8, 2))));
-  const int hour = number(11, 2), minute = number(14, 2), second = number(17, 2);
-  if (!day.ok() || hour > 23 || minute > 59 || second > 59) return std::nullopt;
-  const double days = static_cast<double>(std::chrono::sys_days(day).time_since_epoch().count());
-  return Date::from1970(days * 86400.0 + hour * 3600 + minute * 60 + second);
+  return parseIso8601(iso);
 }
 
 std::vector<std::string_view> nonEmptyPieces(std::string_view text) {
