@@ -2,7 +2,7 @@
 // so that a fault plan can stand between the logic and the disk.
 // Ownership: descriptors are the caller's; hold them in an OpenFile.
 // Threads:   thread-safe.
-// Errors:    errno, untouched. EINTR reaches the caller of read and write only.
+// Errors:    errno, untouched. EINTR reaches the caller of read, pread and write only.
 #pragma once
 
 #include <cstddef>
@@ -52,6 +52,8 @@ class Posix {
   [[nodiscard]] virtual SysResult<int> open(const std::string& path, OpenFlags flags) = 0;
   virtual void close(int fd) = 0;
   [[nodiscard]] virtual SysResult<std::size_t> read(int fd, std::span<std::byte> into) = 0;
+  // Reads from the offset on and leaves the descriptor's own position alone.
+  [[nodiscard]] virtual SysResult<std::size_t> pread(int fd, std::span<std::byte> into, std::uint64_t offset) = 0;
   // May write less than asked.
   [[nodiscard]] virtual SysResult<std::size_t> write(int fd, std::string_view bytes) = 0;
   [[nodiscard]] virtual SysStatus fsync(int fd) = 0;

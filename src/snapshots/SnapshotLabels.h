@@ -7,6 +7,7 @@
 #include <string>
 
 #include "base/Error.h"
+#include "base/FunctionRef.h"
 #include "base/Xid.h"
 #include "snapshots/VolumeInfo.h"
 
@@ -17,6 +18,10 @@ class SnapshotTags {
   virtual ~SnapshotTags() = default;
   // Throws Error when they can't be read.
   [[nodiscard]] virtual std::map<Xid, std::string> tags(const VolumeInfo& volume) = 0;
+  // An absent tag removes it. `xidOf` is asked under the lock, so that it decides whether the snapshot still exists.
+  // Throws Error and has changed nothing.
+  virtual Xid setTag(const VolumeInfo& volume, const std::optional<std::string>& tag,
+                     FunctionRef<std::optional<Xid>()> xidOf) = 0;
   // Never fails.
   virtual void forgetDeleted(const VolumeInfo& volume, Xid xid) = 0;
 };

@@ -1,10 +1,12 @@
-// SnapshotProtection: which snapshots must not be deleted, as deleters and listings ask it.
+// SnapshotProtection: which snapshots must not be deleted, as deleters, listings and clients ask it.
 // Threads: thread-safe.
 #pragma once
 
 #include <memory>
+#include <optional>
 #include <set>
 
+#include "base/FunctionRef.h"
 #include "base/Xid.h"
 #include "snapshots/VolumeInfo.h"
 
@@ -23,9 +25,13 @@ class ProtectionGuard {
 class SnapshotProtection {
  public:
   virtual ~SnapshotProtection() = default;
-  // Waits for other deleters. Throws Error when the store can't be trusted.
+  // Throws Error while the store can't be trusted.
+  virtual void ensureLoaded() = 0;
+  // Waits for other deleters. Throws Error as ensureLoaded does.
   [[nodiscard]] virtual std::unique_ptr<ProtectionGuard> lock() = 0;
   [[nodiscard]] virtual std::set<Xid> protectedXIDs(const VolumeInfo& volume) = 0;
+  // True when anything changed. `xidOf` is asked under the lock, so that it decides whether the snapshot still exists.
+  virtual bool setProtected(const VolumeInfo& volume, bool isProtected, FunctionRef<std::optional<Xid>()> xidOf) = 0;
 };
 
 }  // namespace quillmark

@@ -53,7 +53,8 @@ struct CommandSpec {
   bool drains;  // refused while the service is about to quit
   CommandProtocols protocols;
   // Template of the line logged on entry: {name} is an argument, {name?text} the text when a boolean one is true,
-  // {name.bytes} a JSON argument's length in the request line. Empty: none, or the handler writes its own.
+  // {name.bytes} a JSON argument's length in the request line, or a text's in UTF-8; an array shows its count. Empty:
+  // none, or the handler writes its own.
   std::string_view entryLine;
 
   // The word of the command in log lines: the selector's first words, "deleteSnapshot".

@@ -158,6 +158,118 @@ struct UnmountSnapshot {
   static constexpr auto fields() { return std::tuple(Field("path", &UnmountSnapshot::path)); }
 };
 
+struct RequestQuit {
+  static constexpr CommandTraits traits{
+      .selector = "requestQuitWithReply:", .reply = ReplyKind::boolean, .entryLine = "XPC requestQuit()"};
+  static constexpr auto fields() { return std::tuple(); }
+};
+
+struct GetAuditLogHealth {
+  static constexpr CommandTraits traits{
+      .selector = "auditLogHealthWithReply:", .reply = ReplyKind::data, .replyRecord = "AuditLogHealth"};
+  static constexpr auto fields() { return std::tuple(); }
+};
+
+struct CreateSafetySnapshot {
+  static constexpr CommandTraits traits{.selector = "createSafetySnapshotOnVolume:label:reply:",
+                                        .reply = ReplyKind::string,
+                                        .queue = CommandQueue::mutation,
+                                        .drains = true,
+                                        .entryLine = "XPC createSafetySnapshot(volume={volumeUUID}, label={label})"};
+  std::string volumeUUID;
+  std::string label;
+  static constexpr auto fields() {
+    return std::tuple(Field("volumeUUID", &CreateSafetySnapshot::volumeUUID),
+                      Field("label", &CreateSafetySnapshot::label));
+  }
+};
+
+// Logs on entry once its specs are decoded, as MountSnapshots does.
+struct DeleteSnapshots {
+  static constexpr CommandTraits traits{.selector = "deleteSnapshotsWithSpecsJSON:onVolume:reply:",
+                                        .reply = ReplyKind::data,
+                                        .replyRecord = "array of SnapshotNameOutcome",
+                                        .queue = CommandQueue::mutation,
+                                        .drains = true};
+  JsonArgument specs;
+  std::string volumeUUID;
+  static constexpr auto fields() {
+    return std::tuple(Field("specs", &DeleteSnapshots::specs), Field("volumeUUID", &DeleteSnapshots::volumeUUID));
+  }
+};
+
+struct SetProtected {
+  static constexpr CommandTraits traits{
+      .selector = "setProtectedWithName:onVolume:isProtected:reply:",
+      .reply = ReplyKind::error,
+      .queue = CommandQueue::mutation,
+      .entryLine = "XPC setProtected(name={name}, volume={volumeUUID}, isProtected={isProtected})"};
+  std::string name;
+  std::string volumeUUID;
+  bool isProtected = false;
+  static constexpr auto fields() {
+    return std::tuple(Field("name", &SetProtected::name), Field("volumeUUID", &SetProtected::volumeUUID),
+                      Field("isProtected", &SetProtected::isProtected));
+  }
+};
+
+// An empty tag removes it.
+struct SetSnapshotTag {
+  static constexpr CommandTraits traits{
+      .selector = "setSnapshotTagWithName:onVolume:tag:reply:",
+      .reply = ReplyKind::error,
+      .queue = CommandQueue::mutation,
+      .entryLine = "XPC setSnapshotTag(name={name}, volume={volumeUUID}, tagBytes={tag.bytes})"};
+  std::string name;
+  std::string volumeUUID;
+  std::string tag;
+  static constexpr auto fields() {
+    return std::tuple(Field("name", &SetSnapshotTag::name), Field("volumeUUID", &SetSnapshotTag::volumeUUID),
+                      Field("tag", &SetSnapshotTag::tag));
+  }
+};
+
+struct MountSnapshots {
+  static constexpr CommandTraits traits{.selector = "mountSnapshotsWithSpecsJSON:reply:",
+                                        .reply = ReplyKind::data,
+                                        .replyRecord = "array of SnapshotMountOutcome",
+                                        .queue = CommandQueue::mount,
+                                        .drains = true};
+  JsonArgument specs;
+  static constexpr auto fields() { return std::tuple(Field("specs", &MountSnapshots::specs)); }
+};
+
+struct UnmountSnapshots {
+  static constexpr CommandTraits traits{.selector = "unmountSnapshotsWithPaths:reply:",
+                                        .reply = ReplyKind::data,
+                                        .replyRecord = "array of SnapshotPathOutcome",
+                                        .queue = CommandQueue::mount,
+                                        .drains = true,
+                                        .entryLine = "XPC unmountSnapshots(count={paths})"};
+  std::vector<std::string> paths;
+  static constexpr auto fields() { return std::tuple(Field("paths", &UnmountSnapshots::paths)); }
+};
+
+struct PinSnapshotMounts {
+  static constexpr CommandTraits traits{.selector = "pinSnapshotMountsWithPaths:reason:token:reply:",
+                                        .reply = ReplyKind::string,
+                                        .queue = CommandQueue::mount};
+  std::vector<std::string> paths;
+  std::string reason;
+  std::optional<std::string> token;
+  static constexpr auto fields() {
+    return std::tuple(Field("paths", &PinSnapshotMounts::paths), Field("reason", &PinSnapshotMounts::reason),
+                      Field("token", &PinSnapshotMounts::token));
+  }
+};
+
+struct UnpinSnapshotMounts {
+  static constexpr CommandTraits traits{
+      .selector = "unpinSnapshotMountsWithToken:reply:", .reply = ReplyKind::error, .queue = CommandQueue::mount};
+  std::string token;
+  static constexpr auto fields() { return std::tuple(Field("token", &UnpinSnapshotMounts::token)); }
+};
+
 // In the order of the documents.
 using AllCommands =
     std::tuple<HelperVersion, HelperGitCommit, ProtocolVersion, HelperHealth, GetSchedule, ListSchedules,

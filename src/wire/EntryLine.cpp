@@ -30,6 +30,7 @@ std::string expand(const CommandSpec& command, const ArgumentValues& values, std
   }
   if (place.ends_with(".bytes")) {
     const ArgumentValue* value = find(command, values, place.substr(0, place.size() - 6));
+    if (const auto* text = value ? std::get_if<std::string>(value) : nullptr) return fmt::to_string(text->size());
     const auto* json = value ? std::get_if<JsonArgument>(value) : nullptr;
     return fmt::to_string(json ? json->requestBytes : 0);
   }

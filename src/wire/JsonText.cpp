@@ -1,7 +1,9 @@
 #include "wire/JsonText.h"
 
+#include <boost/json/basic_parser_impl.hpp>
 #include <fmt/format.h>
 
+#include <charconv>
 #include <cmath>
 
 #include "wire/Json.h"
@@ -34,13 +36,73 @@ class ParsedJson::CappedMemory final : public json::memory_resource {
   std::size_t used_ = 0;
 };
 
-ParsedJson::ParsedJson(std::string_view text) : memory_(std::make_unique<CappedMemory>()) {
+namespace {
+
+// Builds values as the library's own handler does, but reads every number that is no integer to the nearest double: the
+// library's reading may be a unit in the last place off, and a stored date must come back as it went.
+class ExactNumbers final {
+ public:
+  static constexpr std::size_t max_object_size = static_cast<std::size_t>(-1);
+  static constexpr std::size_t max_array_size = static_cast<std::size_t>(-1);
+  static constexpr std::size_t max_key_size = static_cast<std::size_t>(-1);
+  static constexpr std::size_t max_string_size = static_cast<std::size_t>(-1);
+
+  explicit ExactNumbers(const json::storage_ptr& memory) : values_(memory) { values_.reset(memory); }
+
+  [[nodiscard]] json::value release() { return values_.release(); }
+
+  bool on_document_begin(json::error_code&) { return true; }
+  bool on_document_end(json::error_code&) { return true; }
+  bool on_object_begin(json::error_code&) { return true; }
+  bool on_object_end(std::size_t count, json::error_code&) { return values_.push_object(count), true; }
+  bool on_array_begin(json::error_code&) { return true; }
+  bool on_array_end(std::size_t count, json::error_code&) { return values_.push_array(count), true; }
+  bool on_key_part(json::string_view part, std::size_t, json::error_code&) { return values_.push_chars(part), true; }
+  bool on_key(json::string_view part, std::size_t, json::error_code&) { return values_.push_key(part), true; }
+  bool on_string_part(json::string_view part, std::size_t, json::error_code&) { return values_.push_chars(part), true; }
+  bool on_string(json::string_view part, std::size_t, json::error_code&) { return values_.push_string(part), true; }
+  bool on_number_part(json::string_view part, json::error_code&) { return number_.append(part), true; }
+  bool on_int64(std::int64_t value, json::string_view, json::error_code&) {
+    number_.clear();
+    return values_.push_int64(value), true;
+  }
+  bool on_uint64(std::uint64_t value, json::string_view, json::error_code&) {
+    number_.clear();
+    return values_.push_uint64(value), true;
+  }
+  bool on_double(double value, json::string_view part, json::error_code&) {
+    number_.append(part);
+    double exact = 0;
+    const auto [end, failure] = std::from_chars(number_.data(), number_.data() + number_.size(), exact);
+    number_.clear();
+    return values_.push_double(failure == std::errc() ? exact : value), true;
+  }
+  bool on_bool(bool value, json::error_code&) { return values_.push_bool(value), true; }
+  bool on_null(json::error_code&) { return values_.push_null(), true; }
+  bool on_comment_part(json::string_view, json::error_code&) { return true; }
+  bool on_comment(json::string_view, json::error_code&) { return true; }
+
+ private:
+  json::value_stack values_;
+  std::string number_;
+};
+
+}  // namespace
+
+json::value parseJson(std::string_view text, std::size_t maxDepth, const json::storage_ptr& memory) {
   json::parse_options options;
-  options.max_depth = maxJsonDepth;
+  options.max_depth = maxDepth;
+  json::basic_parser<ExactNumbers> parser(options, memory);
+  json::error_code failure;
+  const std::size_t taken = parser.write_some(false, text.data(), text.size(), failure);
+  if (!failure && taken < text.size()) failure = json::error::extra_data;
+  if (failure) throw malformedJson("$", failure.message());
+  return parser.handler().release();
+}
+
+ParsedJson::ParsedJson(std::string_view text) : memory_(std::make_unique<CappedMemory>()) {
   try {
-    json::error_code failure;
-    value_.emplace(json::parse(text, failure, memory_.get(), options));
-    if (failure) throw malformedJson("$", failure.message());
+    value_.emplace(parseJson(text, maxJsonDepth, memory_.get()));
   } catch (const std::bad_alloc&) {
     throw malformedJson("$", "takes too much memory");
   }

@@ -16,6 +16,11 @@ namespace quillmark {
 // "The JSON text is malformed: $.xid is no whole number in range" in the domain of decoding errors.
 [[nodiscard]] Error malformedJson(const std::string& where, const std::string& what);
 
+// Reads numbers to the nearest double, which the library's own parser doesn't: what was encoded decodes to the same
+// record. Throws Error for what is malformed or too deep.
+[[nodiscard]] boost::json::value parseJson(std::string_view text, std::size_t maxDepth,
+                                           const boost::json::storage_ptr& memory = {});
+
 // A parsed text with the memory it lives in.
 class ParsedJson final {
  public:

@@ -89,6 +89,17 @@ struct Description<HelperHealthStatus> {
     field("protection", status.protection);
     field("audit", status.audit);
     field("scheduler", status.scheduler);
+    field("notes", status.notes);
+  }
+};
+
+template <>
+struct Description<AuditLogHealth> {
+  static void fields(auto& field, auto& health) {
+    field("failedWriteCount", health.failedWriteCount);
+    field("consecutiveFailedWrites", health.consecutiveFailedWrites);
+    field("lastFailureAt", health.lastFailureAt);
+    field("lastError", health.lastError);
   }
 };
 
@@ -101,3 +112,4 @@ QUILLMARK_RECORD(quillmark::SnapshotPathOutcome)
 QUILLMARK_RECORD(quillmark::SnapshotDeleteSpec)
 QUILLMARK_RECORD(quillmark::SnapshotNameOutcome)
 QUILLMARK_RECORD(quillmark::HelperHealthStatus)
+QUILLMARK_RECORD(quillmark::AuditLogHealth)

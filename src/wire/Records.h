@@ -76,7 +76,18 @@ struct HelperHealthStatus {
   HelperSubsystemHealth protection;
   HelperSubsystemHealth audit;
   HelperSubsystemHealth scheduler;
+  // What an administrator should know though nothing is broken; absent when there is nothing to tell.
+  std::optional<std::vector<std::string>> notes;
   bool operator==(const HelperHealthStatus&) const = default;
+};
+
+// How the audit trail fares, since the service started.
+struct AuditLogHealth {
+  std::int64_t failedWriteCount = 0;
+  std::int64_t consecutiveFailedWrites = 0;
+  std::optional<Date> lastFailureAt;
+  std::optional<std::string> lastError;
+  bool operator==(const AuditLogHealth&) const = default;
 };
 
 }  // namespace quillmark

@@ -42,7 +42,7 @@ json::value encodeArgument(const ArgumentValue& argument) {
         if constexpr (std::is_same_v<Type, std::optional<std::string>>) {
           return value ? json::value(json::string(*value)) : json::value(nullptr);
         } else if constexpr (std::is_same_v<Type, JsonArgument>) {
-          return json::parse(value.text);
+          return parseJson(value.text, maxJsonDepth);
         } else {
           return coding::encode(value, DateStyle::referenceSeconds);
         }
@@ -176,11 +176,9 @@ std::string encodePush(std::string_view selector, const ArgumentValues& argument
 }
 
 RpcIncoming decodeIncoming(std::string_view line) {
-  json::error_code failure;
-  json::parse_options options;
-  options.max_depth = 256;  // our own service's payloads nest deeper than what it takes from others
-  const json::value message = json::parse(line, failure, {}, options);
-  if (failure || !message.is_object()) throw malformedJson("$", failure ? failure.message() : "is no object");
+  constexpr std::size_t maxDepth = 256;  // our own service's payloads nest deeper than what it takes from others
+  const json::value message = parseJson(line, maxDepth);
+  if (!message.is_object()) throw malformedJson("$", "is no object");
   const json::object& object = message.get_object();
   RpcIncoming incoming;
   if (const json::value* id = object.if_contains("id"); id && !id->is_null()) {
@@ -212,17 +210,15 @@ RpcIncoming decodeIncoming(std::string_view line) {
 }
 
 std::string stringValue(const RpcReply& reply) {
-  json::error_code failure;
-  const json::value value = json::parse(reply.valueJson.value_or("null"), failure);
-  if (failure || !value.is_string()) throw malformedJson("$.result.value", "is no string");
+  const json::value value = parseJson(reply.valueJson.value_or("null"), maxJsonDepth);
+  if (!value.is_string()) throw malformedJson("$.result.value", "is no string");
   return std::string(value.get_string());
 }
 
 std::int64_t int64Value(const RpcReply& reply) {
-  json::error_code failure;
-  const json::value value = json::parse(reply.valueJson.value_or("null"), failure);
+  const json::value value = parseJson(reply.valueJson.value_or("null"), maxJsonDepth);
   std::int64_t number = 0;
-  if (failure || !coding::toInteger(value, number)) throw malformedJson("$.result.value", "is no number");
+  if (!coding::toInteger(value, number)) throw malformedJson("$.result.value", "is no number");
   return number;
 }
 

@@ -1,6 +1,10 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <bit>
+#include <cmath>
+#include <random>
+
 #include "journal/HelperEvent.h"
 #include "scheduling/rules/HelperSettings.h"
 #include "scheduling/rules/SchedulePolicy.h"
@@ -59,6 +63,17 @@ TEST(Records, boundWhatAPeerCanMakeUsHold) {
   std::string wide = "[";
   for (int i = 0; i < 3'000'000; ++i) wide += "[],";
   EXPECT_THAT(complaintOf<SnapshotRecord>(wide + "[]]"), HasSubstr("too much memory"));
+}
+
+TEST(Records, bringEveryDateBackToTheLastBit) {
+  std::mt19937_64 random(1);
+  SnapshotRecord record{.name = "a", .xid = {1}};
+  for (int i = 0; i < 20'000; ++i) {
+    const double seconds = std::bit_cast<double>(random());
+    if (!std::isfinite(seconds)) continue;
+    record.createdAt = Date::fromReference(seconds);
+    ASSERT_EQ(decodeJson<SnapshotRecord>(encodeJson(record)), record) << seconds;
+  }
 }
 
 TEST(Records, keepTheirDateStyle) {

@@ -103,6 +103,12 @@ SysResult<std::size_t> LinuxPosix::read(int fd, std::span<std::byte> into) {
   return static_cast<std::size_t>(count);
 }
 
+SysResult<std::size_t> LinuxPosix::pread(int fd, std::span<std::byte> into, std::uint64_t offset) {
+  const ssize_t count = ::pread(fd, into.data(), into.size(), static_cast<off_t>(offset));
+  if (count < 0) return Errno{errno};
+  return static_cast<std::size_t>(count);
+}
+
 SysResult<std::size_t> LinuxPosix::write(int fd, std::string_view bytes) {
   const ssize_t count = ::write(fd, bytes.data(), bytes.size());
   if (count < 0) return Errno{errno};

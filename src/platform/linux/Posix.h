@@ -11,6 +11,7 @@ class LinuxPosix final : public Posix {
   SysResult<int> open(const std::string& path, OpenFlags flags) override;
   void close(int fd) override;
   SysResult<std::size_t> read(int fd, std::span<std::byte> into) override;
+  SysResult<std::size_t> pread(int fd, std::span<std::byte> into, std::uint64_t offset) override;
   SysResult<std::size_t> write(int fd, std::string_view bytes) override;
   SysStatus fsync(int fd) override;
   SysStatus fchmod(int fd, std::uint32_t mode) override;

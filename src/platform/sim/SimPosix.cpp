@@ -230,6 +230,11 @@ SysResult<std::size_t> SimPosix::read(int fd, std::span<std::byte> into) {
   return files_.read(fd, into);
 }
 
+SysResult<std::size_t> SimPosix::pread(int fd, std::span<std::byte> into, std::uint64_t offset) {
+  if (const auto verdict = enter(PosixCall::read); !verdict) return Errno{verdict.error()};
+  return files_.pread(fd, into, offset);
+}
+
 SysResult<std::size_t> SimPosix::write(int fd, std::string_view bytes) {
   const auto verdict = enter(PosixCall::write);
   if (!verdict) return Errno{verdict.error()};
