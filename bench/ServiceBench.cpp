@@ -12,6 +12,7 @@
 #include "platform/linux/DeviceNames.h"
 #include "platform/linux/Disks.h"
 #include "platform/linux/Dispatch.h"
+#include "platform/linux/FileWork.h"
 #include "platform/linux/Posix.h"
 #include "platform/linux/Processes.h"
 #include "platform/linux/PropertyList.h"
@@ -21,6 +22,8 @@
 #include "platform/linux/Transport.h"
 #include "platform/linux/TransportSocket.h"
 #include "platform/linux/Users.h"
+#include "platform/linux/VolumeAttributes.h"
+#include "platform/linux/identity/LinuxPeerIdentities.h"
 #include "platform/sim/SimPlatform.h"
 #include "service/HelperProcess.h"
 #include "wire/Commands.h"
@@ -35,6 +38,15 @@ std::string freshDirectory() {
   std::filesystem::create_directories(directory + "/run");
   return directory;
 }
+
+// Takes this program for a genuine client; all else, the look at each message's sender too, is as it is.
+class TrustingPeers final : public os::LinuxPeerIdentities {
+ public:
+  using LinuxPeerIdentities::LinuxPeerIdentities;
+  PeerIdentity identityByToken(const PeerCredentials& /*peer*/, std::string_view /*requirement*/) override {
+    return {.bundleID = "com.harrowfern.quillmark.cli", .satisfiesRequirement = true};
+  }
+};
 
 // The real service over the real platform, its paths under a directory of its own. Only root may talk to it.
 class ServedHelper final {
@@ -57,12 +69,15 @@ class ServedHelper final {
   os::LinuxDispatch dispatch_{clock_};
   os::LinuxRandom random_;
   os::LinuxPosix posix_;
+  os::LinuxFileWork fileWork_;
   os::DeviceNames names_{posix_, paths_.deviceNames, os::DeviceNames::Mode::reader};
   os::LinuxSnapshotCalls snapshots_{dispatch_, names_};
+  os::LinuxVolumeAttributes attributes_;
   os::LinuxDisks disks_{names_};
   os::LinuxProcesses processes_{dispatch_};
   os::LinuxPropertyLists propertyLists_;
   os::LinuxTransport listener_{dispatch_, {.path = paths_.socket}};
+  TrustingPeers peers_{dispatch_, {}};
   sim::SimPlatformLog log_;
   sim::SimThisProcess process_{1};
   os::LinuxUsers users_;
@@ -70,11 +85,14 @@ class ServedHelper final {
                          clock_,
                          random_,
                          posix_,
+                         fileWork_,
                          snapshots_,
+                         attributes_,
                          disks_,
                          processes_,
                          propertyLists_,
                          listener_,
+                         peers_,
                          log_,
                          process_,
                          users_,

@@ -37,7 +37,16 @@ class Grammar {
  private:
   CLI::App* add(const HelpEntry& entry);
   CLI::App* addOnVolume(const HelpEntry& entry);
+  void addEverywhere();
+  void addSnapshotCommands();
+  void addMountCommands();
+  void addLog();
+  void addServiceCommands();
+  CLI::Option* addWords(CLI::App* command, const char* typeName, const char* description);
+  [[nodiscard]] std::optional<Request> requestOnSnapshots() const;
   [[nodiscard]] Request request() const;
+  [[nodiscard]] TagRequest tagRequest() const;
+  [[nodiscard]] LogRequest logRequest() const;
   [[nodiscard]] std::optional<std::string> volume() const;
   [[nodiscard]] Error misused(const CLI::ParseError& error) const;
 
@@ -47,10 +56,21 @@ class Grammar {
   std::string socket_;
   std::string volume_;
   std::string word_;
+  std::string text_;
+  std::string since_;
+  std::string cursor_;
   std::vector<std::string> words_;
+  std::vector<std::string> kinds_;
+  std::size_t lines_ = 0;
   bool full_ = false;
   bool force_ = false;
-  CLI::App *volumes_, *list_, *create_, *delete_, *mount_, *unmount_, *health_, *version_, *call_;
+  bool yes_ = false;
+  bool clear_ = false;
+  bool failed_ = false;
+  bool follow_ = false;
+  CLI::App *volumes_, *list_, *create_, *safety_, *delete_, *protect_, *unprotect_, *tag_, *mount_, *unmount_, *log_,
+      *health_, *quit_, *version_, *call_;
+  CLI::Option *tagText_, *logLines_;
 };
 
 CLI::App* Grammar::add(const HelpEntry& entry) {
@@ -66,7 +86,11 @@ CLI::App* Grammar::addOnVolume(const HelpEntry& entry) {
   return command;
 }
 
-Grammar::Grammar() {
+CLI::Option* Grammar::addWords(CLI::App* command, const char* typeName, const char* description) {
+  return command->add_option("snapshots", words_, description)->type_name(typeName)->required();
+}
+
+void Grammar::addEverywhere() {
   app_.footer(std::string(HelpTexts::program.footer));
   app_.require_subcommand(1);
   app_.set_help_flag("-h,--help", "Show help; of one command after its name");
@@ -74,26 +98,70 @@ Grammar::Grammar() {
   app_.add_flag("--json", json_, "Print the value as JSON; an error too, as {\"error\":{…}} on standard output");
   app_.add_flag("--no-color", noColor_, "No colours, also by a NO_COLOR in the environment");
   app_.add_option("--socket", socket_, "")->group("");
+}
 
+void Grammar::addSnapshotCommands() {
   volumes_ = add(HelpTexts::volumes);
+  volumes_->add_flag("--full", full_, "Cut nothing and leave nothing out on a terminal");
   list_ = addOnVolume(HelpTexts::list);
+  list_->add_flag("--full", full_, "Show whole names, also on a terminal");
   create_ = addOnVolume(HelpTexts::create);
+  create_->add_option("label", word_, "What to remember it by")->type_name("LABEL");
+  safety_ = addOnVolume(HelpTexts::safety);
+  safety_->add_option("label", word_, "What to remember it by")->type_name("LABEL");
   delete_ = addOnVolume(HelpTexts::remove);
+  addWords(delete_, "SNAPSHOT", "What to delete");
+  delete_->add_flag("--force", force_, "Delete protected snapshots too");
+  delete_->add_flag("-y,--yes", yes_, "Don't ask");
+  protect_ = addOnVolume(HelpTexts::protect);
+  addWords(protect_, "SNAPSHOT", "What to protect");
+  unprotect_ = addOnVolume(HelpTexts::unprotect);
+  addWords(unprotect_, "SNAPSHOT", "What to protect no longer");
+  tag_ = addOnVolume(HelpTexts::tag);
+  tag_->add_option("snapshot", word_, "What to tag")->type_name("SNAPSHOT")->required();
+  tagText_ = tag_->add_option("text", text_, "The tag; without it the tag is printed")->type_name("TEXT");
+  tag_->add_flag("--clear", clear_, "Take the tag away")->excludes(tagText_);
+}
+
+void Grammar::addMountCommands() {
   mount_ = addOnVolume(HelpTexts::mount);
+  addWords(mount_, "SNAPSHOT", "What to mount");
   unmount_ = addOnVolume(HelpTexts::unmount);
+  addWords(unmount_, "SNAPSHOT-or-PATH", "What to unmount");
+}
+
+void Grammar::addLog() {
+  log_ = add(HelpTexts::log);
+  logLines_ = log_->add_option("-n,--lines", lines_, "Only the last so many");
+  logLines_->check(CLI::Validator(CLI::NonNegativeNumber).description(""))->type_name("COUNT");
+  log_->add_option("--since", since_, "Only what happened then or later")->type_name("TIME");
+  log_->add_option("--kind", kinds_, "Only these kinds; may be given several times")
+      ->type_name("KIND")
+      ->expected(1)
+      ->delimiter(',')
+      ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll);
+  log_->add_option("-v,--volume", volume_, std::string(HelpTexts::logVolumeOption))->type_name("VOLUME");
+  log_->add_flag("--failed", failed_, "Only what failed");
+  log_->add_flag("-f,--follow", follow_, "Go on and print what happens, until interrupted");
+  log_->add_option("--cursor", cursor_, "Only what is new since the last time with this file")->type_name("FILE");
+  log_->add_flag("--full", full_, "Cut nothing and leave nothing out on a terminal");
+}
+
+void Grammar::addServiceCommands() {
   health_ = add(HelpTexts::health);
+  quit_ = add(HelpTexts::quit);
   version_ = add(HelpTexts::version);
   call_ = add(HelpTexts::call);
-
-  volumes_->add_flag("--full", full_, "Cut nothing and leave nothing out on a terminal");
-  list_->add_flag("--full", full_, "Show whole names, also on a terminal");
-  create_->add_option("label", word_, "What to remember it by")->type_name("LABEL");
-  delete_->add_option("snapshots", words_, "What to delete")->type_name("SNAPSHOT")->required();
-  delete_->add_flag("--force", force_, "Delete protected snapshots too");
-  mount_->add_option("snapshot", word_, "What to mount")->type_name("SNAPSHOT")->required();
-  unmount_->add_option("snapshot", word_, "What to unmount")->type_name("SNAPSHOT-or-PATH")->required();
   call_->add_option("selector", word_, "The call, with its colons")->type_name("SELECTOR")->required();
   call_->add_option("arguments", words_, "Its arguments in order")->type_name("JSON");
+}
+
+Grammar::Grammar() {
+  addEverywhere();
+  addSnapshotCommands();
+  addMountCommands();
+  addLog();
+  addServiceCommands();
 }
 
 bool Grammar::hasCommand(const std::string& word) const {
@@ -130,21 +198,45 @@ std::optional<std::string> Grammar::volume() const {
   return volume_.empty() ? std::nullopt : std::optional(path(volume_));
 }
 
+std::optional<Request> Grammar::requestOnSnapshots() const {
+  std::vector<std::string> names;
+  for (const std::string& word : words_) names.push_back(*unmount_ ? path(word) : name(word));
+  if (*delete_) return DeleteRequest{volume(), std::move(names), force_, yes_};
+  if (*protect_ || *unprotect_) return ProtectRequest{volume(), std::move(names), static_cast<bool>(*protect_)};
+  if (*mount_) return MountRequest{volume(), std::move(names)};
+  if (*unmount_) return UnmountRequest{volume(), std::move(names)};
+  return std::nullopt;
+}
+
+TagRequest Grammar::tagRequest() const {
+  TagRequest request{volume(), name(word_), std::nullopt};
+  if (clear_) request.text = "";
+  if (tagText_->count() > 0) request.text = path(text_);
+  return request;
+}
+
+LogRequest Grammar::logRequest() const {
+  const auto given = [](const std::string& text) { return text.empty() ? std::nullopt : std::optional(path(text)); };
+  LogRequest request{volume(), {}, {}, given(since_), given(cursor_), failed_, follow_, full_};
+  if (logLines_->count() > 0) request.lines = lines_;
+  for (const std::string& kind : kinds_) request.kinds.push_back(unguarded(kind));
+  return request;
+}
+
 Request Grammar::request() const {
   if (*volumes_) return VolumesRequest{full_};
   if (*list_) return ListRequest{volume(), full_};
   if (*create_) return CreateRequest{volume(), path(word_)};
-  if (*mount_) return MountRequest{volume(), name(word_)};
-  if (*unmount_) return UnmountRequest{volume(), path(word_)};
+  if (*safety_) return SafetyRequest{volume(), path(word_)};
+  if (*tag_) return tagRequest();
+  if (*log_) return logRequest();
   if (*health_) return HealthRequest{};
+  if (*quit_) return QuitRequest{};
   if (*version_) return VersionRequest{};
-  std::vector<std::string> words;
-  if (*delete_) {
-    for (const std::string& word : words_) words.push_back(name(word));
-    return DeleteRequest{volume(), std::move(words), force_};
-  }
-  for (const std::string& word : words_) words.push_back(unguarded(word));
-  return CallRequest{unguarded(word_), std::move(words)};
+  if (auto request = requestOnSnapshots()) return *std::move(request);
+  std::vector<std::string> arguments;
+  for (const std::string& word : words_) arguments.push_back(unguarded(word));
+  return CallRequest{unguarded(word_), std::move(arguments)};
 }
 
 }  // namespace

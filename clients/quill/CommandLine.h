@@ -3,6 +3,7 @@
 // Errors:  wrongUse, with the place of the fitting help.
 #pragma once
 
+#include <cstddef>
 #include <optional>
 #include <string>
 #include <variant>
@@ -21,27 +22,54 @@ struct CreateRequest {
   std::optional<std::string> volume;
   std::string label;
 };
+struct SafetyRequest {
+  std::optional<std::string> volume;
+  std::string label;
+};
 struct DeleteRequest {
   std::optional<std::string> volume;
   std::vector<std::string> snapshots;
   bool force = false;
+  bool yes = false;  // asks nobody
+};
+struct ProtectRequest {
+  std::optional<std::string> volume;
+  std::vector<std::string> snapshots;
+  bool protect = true;
+};
+struct TagRequest {
+  std::optional<std::string> volume;
+  std::string snapshot;
+  std::optional<std::string> text;  // an empty one takes the tag away; without one it is shown
 };
 struct MountRequest {
   std::optional<std::string> volume;
-  std::string snapshot;
+  std::vector<std::string> snapshots;
 };
 struct UnmountRequest {
   std::optional<std::string> volume;
-  std::string snapshotOrPath;
+  std::vector<std::string> snapshotsOrPaths;
+};
+struct LogRequest {
+  std::optional<std::string> volume;
+  std::vector<std::string> kinds;     // as typed; none means all
+  std::optional<std::size_t> lines;   // the last so many
+  std::optional<std::string> since;   // as typed
+  std::optional<std::string> cursor;  // the file that remembers how far was read
+  bool failed = false;                // failures alone
+  bool follow = false;
+  bool full = false;
 };
 struct HealthRequest {};
+struct QuitRequest {};
 struct VersionRequest {};
 struct CallRequest {
   std::string selector;
   std::vector<std::string> arguments;  // each JSON text
 };
-using Request = std::variant<VolumesRequest, ListRequest, CreateRequest, DeleteRequest, MountRequest, UnmountRequest,
-                             HealthRequest, VersionRequest, CallRequest>;
+using Request =
+    std::variant<VolumesRequest, ListRequest, CreateRequest, SafetyRequest, DeleteRequest, ProtectRequest, TagRequest,
+                 MountRequest, UnmountRequest, LogRequest, HealthRequest, QuitRequest, VersionRequest, CallRequest>;
 
 struct Invocation {
   bool json = false;

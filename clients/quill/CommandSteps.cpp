@@ -3,36 +3,13 @@
 #include <fmt/format.h>
 
 #include <array>
-#include <chrono>
-#include <cmath>
 
-#include "platform/clock.h"
 #include "quill/Failures.h"
 #include "quill/SnapshotReference.h"
 #include "scheduling/rules/SnapshotNameInfo.h"
 #include "wire/Json.h"
 
 namespace quillmark::cli {
-namespace {
-
-// How far local time is ahead of UTC at that moment.
-std::chrono::minutes offsetFromUTC(const LocalTime& local, Date date) {
-  const std::chrono::year_month_day day(std::chrono::year(local.year),
-                                        std::chrono::month(static_cast<unsigned>(local.month)),
-                                        std::chrono::day(static_cast<unsigned>(local.day)));
-  const std::chrono::seconds asUTC = std::chrono::sys_days(day).time_since_epoch() + std::chrono::hours(local.hour) +
-                                     std::chrono::minutes(local.minute) + std::chrono::seconds(local.second);
-  const std::chrono::seconds moment(static_cast<std::int64_t>(std::floor(date.secondsSince1970())));
-  return std::chrono::round<std::chrono::minutes>(asUTC - moment);
-}
-
-std::string civil(const LocalTime& time, char between) {
-  return fmt::format("{:04}-{:02}-{:02}{}{:02}:{:02}:{:02}", time.year, time.month, time.day, between, time.hour,
-                     time.minute, time.second);
-}
-
-}  // namespace
-
 std::string listingOf(CommandContext& context, const std::string& volumeUUID) {
   return ask(context, "listing snapshots", ListSnapshots{.volumeUUID = volumeUUID}).value;
 }
@@ -55,15 +32,6 @@ void printResult(CommandContext& context, const std::string& key, const std::str
     context.output.line(value);
   }
   if (warning) context.output.warn(*warning);
-}
-
-std::string shownTime(Clock& clock, Date date) { return civil(clock.local(date), ' '); }
-
-std::string plainTime(Clock& clock, Date date) {
-  const LocalTime local = clock.local(date);
-  const auto offset = offsetFromUTC(local, date).count();
-  const auto distance = offset < 0 ? -offset : offset;
-  return fmt::format("{}{}{:02}:{:02}", civil(local, 'T'), offset < 0 ? '-' : '+', distance / 60, distance % 60);
 }
 
 std::string shownSize(std::uint64_t bytes) {

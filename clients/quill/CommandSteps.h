@@ -31,9 +31,6 @@ template <class Command>
 void printResult(CommandContext& context, const std::string& key, const std::string& value,
                  const std::optional<Error>& warning);
 
-// "2026-03-01 09:15:02", and for programs "2026-03-01T09:15:02+01:00".
-[[nodiscard]] std::string shownTime(Clock& clock, Date date);
-[[nodiscard]] std::string plainTime(Clock& clock, Date date);
 // "54.2 GiB"
 [[nodiscard]] std::string shownSize(std::uint64_t bytes);
 

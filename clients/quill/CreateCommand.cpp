@@ -12,4 +12,12 @@ int run(CommandContext& context, const CreateRequest& request) {
   return exitDone;
 }
 
+int run(CommandContext& context, const SafetyRequest& request) {
+  const std::string volume = chooseVolume(context.volumes, request.volume);
+  const CreateSafetySnapshot call{.volumeUUID = volume, .label = request.label};
+  const auto created = ask(context, "taking a safety snapshot", call);
+  printResult(context, "name", created.value, created.warning);
+  return exitDone;
+}
+
 }  // namespace quillmark::cli

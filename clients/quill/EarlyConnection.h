@@ -1,5 +1,5 @@
-// The helper knows a genuine client by the group that the program's file gives it. That group serves to connect and for
-// nothing else: whatever runs with it, a pager for one, could pass as this client.
+// What quill does before anything else. The helper knows a genuine client by the group that the program's file gives it.
+// That group serves to connect and for nothing else: whatever runs with it, a pager for one, could pass as this client.
 #pragma once
 
 #include <memory>
@@ -10,6 +10,10 @@
 #include "platform/Transport.h"
 
 namespace quillmark::cli {
+
+// Leaves of the environment what the output is chosen by, each in its plain form: the terminal's kind, whether colours are
+// unwanted, language and time zone. Nothing in it names a file, a program or a library. Call before anything reads it.
+void keepHarmlessEnvironment();
 
 struct EarlyConnection {
   std::unique_ptr<ClientChannel> channel;

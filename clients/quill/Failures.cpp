@@ -41,7 +41,8 @@ constexpr std::array serviceCodes{
     of(snapshotMountFailed, "snapshotMountFailed"),
     of(snapshotListFailed, "snapshotListFailed"),
     of(snapshotUnmountFailed, "snapshotUnmountFailed"),
-    of(protectedSnapshot, "protectedSnapshot", exitRefused, "To delete it all the same: quill delete --force"),
+    of(protectedSnapshot, "protectedSnapshot", exitRefused,
+       "To take the protection away: quill unprotect. To delete it all the same: quill delete --force"),
     of(snapshotInUse, "snapshotInUse", exitRefused),
     of(volumeBusy, "volumeBusy"),
     of(insufficientPrivileges, "insufficientPrivileges", exitRefused),
@@ -57,6 +58,8 @@ constexpr std::array clientCodes{
     CodeFacts{static_cast<long>(ClientFault::answerLost), "answerLost", exitNotReachable},
     CodeFacts{static_cast<long>(ClientFault::answerMalformed), "answerMalformed"},
     CodeFacts{static_cast<long>(ClientFault::outputFailed), "outputFailed"},
+    CodeFacts{static_cast<long>(ClientFault::declined), "declined"},
+    CodeFacts{static_cast<long>(ClientFault::logUnreadable), "logUnreadable"},
 };
 
 constexpr std::array rpcCodes{

@@ -25,6 +25,8 @@ enum class ClientFault : long {
   answerLost = 3,  // the request was sent: whether it was done isn't known
   answerMalformed = 4,
   outputFailed = 5,
+  declined = 6,  // by the person, when asked
+  logUnreadable = 7,
 };
 [[nodiscard]] Error clientError(ClientFault fault, std::string message, std::string suggestion = {});
 [[nodiscard]] Error wrongUse(std::string message, std::string suggestion = {});

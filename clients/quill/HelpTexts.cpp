@@ -4,8 +4,10 @@ namespace quillmark::cli::HelpTexts {
 
 const std::string_view volumeOption =
     "The volume: a name, UUID, device, or any path on it; else where you stand, or the only one there is";
+const std::string_view logVolumeOption =
+    "Only what happened on this volume: a name, UUID, device or path; also one that is gone, by name or UUID";
 
-const HelpEntry program{"quill", "Snapshots of btrfs volumes: take them, look into them, delete them.",
+const HelpEntry program{"quill", "Snapshots of btrfs volumes: take them, look into them, keep or delete them.",
                         R"help(
 Examples:
   quill volumes                       what is there
@@ -13,7 +15,9 @@ Examples:
   quill list                          its snapshots, the newest last
   cd "$(quill mount latest)"          look into the newest one
   quill unmount latest
+  quill protect before-upgrade        nobody deletes it by accident
   quill delete latest~3               the third before the newest
+  quill log -n 5                      what was done last, and by whom
 
 A SNAPSHOT is named by its full name, its XID, its label, the end of its name
 from a dot on, "latest", or "latest~N": the N-th before the newest.
@@ -54,37 +58,127 @@ Examples:
   quill create
   quill create "before upgrade" -v Data)help"};
 
+const HelpEntry safety{"safety", "Take a safety snapshot, for the time of a risky work, and print its name",
+                       R"help(
+As create, but with a name that says that the snapshot may go once it is old:
+whatever prunes old snapshots may take it. To keep it: quill protect.
+
+Examples:
+  quill safety
+  quill safety "moving the photographs" -v Data)help"};
+
 const HelpEntry remove{"delete", "Delete snapshots and print their names",
                        R"help(
+Where a person sits at the terminal it names them and asks first, unless --yes
+is given. Without a terminal, as in scripts, it asks nobody and goes ahead.
+
+A protected snapshot is refused with exit code 4, and it is said what protects
+it: somebody did (quill unprotect takes that back), or it was made by another
+program on a volume that protects such. --force deletes both kinds. What the
+operating system keeps for itself is never deleted.
+
 All references are read from one listing before anything is deleted. One that
 fails doesn't keep the others; the exit code is then the highest of all.
 
 Examples:
   quill delete before-upgrade
   quill delete latest latest~1 -v Data
-  quill delete 4587521 --force               also if it is protected)help"};
+  quill delete --yes 4587521
+  quill delete --force 4587521               also if it is protected)help"};
 
-const HelpEntry mount{"mount", "Mount a snapshot for reading and print the path",
+const HelpEntry protect{"protect", "Protect snapshots against deletion and print their names",
+                        R"help(
+Nothing deletes a protected snapshot, neither quill delete without --force nor
+what prunes old ones. One that is protected already stays so.
+
+Examples:
+  quill protect before-upgrade
+  quill protect latest latest~1 -v Data)help"};
+
+const HelpEntry unprotect{"unprotect", "Take the protection of snapshots away and print their names",
+                          R"help(
+It takes away what quill protect did. That the snapshots of other programs are
+protected ("auto-protected" in quill list) is a setting of the volume, and
+stays.
+
+Examples:
+  quill unprotect before-upgrade)help"};
+
+const HelpEntry tag{"tag", "Show, set or clear the tag of a snapshot",
+                    R"help(
+With a TEXT it is set, in place of the one before, and the snapshot's name is
+printed; with --clear, or an empty TEXT, it is taken away. Without either it is
+printed, and nothing where there is none. A tag has up to 8192 bytes.
+
+Examples:
+  quill tag latest "tests passed"
+  quill tag latest
+  quill tag latest --clear)help"};
+
+const HelpEntry mount{"mount", "Mount snapshots for reading and print their paths",
                       R"help(
-A snapshot that is mounted already stays so, and its path is printed.
+A snapshot that is mounted already stays so, and its path is printed. One of
+several that fails doesn't keep the others; the exit code is then the highest.
 
 Examples:
   ls "$(quill mount latest)"
-  quill mount before-upgrade -v Data)help"};
+  quill mount before-upgrade -v Data
+  quill mount latest latest~1)help"};
 
-const HelpEntry unmount{"unmount", "Unmount a snapshot and print the path",
+const HelpEntry unmount{"unmount", "Unmount snapshots and print their paths",
                         R"help(
-What holds a "/" is taken as the path of the mount.
+What holds a "/" is taken as the path of the mount. One of several that fails
+doesn't keep the others; the exit code is then the highest. A mount that a
+window or an operation is using is refused with exit code 4.
 
 Examples:
   quill unmount latest
+  quill unmount latest latest~1
   quill unmount /Volumes/Data-2f6c…@snap-4587521)help"};
+
+const HelpEntry log{"log", "Show what was done to snapshots, when and by whom, the newest last",
+                    R"help(
+Reads the helper's activity log, which any user may; the helper isn't needed.
+The helper keeps the last 32 MiB or more, years for most.
+
+On a terminal: the time, the event, who asked (and with which program if it
+wasn't quill), volume, snapshot, more detail; why something failed stands
+below it.
+Anywhere else each line has 11 words: time, kind, "ok" or "failed", client,
+user, volume, volume's UUID, snapshot, milliseconds, detail, error. With --json
+each line is a record.
+
+KIND: create, delete, mount, unmount, compare, index, protect, tag, restore,
+alarm; several with commas between, or by giving the option again.
+TIME: 2h (so long ago; s, min, h, d, w), today, yesterday, 09:15, 2026-03-01,
+"2026-03-01 09:15", with "Z" or "+01:00" behind it where it isn't local.
+--cursor keeps in FILE how far was read, for the next time; the file is made
+when it isn't there. --follow ends at an interrupt, or when nobody reads on,
+with exit code 0.
+
+Examples:
+  quill log -n 20
+  quill log --since yesterday --failed
+  quill log --kind delete,protect -v Data
+  quill log --follow --lines 0
+  quill log --json --cursor ~/.quill-seen | jq -r .detail)help"};
 
 const HelpEntry health{"health", "Show how the helper's parts are", R"help(
 States: healthy, degraded, unavailable. The exit code is 0 whatever they are.
+Below them stands what else an administrator should know, and how many records
+of the activity log couldn't be written since the helper started.
 
 Example:
   quill health --json | jq -r .scheduler.state)help"};
+
+const HelpEntry quit{"quit", "Ask the helper to finish what it has begun and to quit",
+                     R"help(
+It goes on answering meanwhile but begins nothing new, and ends in a minute at
+the latest. Where the machine's service manager keeps it running, it starts it
+anew. The exit code is 0 too where it was already quitting.
+
+Example:
+  quill quit)help"};
 
 const HelpEntry version{"version", "Show the versions of quill and of the running helper", R"help(
 Fails where the two speak different protocols.

@@ -14,8 +14,9 @@ struct HelpEntry {
 
 namespace HelpTexts {
 
-extern const HelpEntry program, volumes, list, create, remove, mount, unmount, health, version, call;
-extern const std::string_view volumeOption;
+extern const HelpEntry program, volumes, list, create, safety, remove, protect, unprotect, tag, mount, unmount, log,
+    health, quit, version, call;
+extern const std::string_view volumeOption, logVolumeOption;
 
 }  // namespace HelpTexts
 }  // namespace quillmark::cli

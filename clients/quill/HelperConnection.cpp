@@ -16,20 +16,17 @@ namespace {
 // A snapshot waits for all that was written before it: minutes on a slow disk.
 constexpr std::chrono::minutes patience{30};
 
-Error notReachable(const Error& cause) {
-  const auto says = [&](std::string suggestion) {
-    return clientError(ClientFault::helperNotReachable, cause.description(), std::move(suggestion));
+Error notReachable(const Error& cause, const HelperConnection::AdmissionAdvice& advice) {
+  const auto says = [&](const std::string& message, std::string suggestion) {
+    return clientError(ClientFault::helperNotReachable, message, std::move(suggestion));
   };
   switch (cause.code()) {
     case ENOENT:
     case ENOTDIR:
-    case ECONNREFUSED: return says("Start the helper as root: quillmark-helper");
-    case EACCES: return says("The helper serves root and the members of the group quillmark: join it and log in anew.");
-    case EPIPE:
-      return says(
-          "It serves root and the members of the group quillmark, through an installed quill; its log says why "
-          "it let go.");
-    default: return says({});
+    case ECONNREFUSED: return says(cause.description(), "Start the helper as root: quillmark-helper");
+    case EACCES: return says(cause.description(), advice());
+    case EPIPE: return says("The Quillmark helper didn't let you in: it closed the connection.", advice());
+    default: return says(cause.description(), {});
   }
 }
 
@@ -46,12 +43,20 @@ RpcIncoming understood(const std::string& line) {
   }
 }
 
-Error channelFailed(const Error& cause, bool answered) { return answered ? answerLost(cause) : notReachable(cause); }
+Error channelFailed(const Error& cause, bool answered, const HelperConnection::AdmissionAdvice& advice) {
+  return answered ? answerLost(cause) : notReachable(cause, advice);
+}
 
 }  // namespace
 
-HelperConnection::HelperConnection(std::unique_ptr<ClientChannel> channel, Clock& clock)
-    : channel_(std::move(channel)), clock_(clock) {}
+bool booleanValue(const RpcReply& reply) {
+  if (reply.valueJson == "true") return true;
+  if (reply.valueJson == "false") return false;
+  throw clientError(ClientFault::answerMalformed, "The helper's answer is neither true nor false.");
+}
+
+HelperConnection::HelperConnection(std::unique_ptr<ClientChannel> channel, Clock& clock, AdmissionAdvice advice)
+    : channel_(std::move(channel)), clock_(clock), advice_(std::move(advice)) {}
 
 void HelperConnection::requireSameProtocol() {
   const std::int64_t spoken = call(ProtocolVersion{}).value;
@@ -74,7 +79,7 @@ RpcReply HelperConnection::exchange(const std::string& request) {
     incoming = receiveAnswer();
   } catch (const Error& error) {
     if (error.domain() != posixErrorDomain) throw;
-    throw channelFailed(error, answered_);
+    throw channelFailed(error, answered_, advice_);
   }
   answered_ = true;
   if (incoming.kind == RpcIncoming::Kind::refusal) {
@@ -105,9 +110,9 @@ HelperConnection& HelperAccess::connection() {
 HelperConnection& HelperAccess::anyConnection() {
   if (!connection_) {
     try {
-      connection_ = std::make_unique<HelperConnection>(connect_(), clock_);
+      connection_ = std::make_unique<HelperConnection>(connect_(), clock_, advice_);
     } catch (const Error& error) {
-      throw channelFailed(error, false);
+      throw channelFailed(error, false, advice_);
     }
   }
   return *connection_;

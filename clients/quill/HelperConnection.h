@@ -34,6 +34,9 @@ struct Answer {
   std::optional<Error> warning;
 };
 
+// Throws answerMalformed for anything but true and false.
+[[nodiscard]] bool booleanValue(const RpcReply& reply);
+
 template <ReplyKind kind>
 struct ReplyValue {
   using type = std::string;  // the text, or the JSON text of a payload
@@ -42,10 +45,17 @@ template <>
 struct ReplyValue<ReplyKind::int64> {
   using type = std::int64_t;
 };
+template <>
+struct ReplyValue<ReplyKind::boolean> {
+  using type = bool;
+};
 
 class HelperConnection final {
  public:
-  HelperConnection(std::unique_ptr<ClientChannel> channel, Clock& clock);
+  // What one who isn't let in can do.
+  using AdmissionAdvice = std::function<std::string()>;
+
+  HelperConnection(std::unique_ptr<ClientChannel> channel, Clock& clock, AdmissionAdvice advice);
 
   // Throws protocolVersionMismatch when the helper speaks another version than this client.
   void requireSameProtocol();
@@ -59,6 +69,7 @@ class HelperConnection final {
     if (!warningAlone) {
       if constexpr (Command::traits.reply == ReplyKind::string) answer.value = stringValue(reply);
       if constexpr (Command::traits.reply == ReplyKind::int64) answer.value = int64Value(reply);
+      if constexpr (Command::traits.reply == ReplyKind::boolean) answer.value = booleanValue(reply);
       if constexpr (Command::traits.reply == ReplyKind::data) answer.value = reply.valueJson.value_or("null");
     }
     answer.warning = std::move(reply.error);
@@ -75,6 +86,7 @@ class HelperConnection final {
 
   const std::unique_ptr<ClientChannel> channel_;
   Clock& clock_;
+  const AdmissionAdvice advice_;
   std::uint64_t lastId_ = 0;
   bool answered_ = false;
 };
@@ -87,7 +99,8 @@ class HelperAccess final {
   // Throws Error when the helper can't be reached.
   using Connect = std::function<std::unique_ptr<ClientChannel>()>;
 
-  HelperAccess(Connect connect, Clock& clock) : connect_(std::move(connect)), clock_(clock) {}
+  HelperAccess(Connect connect, Clock& clock, HelperConnection::AdmissionAdvice advice)
+      : connect_(std::move(connect)), clock_(clock), advice_(std::move(advice)) {}
 
   // With a helper of the same protocol.
   [[nodiscard]] HelperConnection& connection();
@@ -97,6 +110,7 @@ class HelperAccess final {
  private:
   const Connect connect_;
   Clock& clock_;
+  const HelperConnection::AdmissionAdvice advice_;
   std::unique_ptr<HelperConnection> connection_;
   bool checked_ = false;
 };

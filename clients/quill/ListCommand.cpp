@@ -5,6 +5,7 @@
 #include "quill/Failures.h"
 #include "quill/QuillCommands.h"
 #include "quill/SnapshotReference.h"
+#include "quill/TimeText.h"
 #include "quill/VolumeChoice.h"
 #include "wire/Json.h"
 

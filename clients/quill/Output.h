@@ -19,10 +19,13 @@ class TextSink {
   enum class Stream { output, errors };
   virtual ~TextSink() = default;
   virtual void write(Stream stream, std::string_view text) = 0;
+  // Whoever read standard output went away.
+  [[nodiscard]] virtual bool readerGone() const { return false; }
 };
 
 // What the two streams are.
 struct TerminalFacts {
+  bool inputIsTerminal = false;
   bool outputIsTerminal = false;
   bool errorsIsTerminal = false;
   bool obeysEscapes = false;  // the terminal's type is known to
@@ -48,7 +51,13 @@ class Output final {
   void text(std::string_view text);
   void table(const Table& table);
   void jsonText(std::string_view json);
+  // Lines that were made harmless already, by a layout or as JSON.
+  void laidOut(std::string_view lines);
+  [[nodiscard]] TableStyle style() const;
+  [[nodiscard]] bool readerGone() const { return sink_.readerGone(); }
 
+  // "quill: …" on standard error: something to know, no failure.
+  void note(std::string_view text);
   // "quill: …" and the advice below.
   void warn(const Error& error);
   // As warn; as JSON a document on standard output instead, where that takes it.

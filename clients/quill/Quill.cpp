@@ -11,8 +11,10 @@ namespace quillmark::cli {
 namespace {
 
 int runInvocation(const Invocation& invocation, World& world, Output& output) {
-  HelperAccess helper([&] { return world.connect(invocation.socket); }, world.clock);
-  CommandContext context{helper, world.volumes, world.clock, output, world.paths, world.busy};
+  const auto advice = [&] { return adviceOnAdmission(world.admission(), world.paths.helperLog); };
+  HelperAccess helper([&] { return world.connect(invocation.socket); }, world.clock, advice);
+  CommandContext context{helper,     world.volumes, world.clock,  output,        world.paths,
+                         world.busy, world.posix,   world.random, world.confirm, world.waitForMore};
   return std::visit([&](const auto& request) { return run(context, request); }, invocation.request);
 }
 

@@ -13,6 +13,9 @@
 #include "platform/HostPaths.h"
 #include "platform/Transport.h"
 #include "platform/clock.h"
+#include "platform/posix.h"
+#include "platform/random.h"
+#include "quill/Admission.h"
 #include "quill/LocalVolumes.h"
 #include "quill/Output.h"
 
@@ -27,6 +30,11 @@ struct World {
   // Another socket than the service's own, where one was asked for. Throws Error in the POSIX domain.
   std::function<std::unique_ptr<ClientChannel>(const std::optional<std::string>& socket)> connect;
   std::function<std::shared_ptr<void>(const std::string& text)> busy;
+  Posix& posix;
+  Random& random;
+  std::function<bool(const std::string& question)> confirm;  // empty where nobody can be asked
+  std::function<bool()> waitForMore;
+  std::function<Admission()> admission;
 };
 
 // Arguments as bytes, without the program's name.

@@ -9,6 +9,8 @@
 #include <string>
 
 #include "platform/HostPaths.h"
+#include "platform/posix.h"
+#include "platform/random.h"
 #include "quill/CommandLine.h"
 #include "quill/HelperConnection.h"
 #include "quill/LocalVolumes.h"
@@ -24,15 +26,26 @@ struct CommandContext {
   const HostPaths& paths;
   // Tells the person what is waited for as long as the result lives.
   std::function<std::shared_ptr<void>(const std::string& text)> busy;
+  Posix& posix;
+  Random& random;
+  // Asks the person, with a text that was made harmless; empty where there is none to ask.
+  std::function<bool(const std::string& question)> confirm;
+  // Waits for more in the shared directory, at most a moment. False once the person has had enough, or is gone.
+  std::function<bool()> waitForMore;
 };
 
 [[nodiscard]] int run(CommandContext& context, const VolumesRequest& request);
 [[nodiscard]] int run(CommandContext& context, const ListRequest& request);
 [[nodiscard]] int run(CommandContext& context, const CreateRequest& request);
+[[nodiscard]] int run(CommandContext& context, const SafetyRequest& request);
 [[nodiscard]] int run(CommandContext& context, const DeleteRequest& request);
+[[nodiscard]] int run(CommandContext& context, const ProtectRequest& request);
+[[nodiscard]] int run(CommandContext& context, const TagRequest& request);
 [[nodiscard]] int run(CommandContext& context, const MountRequest& request);
 [[nodiscard]] int run(CommandContext& context, const UnmountRequest& request);
+[[nodiscard]] int run(CommandContext& context, const LogRequest& request);
 [[nodiscard]] int run(CommandContext& context, const HealthRequest& request);
+[[nodiscard]] int run(CommandContext& context, const QuitRequest& request);
 [[nodiscard]] int run(CommandContext& context, const VersionRequest& request);
 [[nodiscard]] int run(CommandContext& context, const CallRequest& request);
 

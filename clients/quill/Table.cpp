@@ -9,7 +9,7 @@ namespace quillmark::cli {
 namespace {
 
 constexpr std::size_t gap = 2;
-constexpr std::size_t leastCut = 16;
+constexpr std::size_t leastCut = 12;
 
 // Columns that are shown, each with its width.
 struct Shape {
@@ -37,9 +37,10 @@ Shape naturalShape(const Table& table, const Lines& lines) {
   Shape shape;
   for (std::size_t column = 0; column < table.columns.size(); ++column) {
     const auto isEmpty = [&](const auto& line) { return line[column].empty(); };
-    const bool shown = !table.columns[column].mayBeLeft || !std::all_of(lines.begin(), lines.end(), isEmpty);
+    const Column& facts = table.columns[column];
+    const bool shown = !facts.mayBeLeft || facts.least > 0 || !std::all_of(lines.begin(), lines.end(), isEmpty);
     if (shown) shape.shown.push_back(column);
-    std::size_t width = displayWidth(table.columns[column].head);
+    std::size_t width = std::max(displayWidth(facts.head), facts.least);
     for (const auto& line : lines) width = std::max(width, displayWidth(line[column]));
     shape.widths.push_back(width);
   }
@@ -94,41 +95,56 @@ std::string toned(const std::string& text, Tone tone, bool color) {
   return code + text + "\x1b[0m";
 }
 
+TerminalLayout::TerminalLayout(const Table& first, const TableStyle& style)
+    : columns_(first.columns), color_(style.color) {
+  Shape shape = naturalShape(first, shownCells(first));
+  if (style.width > 0) {
+    leaveOut(first, style.width, shape);
+    cutDown(first, style.width, shape);
+  }
+  shown_ = std::move(shape.shown);
+  widths_ = std::move(shape.widths);
+}
+
+std::string TerminalLayout::head() const {
+  Line line;
+  for (const std::size_t column : shown_) {
+    const Column& facts = columns_[column];
+    line.add(facts.head, bold(facts.head, color_), widths_[column], facts.align);
+  }
+  return line.whole();
+}
+
+std::string TerminalLayout::row(const std::vector<Cell>& cells) const {
+  Line line;
+  for (const std::size_t column : shown_) {
+    std::string bare = shownText(cells[column].text);
+    if (columns_[column].mayBeCut) bare = shortened(bare, widths_[column]);
+    line.add(bare, toned(bare, cells[column].tone, color_), widths_[column], columns_[column].align);
+  }
+  return line.whole();
+}
+
 std::string layOutForTerminal(const Table& table, const TableStyle& style) {
   if (table.rows.empty()) return {};
-  const Lines lines = shownCells(table);
-  Shape shape = naturalShape(table, lines);
-  if (style.width > 0) {
-    leaveOut(table, style.width, shape);
-    cutDown(table, style.width, shape);
-  }
-  Line head;
-  for (const std::size_t column : shape.shown) {
-    const Column& facts = table.columns[column];
-    head.add(facts.head, bold(facts.head, style.color), shape.widths[column], facts.align);
-  }
-  std::string text = head.whole();
-  for (std::size_t row = 0; row < lines.size(); ++row) {
-    Line line;
-    for (const std::size_t column : shape.shown) {
-      const std::string bare = shortened(lines[row][column], shape.widths[column]);
-      const std::string dressed = toned(bare, table.rows[row][column].tone, style.color);
-      line.add(bare, dressed, shape.widths[column], table.columns[column].align);
-    }
-    text += line.whole();
-  }
+  const TerminalLayout layout(table, style);
+  std::string text = layout.head();
+  for (const auto& row : table.rows) text += layout.row(row);
   return text;
+}
+
+std::string plainRow(const std::vector<Cell>& cells) {
+  std::string text;
+  for (const Cell& cell : cells) {
+    if (!text.empty()) text += ' ';
+    text += plainWord(cell.plain.value_or(cell.text));
+  }
+  return text + '\n';
 }
 
 std::string layOutPlain(const Table& table) {
   std::string text;
-  for (const auto& row : table.rows) {
-    for (std::size_t column = 0; column < row.size(); ++column) {
-      if (column > 0) text += ' ';
-      text += plainWord(row[column].plain.value_or(row[column].text));
-    }
-    text += '\n';
-  }
+  for (const auto& row : table.rows) text += plainRow(row);
   return text;
 }
 

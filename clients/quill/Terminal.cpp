@@ -8,6 +8,7 @@
 #include <cerrno>
 #include <cstdlib>
 
+#include "base/Text.h"
 #include "quill/Failures.h"
 
 namespace quillmark::cli {
@@ -25,6 +26,20 @@ std::size_t columnsOf(int fd) {
   winsize size{};
   if (::ioctl(fd, TIOCGWINSZ, &size) != 0) return 0;
   return size.ws_col >= leastColumns && size.ws_col <= mostColumns ? size.ws_col : 0;
+}
+
+// Of standard input, cut at a bound; what was typed of it when the input ends.
+std::string readLine() {
+  constexpr std::size_t longestAnswer = 1024;
+  std::string line;
+  char c = 0;
+  while (line.size() < longestAnswer) {
+    const ssize_t count = ::read(STDIN_FILENO, &c, 1);
+    if (count < 0 && errno == EINTR) continue;
+    if (count <= 0 || c == '\n') break;
+    line += c;
+  }
+  return line;
 }
 
 // 0, or the errno by which the rest couldn't be written.
@@ -55,6 +70,7 @@ void requireStandardDescriptors() {
 TerminalFacts terminalFacts() {
   const std::string_view type = environment("TERM");
   TerminalFacts facts;
+  facts.inputIsTerminal = ::isatty(STDIN_FILENO) == 1;
   facts.outputIsTerminal = ::isatty(STDOUT_FILENO) == 1;
   facts.errorsIsTerminal = ::isatty(STDERR_FILENO) == 1;
   facts.obeysEscapes = !type.empty() && type != "dumb";
@@ -74,6 +90,16 @@ void DescriptorSink::write(Stream stream, std::string_view text) {
   readerGone_ = true;
   if (error != EPIPE)
     throw clientError(ClientFault::outputFailed, "The output could not be written: " + errnoText(error));
+}
+
+std::function<bool(const std::string&)> personToAsk(TextSink& sink, const TerminalFacts& facts) {
+  if (!facts.inputIsTerminal || (!facts.errorsIsTerminal && !facts.outputIsTerminal)) return {};
+  const auto stream = facts.errorsIsTerminal ? TextSink::Stream::errors : TextSink::Stream::output;
+  return [&sink, stream](const std::string& question) {
+    sink.write(stream, question);
+    const std::string answer = asciiLower(readLine());
+    return answer == "y" || answer == "yes";
+  };
 }
 
 }  // namespace quillmark::cli

@@ -1,6 +1,9 @@
 // The person's side of the process: its three standard descriptors and what they are.
 #pragma once
 
+#include <functional>
+#include <string>
+
 #include "quill/Output.h"
 
 namespace quillmark::cli {
@@ -15,9 +18,14 @@ void requireStandardDescriptors();
 class DescriptorSink final : public TextSink {
  public:
   void write(Stream stream, std::string_view text) override;
+  bool readerGone() const override { return readerGone_; }
 
  private:
   bool readerGone_ = false;  // of standard output
 };
+
+// Asks with a text that was made harmless, and reads a line: true for "y" and "yes". Empty unless somebody sits at
+// standard input and sees one of the other two. Borrows the sink.
+[[nodiscard]] std::function<bool(const std::string& question)> personToAsk(TextSink& sink, const TerminalFacts& facts);
 
 }  // namespace quillmark::cli

@@ -4,9 +4,12 @@
 
 #include "platform/linux/Clock.h"
 #include "platform/linux/Dispatch.h"
+#include "platform/linux/Posix.h"
+#include "platform/linux/Random.h"
 #include "platform/linux/ServiceHost.h"
 #include "platform/linux/TransportClient.h"
 #include "quill/EarlyConnection.h"
+#include "quill/FollowWait.h"
 #include "quill/LinuxLocalVolumes.h"
 #include "quill/ProgressSign.h"
 #include "quill/Quill.h"
@@ -50,7 +53,25 @@ int start(const std::vector<std::string>& arguments, EarlyConnection early, Host
     if (!terminal.errorsIsTerminal || !terminal.obeysEscapes) return nullptr;
     return std::make_shared<ProgressSign>(dispatch, sink, text);
   };
-  World world{sink, terminal, *clock, volumes, paths, connect, busy};
+  os::LinuxPosix posix;
+  os::LinuxRandom random;
+  FollowWait follow(paths.sharedDirectory);
+  const auto waitForMore = [&] {
+    early.channel.reset();  // who follows the log for days takes nobody's place at the helper
+    return follow.wait();
+  };
+  World world{.sink = sink,
+              .terminal = terminal,
+              .clock = *clock,
+              .volumes = volumes,
+              .paths = paths,
+              .connect = connect,
+              .busy = busy,
+              .posix = posix,
+              .random = random,
+              .confirm = personToAsk(sink, terminal),
+              .waitForMore = waitForMore,
+              .admission = admissionHere};
   return runQuill(arguments, world);
 }
 
@@ -60,6 +81,7 @@ int start(const std::vector<std::string>& arguments, EarlyConnection early, Host
 int main(int count, char** words) {
   using namespace quillmark;
   cli::requireStandardDescriptors();
+  cli::keepHarmlessEnvironment();
   HostPaths paths;
   cli::EarlyConnection early = cli::connectAndDropGroup(paths.socket);
   ::signal(SIGPIPE, SIG_IGN);

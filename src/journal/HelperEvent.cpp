@@ -22,8 +22,26 @@ struct CaseNames<HelperEvent::Client> {
                                     std::pair{finderSync, "finderSync"}, std::pair{unknown, "unknown"}};
 };
 
+std::string_view word(HelperEvent::Kind kind) {
+  return CaseNames<HelperEvent::Kind>::names[static_cast<std::size_t>(kind)].second;
+}
+
 std::string_view word(HelperEvent::Client client) {
   return CaseNames<HelperEvent::Client>::names[static_cast<std::size_t>(client)].second;
+}
+
+std::string_view label(HelperEvent::Kind kind) {
+  static constexpr std::array labels{
+      "Snapshot Created", "Snapshot Deleted",   "Snapshot Mounted", "Snapshot Unmounted", "Snapshots Compared",
+      "Snapshot Indexed", "Protection Changed", "Tag Changed",      "File Restored",      "Mass Change Detected"};
+  static_assert(labels.size() == HelperEvent::allKinds.size());
+  return labels[static_cast<std::size_t>(kind)];
+}
+
+std::string_view label(HelperEvent::Client client) {
+  static constexpr std::array labels{"GUI", "CLI", "Helper", "Finder", "Other"};
+  static_assert(labels.size() == HelperEvent::allClients.size());
+  return labels[static_cast<std::size_t>(client)];
 }
 
 template <>

@@ -11,6 +11,8 @@ struct Bundle {
   std::optional<std::string> identifier;
   std::optional<std::string> shortVersion;  // CFBundleShortVersionString
   std::optional<std::string> gitCommit;
+  // What administrators have to know of the key that tells genuine clients; absent when there is nothing to say.
+  std::optional<std::string> anchorNote;
 };
 
 }  // namespace quillmark

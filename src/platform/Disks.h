@@ -4,14 +4,19 @@
 #pragma once
 
 #include <cstdint>
+#include <memory>
 #include <optional>
 #include <string>
 #include <variant>
 #include <vector>
 
+#include "base/UniqueFunction.h"
 #include "base/Uuid.h"
 
 namespace quillmark {
+
+class Dispatch;
+class Queue;
 
 // A registry property: absent, a string, or an array of strings.
 using RegistryProperty = std::variant<std::monostate, std::string, std::vector<std::string>>;
@@ -37,8 +42,25 @@ struct VolumeCapacities {
   std::optional<std::uint64_t> availableForImportantUsage;
 };
 
+// Something was mounted, is no longer mounted, or is mounted otherwise than before.
+struct DiskEvent {
+  enum class Kind { appeared, disappeared, descriptionChanged } kind = Kind::appeared;
+  std::optional<std::string> volumePath;  // of what disappeared: where it was
+  std::optional<std::string> volumeKind;
+  std::optional<std::string> mediaBsdName;
+  bool operator==(const DiskEvent&) const = default;
+};
+
+// Ownership: dropping it ends the watch; a handler that is running ends, none starts afterwards.
+class DiskWatch {
+ public:
+  virtual ~DiskWatch() = default;
+};
+
 class Disks {
  public:
+  using DiskEventHandler = UniqueFunction<void(const DiskEvent&)>;
+
   virtual ~Disks() = default;
 
   // False when the platform's disk service can't be asked at all.
@@ -51,6 +73,11 @@ class Disks {
   // The "BSD Name" of every media entry; absent when the registry can't be read.
   [[nodiscard]] virtual std::optional<std::vector<std::string>> mediaBsdNames() = 0;
   [[nodiscard]] virtual VolumeCapacities capacities(const std::string& volumePath) = 0;
+  // What happens to mounts of disks' file systems from now on, one event for each mount; those of other kinds
+  // (containers', networks', the kernel's own) and of parts of a file system make none. The handler runs on the queue,
+  // which has to be serial. Null when the platform can't watch.
+  [[nodiscard]] virtual std::unique_ptr<DiskWatch> watch(Dispatch& dispatch, std::shared_ptr<Queue> queue,
+                                                         DiskEventHandler handler) = 0;
 };
 
 }  // namespace quillmark

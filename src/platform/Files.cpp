@@ -35,6 +35,21 @@ void createDirectories(Posix& posix, const std::string& path, std::uint32_t mode
   setAttributes(posix, path, mode, owner);
 }
 
+void createDirectoriesDurably(Posix& posix, const std::string& path, std::uint32_t mode, Ownership owner) {
+  if (const auto status = posix.lstat(path); status && status->type == FileType::directory) return;
+  const std::string parent = parentDirectory(path);
+  if (parent != path && parent != ".") createDirectoriesDurably(posix, parent, parentMode, {});
+  createDirectories(posix, path, mode, owner);
+  syncNamesIn(posix, parent);
+}
+
+void syncNamesIn(Posix& posix, const std::string& path) {
+  const SysResult<int> opened = posix.open(path, {.read = true, .directory = true});
+  if (!opened) throw posixError("open", path, opened.error());
+  const OpenFile directory(posix, *opened);
+  if (const SysStatus synced = posix.fsync(directory.get()); !synced) throw posixError("fsync", path, synced.error());
+}
+
 std::optional<std::string> readFile(Posix& posix, const std::string& path, std::size_t limit) {
   const SysResult<int> opened = posix.open(path, {.read = true});
   if (!opened && opened.error() == ENOENT) return std::nullopt;
@@ -84,6 +99,7 @@ void writeAtomically(Posix& posix, Random& random, const std::string& path, std:
     (void)posix.unlink(temporary);
     throw;
   }
+  syncNamesIn(posix, parentDirectory(path));
 }
 
 void setAttributes(Posix& posix, const std::string& path, std::uint32_t mode, Ownership owner) {

@@ -24,12 +24,19 @@ struct Ownership {
 // is accepted as it is.
 void createDirectories(Posix& posix, const std::string& path, std::uint32_t mode, Ownership owner = {});
 
+// The same, and what it makes outlives a power cut: each new name is synced before the next one is made.
+void createDirectoriesDurably(Posix& posix, const std::string& path, std::uint32_t mode, Ownership owner = {});
+
+// The names in the directory are on disk when it returns.
+void syncNamesIn(Posix& posix, const std::string& path);
+
 // Absent when the file doesn't exist. Past the limit it fails with EFBIG.
 [[nodiscard]] std::optional<std::string> readFile(Posix& posix, const std::string& path,
                                                   std::size_t limit = std::size_t{1} << 30);
 
 // Through a temporary file in the same directory and a rename: the path holds the old content or the new, whole. The
-// data is on disk before it takes the name. On failure no temporary file stays.
+// data is on disk before it takes the name, and the name when it returns. On failure no temporary file stays; the path
+// may hold the new content then if only the directory couldn't be synced.
 void writeAtomically(Posix& posix, Random& random, const std::string& path, std::string_view data, std::uint32_t mode);
 
 // Sets mode and owner.

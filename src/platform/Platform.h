@@ -10,6 +10,8 @@ namespace quillmark {
 class Clock;
 class Disks;
 class Dispatch;
+class FileWork;
+class PeerIdentities;
 class PlatformLog;
 class Posix;
 class Processes;
@@ -19,17 +21,21 @@ class SnapshotCalls;
 class ThisProcess;
 class TransportListener;
 class Users;
+class VolumeAttributes;
 
 struct Platform {
   Dispatch& dispatch;
   Clock& clock;
   Random& random;
   Posix& posix;
+  FileWork& fileWork;
   SnapshotCalls& snapshots;
+  VolumeAttributes& attributes;
   Disks& disks;
   Processes& processes;
   PropertyLists& propertyLists;
   TransportListener& listener;
+  PeerIdentities& peers;
   PlatformLog& log;
   ThisProcess& process;
   Users& users;

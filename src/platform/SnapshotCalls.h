@@ -5,6 +5,7 @@
 //          is mounted or in use, ERANGE for a buffer too small, EINVAL for a path that is no mount point.
 #pragma once
 
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <memory>
@@ -65,6 +66,13 @@ struct FileSystemStatus {
   std::uint64_t availableBlocks = 0;
 };
 
+// Deletions that belong together. While one lives, what takes long to ask for each may be known from up to a second ago:
+// what is mounted where only other processes see it.
+class DeletionBatch {
+ public:
+  virtual ~DeletionBatch() = default;
+};
+
 class SnapshotCalls {
  public:
   virtual ~SnapshotCalls() = default;
@@ -77,6 +85,8 @@ class SnapshotCalls {
   // EBUSY while the snapshot is mounted anywhere or being read by us. ENOENT when it is gone, or when the name has passed
   // to another snapshot than the one meant.
   [[nodiscard]] virtual SysStatus fs_snapshot_delete(OpenVolume& volume, const std::string& name, Xid meant) = 0;
+  // Null where every deletion asks for itself.
+  [[nodiscard]] virtual std::unique_ptr<DeletionBatch> beginDeletions() { return nullptr; }
   // Writes whole records and answers how many, 0 at the end; calls on one open volume go on where the last one stopped.
   // A record: u32 length; u32[5] returned attribute groups; i32 offset (from byte 24) and u32 length of the name;
   // i64 seconds and i64 nanoseconds of the creation time since 1970; u64 file ID; the name's UTF-8 with a closing NUL.
@@ -89,6 +99,9 @@ class SnapshotCalls {
   // With force the path goes at once; who has files open there goes on reading.
   [[nodiscard]] virtual SysStatus unmount(const std::string& path, bool force) = 0;
   [[nodiscard]] virtual SysResult<FileSystemStatus> statfs(const std::string& path) = 0;
+  // Waits until the space of the snapshots that were deleted on the volume mounted there is back, or can't be got back
+  // now; false when the time passed first. At once where deleting gives it back.
+  [[nodiscard]] virtual bool waitForSpace(const std::string& mountPoint, std::chrono::nanoseconds duration);
 };
 
 }  // namespace quillmark

@@ -27,12 +27,19 @@ struct TransportLimits {
   unsigned maxConnectionsPerUser = 16;
 };
 
+// The backend's hold on the peer's process, so that another one with its number can't pass as it.
+class PeerProcess {
+ public:
+  virtual ~PeerProcess() = default;
+};
+
 // Who is at the other end, told by the kernel at connect.
 struct PeerCredentials {
   std::uint32_t uid = 0;  // effective
   std::uint32_t gid = 0;
   std::vector<std::uint32_t> groups;  // supplementary
   int pid = 0;
+  std::shared_ptr<PeerProcess> process;
 };
 
 enum class CloseReason {
@@ -40,6 +47,7 @@ enum class CloseReason {
   closedByUs,   // close()
   lineTooLong,  // in or out
   stalled,      // the peer stopped reading
+  notThePeer,   // a message that wasn't sent by the program that was let in
   failed,       // anything else of the platform
 };
 
@@ -52,6 +60,9 @@ class TransportConnection {
 
   virtual ~TransportConnection() = default;
   [[nodiscard]] virtual const PeerCredentials& peer() const = 0;
+  // From here on, for the connection's whole life, only messages count that the peer's own process sends while it runs
+  // the program whose audit token was read before; the first other one ends the connection. Call before start().
+  virtual void setCodeSigningRequirement(std::string_view requirement) = 0;
   // Nothing is read before this. Call once.
   virtual void start(Callbacks callbacks) = 0;
   // Queues the line (a newline is added); in order of the calls. Never waits. After the end it does nothing.

@@ -69,7 +69,8 @@ class Timer {
   virtual ~Timer() = default;
   // Monotonic: sleep doesn't count. Setting anew replaces what was set.
   virtual void fireAfter(std::chrono::nanoseconds delay, std::optional<std::chrono::nanoseconds> interval = {}) = 0;
-  // Wall clock: follows it when it is set. A repeating timer that missed firings, asleep or by a set clock, fires once.
+  // Wall clock: follows it when it is set. A repeating timer that missed firings, asleep or by a set clock, fires once;
+  // one whose clock was set back goes on in its grid, with its next firing never more than an interval away.
   virtual void fireAt(Date date, std::optional<Seconds> interval = {}) = 0;
   virtual void cancel() = 0;
 };

@@ -8,15 +8,25 @@ namespace quillmark {
 
 void handle(CommandRun& run, const HelperVersion& call);
 void handle(CommandRun& run, const HelperGitCommit& call);
+void handle(CommandRun& run, const RequestQuit& call);
 void handle(CommandRun& run, const ProtocolVersion& call);
+void handle(CommandRun& run, const GetAuditLogHealth& call);
 void handle(CommandRun& run, const HelperHealth& call);
 void handle(CommandRun& run, const GetSchedule& call);
 void handle(CommandRun& run, const ListSchedules& call);
 void handle(CommandRun& run, const GetHelperSettings& call);
 void handle(CommandRun& run, const ListSnapshots& call);
 void handle(CommandRun& run, const CreateSnapshot& call);
+void handle(CommandRun& run, const CreateSafetySnapshot& call);
 void handle(CommandRun& run, const DeleteSnapshot& call);
+void handle(CommandRun& run, const DeleteSnapshots& call);
+void handle(CommandRun& run, const SetProtected& call);
+void handle(CommandRun& run, const SetSnapshotTag& call);
 void handle(CommandRun& run, const MountSnapshot& call);
+void handle(CommandRun& run, const MountSnapshots& call);
 void handle(CommandRun& run, const UnmountSnapshot& call);
+void handle(CommandRun& run, const UnmountSnapshots& call);
+void handle(CommandRun& run, const PinSnapshotMounts& call);
+void handle(CommandRun& run, const UnpinSnapshotMounts& call);
 
 }  // namespace quillmark

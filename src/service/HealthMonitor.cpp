@@ -26,6 +26,15 @@ std::optional<std::string> problemOf(const HelperHealthStatus& status) {
   return join(problems, "; ");
 }
 
+std::optional<std::vector<std::string>> notesOf(const std::vector<HealthNote>& providers) {
+  std::vector<std::string> notes;
+  for (const HealthNote& provider : providers) {
+    if (std::optional<std::string> note = provider()) notes.push_back(std::move(*note));
+  }
+  if (notes.empty()) return std::nullopt;
+  return notes;
+}
+
 }  // namespace
 
 HealthMonitor::HealthMonitor(Threads& threads, Random& random, HelperLog& log, HealthProbes probes)
@@ -40,6 +49,7 @@ HelperHealthStatus HealthMonitor::evaluate() {
   status.settings = ask(probes_.settings);
   status.protection = ask(probes_.protection);
   status.scheduler = ask(probes_.scheduler);
+  status.notes = notesOf(probes_.notes);
   status.correlationID = noteEpisode(problemOf(status));
   status.generatedAt = threads_.clock().now();
   return status;

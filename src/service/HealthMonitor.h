@@ -5,6 +5,7 @@
 #include <functional>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "platform/sync.h"
 #include "wire/Records.h"
@@ -13,6 +14,9 @@ namespace quillmark {
 
 class HelperLog;
 class Random;
+
+// What administrators should know though nothing is broken; absent while there is nothing to say.
+using HealthNote = std::function<std::optional<std::string>()>;
 
 // One for each subsystem; an empty one belongs to a subsystem that isn't part of this build and counts as healthy.
 struct HealthProbes {
@@ -23,6 +27,7 @@ struct HealthProbes {
   Probe settings;
   Probe protection;
   Probe scheduler;
+  std::vector<HealthNote> notes;
 };
 
 class HealthMonitor final {

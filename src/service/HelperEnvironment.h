@@ -1,42 +1,58 @@
 // HelperEnvironment: the one owner of everything long-lived in the service. It wires; it decides nothing.
-// A part that isn't built, or whose store can't be opened, is null: its features are off and the service goes on.
+// A pointer is a part that isn't built, or whose store can't be opened: null, its features are off and the service goes on.
 // Ownership: owns its members, borrows the platform.
 // Threads:   members are set before the listener is resumed and read from every queue afterwards.
 #pragma once
 
 #include <memory>
 #include <string>
+#include <vector>
 
+#include "journal/ActivityLog.h"
 #include "platform/Platform.h"
 #include "service/ClientConnections.h"
 #include "service/HealthMonitor.h"
 #include "service/ShutdownCoordinator.h"
 #include "service/SnapshotChangePush.h"
 #include "snapshots/APFSManager.h"
+#include "snapshots/MountPinRegistry.h"
 #include "snapshots/SnapshotIdentity.h"
+#include "snapshots/SnapshotMutationScope.h"
+#include "snapshots/SnapshotNamePersistence.h"
+#include "snapshots/SnapshotTagStore.h"
+#include "snapshots/VolumeProtectionStore.h"
+#include "snapshots/VolumeQueueRegistry.h"
 #include "snapshots/VolumeService.h"
 
 namespace quillmark {
 
-class AuditTrail;
 class HelperLog;
 class PolicySource;
 class SettingsSource;
-class SnapshotDisplayNames;
 class SnapshotHistory;
-class SnapshotProtection;
 class SnapshotSizes;
-class SnapshotTags;
 
 class HelperEnvironment final {
  public:
-  HelperEnvironment(const Platform& platform, HelperLog& log, std::function<void()> exitProcess);
+  struct Hooks {
+    std::function<void()> exitProcess;
+    std::vector<HealthNote> healthNotes;  // what the backend has to tell administrators
+  };
+  HelperEnvironment(const Platform& platform, HelperLog& log, Hooks hooks);
 
   // Before the listener is resumed; a second call does nothing.
   void start();
 
   const Platform platform;
   HelperLog& log;
+
+  VolumeProtectionStore protection;
+  SnapshotNamePersistence names;
+  SnapshotTagStore tags;
+  ActivityLog audit;
+  SnapshotMutationScope mutations;
+  MountPinRegistry mountPins;
+  VolumeQueueRegistry volumeQueues;
 
   ClientConnections connections;
   SnapshotIdentity identity;
@@ -50,16 +66,13 @@ class HelperEnvironment final {
   // removes the directory on which another is about to mount.
   Mutex mountPaths;
 
-  AuditTrail* audit = nullptr;
   PolicySource* policies = nullptr;
   SettingsSource* settings = nullptr;
-  SnapshotProtection* protection = nullptr;
-  SnapshotTags* tags = nullptr;
-  SnapshotDisplayNames* names = nullptr;
   SnapshotHistory* history = nullptr;
   SnapshotSizes* sizes = nullptr;
 
  private:
+  [[nodiscard]] HealthProbes probes(std::vector<HealthNote> notes);
   void snapshotInventoryChanged(const std::string& volumeUUID);
 
   Guarded<bool> startedOnce_;

@@ -13,7 +13,7 @@ HelperProcess::HelperProcess(const Platform& platform, Options options)
     : platform_(platform), options_(std::move(options)),
       log_(platform.dispatch, platform.clock, platform.posix, platform.log, platform.process, platform.paths.helperLog,
            options_.logRotation),
-      environment_(platform, log_, options_.exitProcess), listener_(environment_) {}
+      environment_(platform, log_, {options_.exitProcess, options_.healthNotes}), listener_(environment_) {}
 
 void HelperProcess::start() {
   raiseDescriptorLimit(platform_.process, log_);

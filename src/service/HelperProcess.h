@@ -18,13 +18,14 @@ class HelperProcess final {
     HelperLogWriter::Rotation logRotation = HelperLogWriter::Rotation::never;
     std::string executable = "?";  // for the log
     std::function<void()> exitProcess;
+    std::vector<HealthNote> healthNotes = {};
   };
   HelperProcess(const Platform& platform, Options options);
 
   // Everything up to serving. Throws Error when the place to listen on can't be had.
   void start();
   // Starts the drain, as a client's request would.
-  void requestQuit() { environment_.shutdown.requestQuit(); }
+  void requestQuit() { (void)environment_.shutdown.requestQuit(); }
   [[nodiscard]] HelperEnvironment& environment() { return environment_; }
   [[nodiscard]] HelperLog& log() { return log_; }
 

@@ -64,11 +64,15 @@ void HelperService::begin(RpcCall call) {
   callStarted();
   const CommandSpec& command = *call.command;
   if (const std::string line = entryLine(command, call.arguments); !line.empty()) environment_.log.info(line);
-  if (command.drains && environment_.shutdown.isDraining()) {
-    return answer(call.id,
-                  {std::nullopt, QuillmarkError::make(QuillmarkErrorCode::helperRestarting,
-                                                      "Quillmark helper is restarting; try again in a moment.")});
-  }
+  if (!command.drains) return enqueue(std::move(call));
+  const std::optional<std::string> id = call.id;
+  if (environment_.shutdown.admit([&] { enqueue(std::move(call)); })) return;
+  answer(id, {std::nullopt, QuillmarkError::make(QuillmarkErrorCode::helperRestarting,
+                                                 "Quillmark helper is restarting; try again in a moment.")});
+}
+
+void HelperService::enqueue(RpcCall call) {
+  const CommandSpec& command = *call.command;
   if (command.queue == CommandQueue::delivery) return run(command, call.arguments, call.id);
   queueOf(command.queue)->async([weak = weak_from_this(), call = std::move(call)] {
     if (const auto self = weak.lock()) self->run(*call.command, call.arguments, call.id);

@@ -43,6 +43,7 @@ class HelperService final : public std::enable_shared_from_this<HelperService> {
  private:
   [[nodiscard]] bool isExported(const CommandSpec& command) const;
   void begin(RpcCall call);
+  void enqueue(RpcCall call);
   void run(const CommandSpec& command, const ArgumentValues& arguments, const std::optional<std::string>& id);
   [[nodiscard]] std::shared_ptr<Queue> queueOf(CommandQueue queue) const;
   void answer(const std::optional<std::string>& id, const RpcReply& reply);

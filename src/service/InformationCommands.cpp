@@ -16,7 +16,13 @@ void handle(CommandRun& run, const HelperGitCommit&) {
   run.replyString(run.environment().platform.bundle.gitCommit.value_or("unknown"));
 }
 
+void handle(CommandRun& run, const RequestQuit&) {
+  (void)run.environment().shutdown.requestQuit([&](bool started) { run.replyBoolean(started); });
+}
+
 void handle(CommandRun& run, const ProtocolVersion&) { run.replyNumber(QuillmarkXPC::protocolVersion); }
+
+void handle(CommandRun& run, const GetAuditLogHealth&) { run.replyData(encodeJson(run.environment().audit.health())); }
 
 void handle(CommandRun& run, const HelperHealth&) { run.replyData(encodeJson(run.environment().health.evaluate())); }
 

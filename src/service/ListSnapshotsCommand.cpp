@@ -7,8 +7,6 @@
 #include "service/HelperService.h"
 #include "service/Validation.h"
 #include "snapshots/SnapshotHistory.h"
-#include "snapshots/SnapshotLabels.h"
-#include "snapshots/SnapshotProtection.h"
 #include "snapshots/SnapshotSizes.h"
 #include "wire/Json.h"
 
@@ -40,7 +38,7 @@ MeasuredSizes sizesFor(CommandRun& run, const VolumeInfo& volume, const std::vec
   MeasuredSizes known = sizes->sizes(volume, all, measurable, wantSizes, force);
   if (!wantSizes) return known;
   if (run.service().client() == HelperEvent::Client::cli) return sizes->waitForSizes(volume, sizePatience);
-  sizes->schedule(volume);
+  if (!run.environment().mutations.isOpen(volume.uuid)) sizes->schedule(volume);  // the set would change under it
   return known;
 }
 
@@ -53,9 +51,7 @@ SnapshotRecord annotate(CommandRun& run, const VolumeInfo& volume, SnapshotRecor
     snapshot.reclaimSizeBytes = size->second;
   }
   snapshot.sizeGeneration = notes.sizes.generation;
-  if (SnapshotDisplayNames* names = run.environment().names) {
-    snapshot.displayName = names->displayName(volume.key(), snapshot.name);
-  }
+  snapshot.displayName = run.environment().names.displayName(volume.key(), snapshot.name);
   snapshot.isIndexed = notes.indexedXIDs.contains(snapshot.xid);
   if (const auto tag = notes.tags.find(snapshot.xid); tag != notes.tags.end()) snapshot.tag = tag->second;
   return snapshot;
@@ -63,11 +59,10 @@ SnapshotRecord annotate(CommandRun& run, const VolumeInfo& volume, SnapshotRecor
 
 std::map<Xid, std::string> tagsOrNone(CommandRun& run, const VolumeInfo& volume) {
   try {
-    if (run.environment().tags) return run.environment().tags->tags(volume);
+    return run.environment().tags.tags(volume);
   } catch (const std::exception&) {
-    // A listing without tags is better than none.
+    return {};  // a listing without tags is better than none
   }
-  return {};
 }
 
 }  // namespace
@@ -83,7 +78,7 @@ void handle(CommandRun& run, const ListSnapshots& call) {
   Annotations notes;
   notes.policy =
       environment.policies ? environment.policies->policy(volume.key()) : SchedulePolicy::makeDefault().normalized();
-  if (environment.protection) notes.protectedXIDs = environment.protection->protectedXIDs(volume);
+  notes.protectedXIDs = environment.protection.protectedXIDs(volume);
   if (environment.history) notes.indexedXIDs = environment.history->indexedXIDs(volume.key());
   const std::optional<HelperSettings> settings = environment.settings ? environment.settings->current() : std::nullopt;
   const bool measure = settings.value_or(HelperSettings()).measureSnapshotSizes.value_or(true);

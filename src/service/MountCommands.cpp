@@ -10,6 +10,7 @@
 #include "service/Validation.h"
 #include "snapshots/MountNames.h"
 #include "snapshots/Refusals.h"
+#include "wire/Json.h"
 #include "wire/QuillmarkError.h"
 
 namespace quillmark {
@@ -23,6 +24,7 @@ struct Mounted {
 };
 
 Mounted mountOrReuse(CommandRun& run, const VolumeInfo& volume, const std::string& name, Xid xid) {
+  MutexLock lock(run.environment().mountPaths);
   const Platform& platform = run.environment().platform;
   const std::string path = userMountPath(platform.paths, volume, xid);
   if (!acceptableMountPath(platform.paths, path)) {
@@ -67,11 +69,11 @@ Attribution attributionOf(const HostPaths& paths, const std::string& path) {
 }
 
 // Names the volume and the snapshot when exactly one volume bears the label. Nothing here can fail the command.
-void attribute(CommandRun& run, const Attribution& attribution) {
-  AuditDraft& draft = run.draft();
+void attribute(CommandRun& run, AuditDraft& draft, const Attribution& attribution) {
   draft.volumeName = attribution.label;
-  if (attribution.xid) draft.snapshotName = fmt::format("snap-{}", attribution.xid->value);
-  if (!run.environment().audit || attribution.label.empty() || !attribution.xid) return;
+  if (!attribution.xid) return;
+  draft.snapshotName = fmt::format("snap-{}", attribution.xid->value);
+  if (attribution.label.empty()) return;
   std::vector<APFSVolume> matches;
   for (APFSVolume& volume : run.environment().volumes.listVolumes()) {
     if (sanitizeMountComponent(volume.name).substr(0, 40) == attribution.label) matches.push_back(std::move(volume));
@@ -89,46 +91,100 @@ void attribute(CommandRun& run, const Attribution& attribution) {
   }
 }
 
-}  // namespace
-
-void handle(CommandRun& run, const MountSnapshot& call) {
-  run.audit({HelperEvent::Kind::mountSnapshot, "mountSnapshot", call.volumeUUID, "", call.name, call.name});
-  requireVolumeUUID(call.volumeUUID);
-  requireSnapshotName(call.name);
-  refuseOSSnapshot(call.name, "mount");
-  const VolumeInfo volume = run.service().apfs().resolveVolume(call.volumeUUID);
-  run.draft().volumeName = volume.name;
-  refuseBackupVolume(volume, "mount snapshots");
-  const Xid xid{call.xid};
-  (void)run.service().apfs().verifySnapshots(volume, {{call.name, xid}});
-  const Mounted mounted = [&] {
-    MutexLock lock(run.environment().mountPaths);
-    return mountOrReuse(run, volume, call.name, xid);
-  }();
-  run.environment().log.info(
-      fmt::format("mountSnapshot OK: {} at {} (newMount={})", call.name, mounted.path, mounted.isNew));
-  std::optional<Error> auditFailure;
-  if (mounted.isNew) auditFailure = run.recordSuccess("Mounted at " + mounted.path);
-  run.replyString(mounted.path, std::move(auditFailure));
+AuditDraft draftOfMount(const std::string& name, const std::string& volumeUUID) {
+  return {HelperEvent::Kind::mountSnapshot, "mountSnapshot", volumeUUID, "", name, name};
 }
 
-void handle(CommandRun& run, const UnmountSnapshot& call) {
-  const Platform& platform = run.environment().platform;
-  run.audit({HelperEvent::Kind::unmountSnapshot, "unmountSnapshot", "", "", std::nullopt, call.path});
-  attribute(run, attributionOf(platform.paths, call.path));
-  if (!acceptableMountPath(platform.paths, call.path)) {
+// A batch goes by the listing that its client has just seen.
+enum class Verification { ofThePair, none };
+
+struct MountResult {
+  std::string path;
+  std::optional<Error> auditFailure;
+};
+
+MountResult mountOne(CommandRun& run, AuditAttempt& attempt, const SnapshotMountSpec& spec, Verification verification) {
+  requireVolumeUUID(spec.volumeUUID);
+  requireSnapshotName(spec.name);
+  refuseOSSnapshot(spec.name, "mount");
+  const VolumeInfo volume = run.service().apfs().resolveVolume(spec.volumeUUID);
+  attempt.draft().volumeName = volume.name;
+  refuseBackupVolume(volume, "mount snapshots");
+  if (verification == Verification::ofThePair) {
+    (void)run.service().apfs().verifySnapshots(volume, {{spec.name, spec.xid}});
+  }
+  const Mounted mounted = mountOrReuse(run, volume, spec.name, spec.xid);
+  run.environment().log.info(
+      fmt::format("mountSnapshot OK: {} at {} (newMount={})", spec.name, mounted.path, mounted.isNew));
+  if (!mounted.isNew) return {mounted.path, std::nullopt};
+  return {mounted.path, attempt.succeeded("Mounted at " + mounted.path)};
+}
+
+AuditDraft draftOfUnmount(CommandRun& run, const std::string& path) {
+  AuditDraft draft{HelperEvent::Kind::unmountSnapshot, "unmountSnapshot", "", "", std::nullopt, path};
+  attribute(run, draft, attributionOf(run.environment().platform.paths, path));
+  return draft;
+}
+
+// The error of a record that could not be stored.
+std::optional<Error> unmountOne(CommandRun& run, AuditAttempt& attempt, const std::string& path) {
+  HelperEnvironment& environment = run.environment();
+  const Platform& platform = environment.platform;
+  if (!acceptableMountPath(platform.paths, path)) {
     throw QuillmarkError::make(invalidMountPath, "Path must resolve under " + platform.paths.userMountRoot);
   }
   {
-    MutexLock lock(run.environment().mountPaths);
-    if (!isSnapshotMount(platform.snapshots, call.path)) {
+    MutexLock lock(environment.mountPaths);
+    if (!isSnapshotMount(platform.snapshots, path)) {
       throw QuillmarkError::make(invalidMountPath,
                                  "Refusing to unmount a path that is not a read-only APFS snapshot mount");
     }
-    run.service().apfs().unmountSnapshot(call.path, false);
+    if (const auto reason = environment.mountPins.activeReason(path)) {
+      throw QuillmarkError::make(snapshotInUse,
+                                 fmt::format("This snapshot is in use: {}. Close the window using it (or wait for the "
+                                             "operation to finish), then try again.",
+                                             *reason));
+    }
+    run.service().apfs().unmountSnapshot(path, false);
   }
-  run.environment().log.info("unmountSnapshot OK: " + call.path);
-  run.replyNothing(run.recordSuccess("Unmounted " + call.path));
+  environment.log.info("unmountSnapshot OK: " + path);
+  return attempt.succeeded("Unmounted " + path);
+}
+
+}  // namespace
+
+void handle(CommandRun& run, const MountSnapshot& call) {
+  AuditAttempt& attempt = run.audit(draftOfMount(call.name, call.volumeUUID));
+  MountResult mounted = mountOne(run, attempt, {call.name, call.volumeUUID, Xid{call.xid}}, Verification::ofThePair);
+  run.replyString(mounted.path, std::move(mounted.auditFailure));
+}
+
+void handle(CommandRun& run, const MountSnapshots& call) {
+  const auto specs = decodeJson<std::vector<SnapshotMountSpec>>(call.specs.text);
+  run.environment().log.info(fmt::format("XPC mountSnapshots(count={})", specs.size()));
+  std::vector<SnapshotMountOutcome> outcomes;
+  for (const SnapshotMountSpec& spec : specs) {
+    SnapshotMountOutcome& outcome = outcomes.emplace_back();
+    outcome.xid = spec.xid;
+    outcome.error =
+        run.item(fmt::format("mountSnapshots item failed ({})", spec.name), draftOfMount(spec.name, spec.volumeUUID),
+                 [&](AuditAttempt& attempt) { outcome.path = mountOne(run, attempt, spec, Verification::none).path; });
+  }
+  run.replyData(encodeJson(outcomes));
+}
+
+void handle(CommandRun& run, const UnmountSnapshot& call) {
+  AuditAttempt& attempt = run.audit(draftOfUnmount(run, call.path));
+  run.replyNothing(unmountOne(run, attempt, call.path));
+}
+
+void handle(CommandRun& run, const UnmountSnapshots& call) {
+  std::vector<SnapshotPathOutcome> outcomes;
+  for (const std::string& path : call.paths) {
+    const auto unmount = [&](AuditAttempt& attempt) { (void)unmountOne(run, attempt, path); };
+    outcomes.push_back({path, run.item("unmountSnapshot failed", draftOfUnmount(run, path), unmount)});
+  }
+  run.replyData(encodeJson(outcomes));
 }
 
 }  // namespace quillmark

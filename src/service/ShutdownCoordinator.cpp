@@ -24,17 +24,33 @@ bool ShutdownCoordinator::isDraining() {
   return draining_;
 }
 
-bool ShutdownCoordinator::requestQuit(std::chrono::seconds timeout) {
+bool ShutdownCoordinator::admit(FunctionRef<void()> enqueue) {
+  MutexLock lock(lock_);
+  if (draining_) return false;
+  enqueue();
+  return true;
+}
+
+std::optional<std::vector<std::shared_ptr<Queue>>> ShutdownCoordinator::startDraining() {
+  MutexLock lock(lock_);
+  if (draining_) return std::nullopt;
+  draining_ = true;
   std::vector<std::shared_ptr<Queue>> queues;
-  {
-    MutexLock lock(lock_);
-    if (draining_) return false;
-    draining_ = true;
-    for (const auto& [id, registered] : registrations_)
-      queues.insert(queues.end(), registered.begin(), registered.end());
+  for (const auto& [id, registered] : registrations_) {
+    queues.insert(queues.end(), registered.begin(), registered.end());
+  }
+  return queues;
+}
+
+bool ShutdownCoordinator::requestQuit(FunctionRef<void(bool)> tell, std::chrono::seconds timeout) {
+  auto queues = startDraining();
+  if (!queues) {
+    tell(false);
+    return false;
   }
   log_.info(fmt::format("quit requested: draining outstanding work (timeout {}s)", timeout.count()));
-  dispatch_.global(QualityOfService::userInitiated)->async([this, queues = std::move(queues), timeout] {
+  tell(true);
+  dispatch_.global(QualityOfService::userInitiated)->async([this, queues = std::move(*queues), timeout] {
     drain(queues, timeout);
   });
   return true;

@@ -1,15 +1,16 @@
 // ShutdownCoordinator: one drain from open to gone. While draining, new mutations and connections are refused; what was
 // queued before runs out, within a limit; then the process exits with status 0.
-// Threads: thread-safe; the lock is held for flag and map work only.
+// Threads: thread-safe; the lock is held for flag and map work, and for putting admitted work on its queue.
 #pragma once
 
 #include <chrono>
 #include <functional>
 #include <map>
 #include <memory>
+#include <optional>
 #include <vector>
 
-#include "base/Error.h"
+#include "base/FunctionRef.h"
 #include "base/Uuid.h"
 #include "platform/dispatch.h"
 
@@ -32,10 +33,17 @@ class ShutdownCoordinator final {
   void add(const Uuid& id, std::vector<std::shared_ptr<Queue>> queues);
   void remove(const Uuid& id);
   [[nodiscard]] bool isDraining();
-  // True when this call started the drain, false when one was under way. Returns at once.
-  bool requestQuit(std::chrono::seconds timeout = timeLimit);
+  // Runs the work unless a drain is under way. One step: the drain waits for whatever the work puts on queues that were
+  // added. The work runs under the lock and must not wait.
+  [[nodiscard]] bool admit(FunctionRef<void()> enqueue);
+  // True when this call started the drain, false when one was under way. Returns at once. The answer is told first, so
+  // that whoever asked can be sent it before the process goes.
+  [[nodiscard]] bool requestQuit(
+      FunctionRef<void(bool started)> tell = [](bool) {}, std::chrono::seconds timeout = timeLimit);
 
  private:
+  // The queues to wait for; absent when a drain is under way.
+  [[nodiscard]] std::optional<std::vector<std::shared_ptr<Queue>>> startDraining();
   void drain(const std::vector<std::shared_ptr<Queue>>& queues, std::chrono::seconds timeout);
 
   Dispatch& dispatch_;

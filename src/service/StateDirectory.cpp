@@ -10,9 +10,9 @@ namespace quillmark {
 namespace {
 
 constexpr std::array files{
-    "schedules.json",     "volume-clocks.json", "protected.json",           "settings.json",
-    "email.json",         "email-outbox.json",  "notifications-state.json", ".foreign-protection-migrated",
-    "snapshot-names.json"};
+    "schedules.json",      "volume-clocks.json", "protected.json",           "settings.json",
+    "email.json",          "email-outbox.json",  "notifications-state.json", ".foreign-protection-migrated",
+    "snapshot-names.json", "snapshot-tags.json"};
 constexpr std::array directories{"snapshot-sizes", "snapshot-xids"};
 
 void tryAttributes(Posix& posix, const std::string& path, std::uint32_t mode) {

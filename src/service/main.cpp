@@ -9,6 +9,7 @@
 #include "platform/linux/DeviceNames.h"
 #include "platform/linux/Disks.h"
 #include "platform/linux/Dispatch.h"
+#include "platform/linux/FileWork.h"
 #include "platform/linux/PlatformLog.h"
 #include "platform/linux/Posix.h"
 #include "platform/linux/Processes.h"
@@ -19,6 +20,8 @@
 #include "platform/linux/ThisProcess.h"
 #include "platform/linux/Transport.h"
 #include "platform/linux/Users.h"
+#include "platform/linux/VolumeAttributes.h"
+#include "platform/linux/identity/LinuxPeerIdentities.h"
 #include "service/BuildFacts.h"
 #include "service/HelperProcess.h"
 
@@ -47,24 +50,47 @@ int serve(const char* executable) {
   os::LinuxDispatch dispatch(clock, {.onCapReached = onCapReached});
   os::LinuxRandom random;
   os::LinuxPosix posix;
+  os::LinuxFileWork fileWork;
   os::DeviceNames names(posix, paths.deviceNames, os::DeviceNames::Mode::writer);
   os::LinuxSnapshotCalls snapshots(dispatch, names);
+  os::LinuxVolumeAttributes attributes;
   os::LinuxDisks disks(names);
   os::LinuxProcesses processes(dispatch);
   os::LinuxPropertyLists propertyLists;
   os::LinuxTransportOptions transport{.path = paths.socket};
   if (auto activated = os::activatedSocket()) transport.listening = std::move(*activated);
   os::LinuxTransport listener(dispatch, std::move(transport));
+  os::LinuxPeerIdentities peers(dispatch, {.anchor = codeAnchor()});
   os::LinuxPlatformLog platformLog;
   os::LinuxThisProcess process;
   os::LinuxUsers users;
 
-  const Platform platform{dispatch,      clock,    random,      posix,   snapshots, disks, processes,
-                          propertyLists, listener, platformLog, process, users,     paths, buildFacts()};
+  const Platform platform{.dispatch = dispatch,
+                          .clock = clock,
+                          .random = random,
+                          .posix = posix,
+                          .fileWork = fileWork,
+                          .snapshots = snapshots,
+                          .attributes = attributes,
+                          .disks = disks,
+                          .processes = processes,
+                          .propertyLists = propertyLists,
+                          .listener = listener,
+                          .peers = peers,
+                          .log = platformLog,
+                          .process = process,
+                          .users = users,
+                          .paths = paths,
+                          .bundle = buildFacts()};
+  const HealthNote deviceNamesNote = [&names]() -> std::optional<std::string> {
+    const auto problem = names.problem();
+    return problem ? std::optional("Devices can't be given names: " + *problem) : std::nullopt;
+  };
   HelperProcess helper(
       platform, {.logRotation = ownsLog ? HelperLogWriter::Rotation::ofLogFile : HelperLogWriter::Rotation::never,
                  .executable = executable ? executable : "?",
-                 .exitProcess = [] { ::_exit(0); }});
+                 .exitProcess = [] { ::_exit(0); },
+                 .healthNotes = {deviceNamesNote, [] { return buildFacts().anchorNote; }}});
   log = &helper.log();
   try {
     helper.start();
@@ -72,7 +98,7 @@ int serve(const char* executable) {
     helper.log().error("The helper could not start: " + error.description());
     ::_exit(1);
   }
-  if (const auto problem = names.problem()) helper.log().error("Devices can't be given names: " + *problem);
+  if (const auto note = deviceNamesNote()) helper.log().error(*note);
   // The process leaves from the drain that a signal, or a client, starts.
   while (true) {
     os::waitForQuitSignal();

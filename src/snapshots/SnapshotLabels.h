@@ -19,7 +19,7 @@ class SnapshotTags {
   // Throws Error when they can't be read.
   [[nodiscard]] virtual std::map<Xid, std::string> tags(const VolumeInfo& volume) = 0;
   // An absent tag removes it. `xidOf` is asked under the lock, so that it decides whether the snapshot still exists.
-  // Throws Error and has changed nothing.
+  // Throws Error; then the old tag shows, or the new one where it had reached the disk.
   virtual Xid setTag(const VolumeInfo& volume, const std::optional<std::string>& tag,
                      FunctionRef<std::optional<Xid>()> xidOf) = 0;
   // Never fails.

@@ -50,7 +50,8 @@ struct Description<StoredCache> {
 
 SnapshotXIDResolutionCache::SnapshotXIDResolutionCache(Threads& threads, Posix& posix, Random& random, PlatformLog& log,
                                                        const HostPaths& paths)
-    : posix_(posix), random_(random), log_(log), directory_(paths.state("snapshot-xids")), lock_(threads) {}
+    : clock_(threads.clock()), posix_(posix), random_(random), log_(log), directory_(paths.state("snapshot-xids")),
+      lock_(threads) {}
 
 SnapshotXIDResolutionCache::Key SnapshotXIDResolutionCache::keyOf(const RawSnapshotEntry& entry) {
   return {entry.fileID, std::llround(entry.created.secondsSince1970() * 1e9), entry.name};
@@ -72,12 +73,27 @@ std::optional<std::vector<Xid>> SnapshotXIDResolutionCache::lookup(const std::st
       if (row == known->second.end()) return std::nullopt;
       xids.push_back(row->second);
     }
-    if (known->second.size() <= entries.size()) return xids;
-    for (const RawSnapshotEntry& entry : entries) kept.insert(*known->second.find(keyOf(entry)));
-    known->second = kept;
+    if (known->second.size() > entries.size()) {
+      Rows rows;
+      for (const RawSnapshotEntry& entry : entries) rows.insert(known->second.extract(keyOf(entry)));
+      known->second = std::move(rows);
+      dropped_[volume].areInFile = true;
+    }
+    if (!isWriteDueLocked(volume)) return xids;
+    kept = known->second;
   }
   writeFile(volume, kept);
   return xids;
+}
+
+bool SnapshotXIDResolutionCache::isWriteDueLocked(const VolumeUuid& volume) {
+  constexpr std::chrono::seconds interval{1};
+  const auto found = dropped_.find(volume);
+  if (found == dropped_.end() || !found->second.areInFile) return false;
+  const MonotonicTime now = clock_.monotonic();
+  if (found->second.lastWrite && now - *found->second.lastWrite < interval) return false;
+  found->second = {.areInFile = false, .lastWrite = now};
+  return true;
 }
 
 void SnapshotXIDResolutionCache::store(const std::string& volumeUUID, const std::vector<RawSnapshotEntry>& entries,
@@ -90,6 +106,7 @@ void SnapshotXIDResolutionCache::store(const std::string& volumeUUID, const std:
     MutexLock lock(lock_);
     byVolume_[volume] = rows;
     loaded_.insert(volume);
+    dropped_.erase(volume);
   }
   writeFile(volume, rows);
 }

@@ -28,7 +28,8 @@ class SnapshotXIDResolutionCache final {
  public:
   SnapshotXIDResolutionCache(Threads& threads, Posix& posix, Random& random, PlatformLog& log, const HostPaths& paths);
 
-  // In the order of the entries; nothing when one is unknown. Rows of snapshots that are gone are dropped.
+  // In the order of the entries; nothing when one is unknown. Rows of snapshots that are gone are dropped, and the file
+  // follows within a second of lookups: a batch of deletions, which looks before each, would write it as often.
   [[nodiscard]] std::optional<std::vector<Xid>> lookup(const std::string& volumeUUID,
                                                        const std::vector<RawSnapshotEntry>& entries);
   // Replaces what was known of the volume. Does nothing when the lengths differ.
@@ -43,13 +44,21 @@ class SnapshotXIDResolutionCache final {
   };
   using Rows = std::map<Key, Xid>;
 
+  // Rows that were dropped and still stand in the file, which harms nobody.
+  struct Dropped {
+    bool areInFile = false;
+    std::optional<MonotonicTime> lastWrite;
+  };
+
   static Key keyOf(const RawSnapshotEntry& entry);
   void loadIfNeeded(const VolumeUuid& volume) EXCLUDES(lock_);
   // Absent when there is no file of ours that can be used.
   [[nodiscard]] std::optional<Rows> readFile(const VolumeUuid& volume);
+  [[nodiscard]] bool isWriteDueLocked(const VolumeUuid& volume) REQUIRES(lock_);
   void writeFile(const VolumeUuid& volume, const Rows& rows);
   [[nodiscard]] std::string pathOf(const VolumeUuid& volume) const;
 
+  Clock& clock_;
   Posix& posix_;
   Random& random_;
   PlatformLog& log_;
@@ -58,6 +67,7 @@ class SnapshotXIDResolutionCache final {
   Mutex lock_;
   std::map<VolumeUuid, Rows> byVolume_ GUARDED_BY(lock_);
   std::set<VolumeUuid> loaded_ GUARDED_BY(lock_);
+  std::map<VolumeUuid, Dropped> dropped_ GUARDED_BY(lock_);
 };
 
 }  // namespace quillmark

@@ -41,7 +41,7 @@ const CommandSpec* findCommand(std::string_view selector) {
 std::string_view CommandSpec::word() const {
   std::string_view text = selector.substr(0, selector.find(':'));
   for (const std::string_view tail : {"WithReply", "OnVolume", "ForVolume", "WithName", "AtPath", "WithSpecsJSON",
-                                      "WithPaths", "WithVolumeUUID", "WithContainer", "WithBsdName"}) {
+                                      "WithPaths", "WithToken", "WithVolumeUUID", "WithContainer", "WithBsdName"}) {
     if (text.size() > tail.size() && text.ends_with(tail)) return text.substr(0, text.size() - tail.size());
   }
   return text;

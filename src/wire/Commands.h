@@ -272,8 +272,10 @@ struct UnpinSnapshotMounts {
 
 // In the order of the documents.
 using AllCommands =
-    std::tuple<HelperVersion, HelperGitCommit, ProtocolVersion, HelperHealth, GetSchedule, ListSchedules,
-               GetHelperSettings, ListSnapshots, CreateSnapshot, DeleteSnapshot, MountSnapshot, UnmountSnapshot>;
+    std::tuple<HelperVersion, HelperGitCommit, RequestQuit, ProtocolVersion, GetAuditLogHealth, HelperHealth,
+               GetSchedule, ListSchedules, GetHelperSettings, ListSnapshots, CreateSnapshot, CreateSafetySnapshot,
+               DeleteSnapshot, DeleteSnapshots, SetProtected, SetSnapshotTag, MountSnapshot, MountSnapshots,
+               UnmountSnapshot, UnmountSnapshots, PinSnapshotMounts, UnpinSnapshotMounts>;
 
 template <class Type>
 constexpr ArgumentType argumentType() {

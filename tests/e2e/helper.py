@@ -1,12 +1,14 @@
 """The helper as a process of the sandbox, and a client that speaks its protocol by hand."""
 
 import collections
+import errno
 import json
 import os
 import shutil
 import signal
 import socket
 import subprocess
+import sys
 import time
 
 SOCKET = "/run/com.harrowfern.quillmark/helper.sock"
@@ -23,6 +25,7 @@ VERSION = "helperVersionWithReply:"
 HEALTH = "helperHealthWithReply:"
 
 PROGRAMS = os.environ.get("QUILLMARK_PROGRAMS", "")
+TEST_CLIENT = f"{PROGRAMS}/quillmark-test-client"
 
 
 def wait_until(holds, what, patience=PATIENCE):
@@ -55,19 +58,25 @@ class Malformed(Exception):
 
 
 class Client:
-    """One connection. Pushes are kept aside."""
+    """One connection, made by a genuine client that carries the bytes. Pushes are kept aside. The words are the client's
+    own, the options those of subprocess.Popen."""
 
-    def __init__(self):
-        self.socket = socket.socket(socket.AF_UNIX, socket.SOCK_STREAM)
+    def __init__(self, *words, program=None, before=(), **options):
+        self.socket, theirs = socket.socketpair()
         self.socket.settimeout(PATIENCE)
-        try:
-            self.socket.connect(SOCKET)
-        except OSError:
-            self.socket.close()
-            raise
         self.received = b""
         self.next_id = 0
         self.pushes = collections.deque()
+        with theirs:
+            self.process = subprocess.Popen([program or TEST_CLIENT, *before, SOCKET, *words], stdin=theirs,
+                                            stdout=subprocess.DEVNULL, **options)
+        try:
+            told = self.socket.recv(4, socket.MSG_WAITALL)
+            if (number := int.from_bytes(told, sys.byteorder)) or len(told) < 4:
+                raise OSError(number or errno.ECONNABORTED, "connect")
+        except OSError:
+            self.close()
+            raise
 
     def __enter__(self):
         return self
@@ -77,6 +86,7 @@ class Client:
 
     def close(self):
         self.socket.close()
+        self.process.wait(PATIENCE)
 
     def send(self, data):
         self.socket.sendall(data)
@@ -234,7 +244,13 @@ def forget():
         os.unlink(LOG)
 
 
-def quill(*words, **options):
+def sign(path, *options, key=None):
+    """Signs a client program in place, as the build does when nothing else is said."""
+    key = key or os.path.join(os.path.dirname(PROGRAMS), "signing/local-key.pem")
+    subprocess.run([f"{PROGRAMS}/codesign", "--key", key, *options, path], check=True, capture_output=True)
+
+
+def quill(*words, program=None, **options):
     """Runs the command line client; the finished process with its output as text."""
-    return subprocess.run([f"{PROGRAMS}/quill", *words], stdin=subprocess.DEVNULL, capture_output=True, text=True,
+    return subprocess.run([program or f"{PROGRAMS}/quill", *words], stdin=subprocess.DEVNULL, capture_output=True, text=True,
                           timeout=PATIENCE, **options)

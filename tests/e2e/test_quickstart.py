@@ -15,7 +15,14 @@ from volumes import mounts
 PROJECT = Path(__file__).resolve().parent.parent.parent
 HOME = Path("/srv/quillmark")
 # What the machine had before; all that may be there afterwards.
-WATCHED = ("/Volumes", "/var/db", "/var/lib/quillmark", "/run/com.harrowfern.quillmark", helper.LOG, str(HOME / ".quickstart"))
+INSTALLED = "/usr/local/lib/quillmark-quickstart"
+WATCHED = ("/Volumes", "/var/db", "/var/lib/quillmark", "/run/com.harrowfern.quillmark", helper.LOG, INSTALLED,
+           str(HOME / ".quickstart"))
+VISITOR, GROUPS = "quillmark-demo", ("quillmark", "quillmark-client")
+
+
+def is_known(database, name):
+    return subprocess.run(["getent", database, name], capture_output=True).returncode == 0
 
 
 def helpers():
@@ -32,6 +39,7 @@ def helpers():
 def traces():
     return ([path for path in WATCHED if os.path.exists(path)] + helpers() +
             [m.path for m in mounts() if m.kind == "btrfs"] +
+            [name for name in GROUPS if is_known("group", name)] + [VISITOR] * is_known("passwd", VISITOR) +
             [line for line in sandbox.run("losetup", "--all").decode().splitlines() if str(HOME) in line])
 
 
@@ -39,7 +47,9 @@ class Quickstart(unittest.TestCase):
     def setUp(self):
         shutil.rmtree(HOME, ignore_errors=True)
         (HOME / "tools").mkdir(parents=True)
-        for name in ("quickstart", "tools/install-dependencies"):
+        for name in GROUPS:
+            subprocess.run(["groupdel", name], capture_output=True)
+        for name in ("quickstart", "tools/install-dependencies", "tools/install-local"):
             shutil.copy2(PROJECT / name, HOME / name)
         for path in ("/Volumes", "/var/db"):
             shutil.rmtree(path, ignore_errors=True)
@@ -63,6 +73,10 @@ class Quickstart(unittest.TestCase):
     def test_it_walks_through_leaves_a_helper_and_takes_everything_away_again(self):
         said = self.walk()
         self.assertEqual(said.count("Dear Ida"), 2, said)
+        for told in ("Refusing to delete a protected snapshot", "(exit code 4)", "with the letter", "you (quillmark-demo) are none",
+                     f"{VISITOR} ", "(force)"):
+            self.assertIn(told, said)
+        self.assertFalse(is_known("passwd", VISITOR), "it leaves with the walk")
         [pid] = helpers()
         self.assertIn(f"(pid {pid})", said)
         again = self.walk()  # takes the first one away by itself
@@ -76,7 +90,7 @@ class Quickstart(unittest.TestCase):
     # Method: kill it, with what it runs but for the helper, behind its n-th line of output.
     def test_killed_anywhere_it_is_cleaned_away_without_a_trace(self):
         draw = random.Random(7)
-        for line in [4, 5, 6, 7, *(draw.randrange(8, 60) for _ in range(4))]:
+        for line in [4, 5, 6, 7, *(draw.randrange(8, 150) for _ in range(6))]:
             with self.subTest(line=line):
                 process = self.start()
                 for _ in range(line):
@@ -86,6 +100,17 @@ class Quickstart(unittest.TestCase):
                 process.stdout.close()
                 self.clean()
                 self.assertEqual(traces(), [])
+
+    def test_a_user_and_groups_that_were_there_before_stay(self):
+        for name in GROUPS:
+            sandbox.run("groupadd", "--system", name)
+        sandbox.run("useradd", "--system", "-M", VISITOR)
+        self.addCleanup(sandbox.run, "userdel", VISITOR)
+        self.assertIn("left out: the user quillmark-demo", self.walk())
+        self.clean()
+        self.assertTrue(is_known("passwd", VISITOR))
+        for name in GROUPS:
+            sandbox.run("groupdel", name)
 
     def test_what_was_there_before_stays(self):
         kept = ("/Volumes/own/file", "/var/db/other/file", "/var/lib/quillmark/notes.txt", f"{helper.STATE}/settings.json")

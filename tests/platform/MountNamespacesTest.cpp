@@ -25,6 +25,13 @@ bool finds(std::string_view text, std::size_t pieceSize) {
   return search.found();
 }
 
+SubvolumeIds gathered(std::string_view text, std::size_t pieceSize) {
+  SubvolumeIds all;
+  SubvolumeSearch search(device, all);
+  for (; !text.empty(); text.remove_prefix(std::min(pieceSize, text.size()))) search.feed(text.substr(0, pieceSize));
+  return all;
+}
+
 struct Case {
   const char* what;
   std::string text;
@@ -52,10 +59,18 @@ const Case cases[] = {
      line(std::string(1000, '1') + " 2 0:46" + std::string(1000, '0'), "/", super + "257,subvol=/s1"), false},
 };
 
+TEST(SubvolumeSearch, GathersAllThatAreMountedOfADevice) {
+  const std::string text = mounted + line("1 2 0:46", "/", "- btrfs /dev/loop0 ,subvolid=9,subvol=/") +
+                           line("1 2 0:47", "/", super + "10,subvol=/") + line("1 2 0:46", "/", super + "5,subvol=/") +
+                           mounted;
+  EXPECT_EQ(gathered(text, text.size()), (SubvolumeIds{5, 9, 257}));
+}
+
 TEST(SubvolumeSearch, ReadsTextCutAnywhereAsItReadsItWhole) {
   for (const Case& one : cases) {
     for (std::size_t size = 1; size <= one.text.size(); ++size) {
       EXPECT_EQ(finds(one.text, size), one.isFound) << one.what << " in pieces of " << size;
+      EXPECT_EQ(gathered(one.text, size).contains(subvolume), one.isFound) << one.what << " in pieces of " << size;
     }
   }
 }

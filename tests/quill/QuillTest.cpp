@@ -13,6 +13,7 @@ namespace quillmark::cli {
 namespace {
 
 using testing::ElementsAre;
+using testing::EndsWith;
 using testing::HasSubstr;
 using testing::IsEmpty;
 using testing::StartsWith;
@@ -95,82 +96,6 @@ TEST(Quill, aWarningOfCompletedWorkIsNoFailure) {
   EXPECT_THAT(result.errors, HasSubstr("Not on record."));
 }
 
-TEST(Quill, deletesWhatItCanAndEndsWithTheWorst) {
-  QuillWorld world;
-  world.helper.on<DeleteSnapshot>([&](const DeleteSnapshot& call) -> RpcReply {
-    if (call.name == world.snapshots[0].name && !call.force) {
-      throw QuillmarkError::make(QuillmarkErrorCode::protectedSnapshot, "Refusing to delete a protected snapshot.");
-    }
-    return {};
-  });
-  const Words all{"delete", "latest", "nosuch", "first", "latest~1"};
-  Result result = world.run(all);
-  EXPECT_EQ(result.exitCode, exitRefused);
-  EXPECT_EQ(result.output, world.snapshots[1].name + "\n");
-  EXPECT_EQ(world.helper.calls.size(), 3u) << "one listing, two deletions: a snapshot named twice goes once";
-  EXPECT_THAT(result.errors, HasSubstr("quill: Refusing to delete a protected snapshot.\nTo delete it all the same"));
-  EXPECT_THAT(result.errors, HasSubstr("quill: There is no snapshot \"nosuch\"."));
-
-  result = world.run({"delete", "latest", "nosuch", "--json"});
-  const ParsedJson parsed(result.output);
-  const auto& outcomes = parsed.value().as_array();
-  ASSERT_EQ(outcomes.size(), 2u);
-  EXPECT_EQ(outcomes[0].at("error").at("name"), "protectedSnapshot");
-  EXPECT_EQ(outcomes[0].at("deleted"), false);
-  EXPECT_EQ(outcomes[1].at("reference"), "nosuch");
-  EXPECT_THAT(result.errors, IsEmpty());
-
-  EXPECT_EQ(world.run({"delete", "--force", "latest", "first"}).exitCode, 0);
-}
-
-// Goal:   a helper that dies between deletions leaves no doubt about what was done and what wasn't.
-TEST(Quill, tellsWhatBecameOfEachDeletionWhenTheHelperIsLost) {
-  QuillWorld world;
-  world.helper.callsUntilGone = 2;  // the protocol's version, the listing
-  const Result result = world.run({"delete", "latest", "first", "--json"});
-  EXPECT_EQ(result.exitCode, exitNotReachable);
-  EXPECT_EQ(world.helper.calls.size(), 2u);
-  const ParsedJson parsed(result.output);
-  EXPECT_EQ(parsed.value().at(0).at("error").at("name"), "answerLost");
-  EXPECT_EQ(parsed.value().at(1).at("error").at("name"), "helperNotReachable");
-  EXPECT_THAT(std::string(parsed.value().at(1).at("error").at("message").as_string()), HasSubstr("was not deleted"));
-}
-
-TEST(Quill, mountsAndUnmountsByReferenceAndPath) {
-  QuillWorld world;
-  MountSnapshot mounted;
-  std::string unmounted;
-  world.helper.on<MountSnapshot>([&](const MountSnapshot& call) {
-    return mounted = call, RpcReply{"\"/Volumes/x\"", {}};
-  });
-  world.helper.on<UnmountSnapshot>([&](const UnmountSnapshot& call) { return unmounted = call.path, RpcReply{}; });
-  EXPECT_EQ(world.run({"mount", "first"}).output, "/Volumes/x\n");
-  EXPECT_EQ(mounted.xid, 100u);
-  EXPECT_EQ(mounted.name, world.snapshots[1].name);
-
-  const std::string path = "/Volumes/Old name-a9be83c9-2a01-4f91-bdff-297973e90a78@snap-100";
-  world.volumes.mounts = {"/", "/Volumes/Data-105e7df1-fe4d-0c4d-86df-b8688302286a@snap-100",
-                          "/elsewhere/x-a9be83c9-2a01-4f91-bdff-297973e90a78@snap-100", path};
-  EXPECT_EQ(world.run({"unmount", "first"}).output, path + "\n");
-  EXPECT_EQ(unmounted, path);
-  const Result result = world.run({"unmount", "latest"});
-  EXPECT_EQ(result.exitCode, 1);
-  EXPECT_THAT(result.errors, HasSubstr("is not mounted."));
-  EXPECT_EQ(world.run({"unmount", "./x@snap-1", "--json"}).output, "{\"path\":\"/here/./x@snap-1\"}\n");
-  EXPECT_EQ(unmounted, "/here/./x@snap-1");
-}
-
-TEST(Quill, anOperatingSystemsSnapshotReachesTheHelpersRefusal) {
-  QuillWorld world;
-  std::string name;
-  world.helper.on<DeleteSnapshot>([&](const DeleteSnapshot& call) -> RpcReply {
-    name = call.name;
-    throw QuillmarkError::make(QuillmarkErrorCode::notOurSnapshot, "Refusing.");
-  });
-  EXPECT_EQ(world.run({"delete", "com.apple.os.update"}).exitCode, exitRefused);
-  EXPECT_EQ(name, "com.apple.os.update");
-}
-
 TEST(Quill, callsAnySelector) {
   QuillWorld world;
   EXPECT_EQ(world.run({"call", "protocolVersionWithReply:"}).output, "18\n");
@@ -225,9 +150,24 @@ TEST(Quill, showsHealth) {
   QuillWorld world;
   HelperHealthStatus status;
   status.audit = {HelperSubsystemState::degraded, "a gap\nin it"};
+  AuditLogHealth audit;
   world.helper.on<HelperHealth>([&](auto&) { return RpcReply{encodeJson(status), {}}; });
-  EXPECT_THAT(world.run({"health"}).output, HasSubstr("\naudit degraded a\\x20gap\\x0ain\\x20it\n"));
-  EXPECT_EQ(decodeJson<HelperHealthStatus>(world.run({"health", "--json"}).output), status);
+  world.helper.on<GetAuditLogHealth>([&](auto&) { return RpcReply{encodeJson(audit), {}}; });
+  EXPECT_THAT(world.run({"health"}).output,
+              EndsWith("\naudit degraded a\\x20gap\\x0ain\\x20it\nscheduler healthy -\n"));
+  status.notes = {"a key\x1b of our own"};
+  audit = {3, 1, Date::from1970(1'772'355'600), "No space left on device"};
+  EXPECT_THAT(world.run({"health"}).output,
+              EndsWith("\nfailed-writes 3 2026-03-01T09:00:00+00:00\\x20No\\x20space\\x20left\\x20on\\x20device\n"
+                       "note - a\\x20key\\x1b\\x20of\\x20our\\x20own\n"));
+  const std::string json = world.run({"health", "--json"}).output;
+  EXPECT_EQ(decodeJson<HelperHealthStatus>(json), status);
+  EXPECT_EQ(ParsedJson(json).value().at("auditLog").at("failedWriteCount").as_int64(), 3);
+  world.terminal.outputIsTerminal = true;
+  EXPECT_THAT(
+      world.run({"health"}).output,
+      EndsWith("Records of the activity log that couldn't be written: 3, the last at 2026-03-01 09:00:00: No space "
+               "left on device\nNote: a key\\x1b of our own\n"));
 }
 
 TEST(Quill, exitCodesTellTheKindOfFailure) {
@@ -267,21 +207,39 @@ TEST(Quill, exitCodesTellTheKindOfFailure) {
 TEST(Quill, aHelperThatIsNotThereIsSaidSoWithWhatToDo) {
   const std::pair<int, const char*> cases[] = {{ENOENT, "Start the helper"},
                                                {ECONNREFUSED, "Start the helper"},
-                                               {EACCES, "group quillmark"},
+                                               {EACCES, "As root: usermod -aG quillmark ida."},
                                                {EPERM, ""},
                                                {EAGAIN, ""}};
   for (const auto& [code, advice] : cases) {
     QuillWorld world;
     world.helper.unreachable = posix(code);
+    world.admission = {Admission::Standing::stranger, "ida"};
     const Result result = world.run({"health"});
     EXPECT_EQ(result.exitCode, exitNotReachable);
     EXPECT_THAT(result.errors, StartsWith("quill: The Quillmark helper is not running.\n"));
     EXPECT_THAT(result.errors, HasSubstr(advice));
     EXPECT_EQ(world.run({"volumes"}).exitCode, 0) << "needs no helper";
   }
-  QuillWorld shutOut;
-  shutOut.helper.callsUntilGone = 0;
-  EXPECT_THAT(shutOut.run({"health"}).errors, HasSubstr("members of the group quillmark"));
+}
+
+TEST(Quill, whoIsNotLetInIsToldWhoMayAndWhatToDo) {
+  using enum Admission::Standing;
+  const std::pair<Admission::Standing, const char*> cases[] = {
+      {stranger, "you (ida) are none. As root: usermod -aG quillmark ida. Then log out and in again."},
+      {afterLogin, "since after you logged in: log out and in again."},
+      {groupIsMissing, "which this machine lacks"},
+      {welcome, "its log says why it didn't: /var/log/com.harrowfern.quillmark.helper.log"},
+      {unknown, "root and the members of the group quillmark"}};
+  for (const auto& [standing, advice] : cases) {
+    QuillWorld world;
+    world.helper.callsUntilGone = 0;
+    world.admission = {standing, "ida"};
+    const Result result = world.run({"health"});
+    EXPECT_EQ(result.exitCode, exitNotReachable);
+    EXPECT_THAT(result.errors,
+                StartsWith("quill: The Quillmark helper didn't let you in: it closed the connection.\n"));
+    EXPECT_THAT(result.errors, HasSubstr(advice));
+  }
 }
 
 TEST(Quill, aLostAnswerLeavesTheOutcomeOpen) {
@@ -299,7 +257,11 @@ TEST(Quill, wrongUsePointsToTheFittingHelp) {
       {{"lst"}, "There is no command \"lst\"."},
       {{"delete"}, "quill delete --help"},
       {{"delete", "--forse", "x"}, "--forse"},
-      {{"mount", "a", "b"}, "quill mount --help"},
+      {{"protect"}, "quill protect --help"},
+      {{"tag", "latest", "text", "--clear"}, "quill tag --help"},
+      {{"log", "--lines", "-3"}, "quill log --help"},
+      {{"log", "--kind", "reboot"}, "The kinds: create, delete"},
+      {{"log", "--since", "2026-02-30"}, "\"2026-02-30\" is no moment."},
       {{"list", "extra"}, "extra"},
       {{"list", "-v"}, "quill list --help"},
       {{"help", "lst"}, "There is no command"},
@@ -320,8 +282,8 @@ TEST(Quill, wrongUsePointsToTheFittingHelp) {
 TEST(Quill, helpIsThereForEveryCommand) {
   QuillWorld world;
   const std::string program = world.run({"--help"}).output;
-  for (const std::string name :
-       {"volumes", "list", "create", "delete", "mount", "unmount", "health", "version", "call"}) {
+  for (const std::string name : {"volumes", "list", "create", "safety", "delete", "protect", "unprotect", "tag",
+                                 "mount", "unmount", "log", "health", "quit", "version", "call"}) {
     EXPECT_THAT(program, HasSubstr("  " + name + " "));
     const Result help = world.run({name, "--help"});
     EXPECT_EQ(help.exitCode, 0);

@@ -3,6 +3,8 @@
 #include <fmt/format.h>
 
 #include <cerrno>
+#include <filesystem>
+#include <fstream>
 
 #include "wire/Json.h"
 #include "wire/QuillmarkXPC.h"
@@ -80,18 +82,54 @@ QuillWorld::QuillWorld() {
   helper.on<MountSnapshot>(
       [=](const MountSnapshot& call) { return text(fmt::format("/Volumes/Data-x@snap-{}", call.xid)); });
   helper.on<UnmountSnapshot>([](auto&) { return RpcReply{}; });
+  helper.on<CreateSafetySnapshot>([=](const CreateSafetySnapshot& call) { return text("safety of " + call.label); });
+  helper.on<SetProtected>([](auto&) { return RpcReply{}; });
+  helper.on<SetSnapshotTag>([](auto&) { return RpcReply{}; });
+  helper.on<RequestQuit>([](auto&) { return RpcReply{"true", {}}; });
+  helper.on<GetAuditLogHealth>([](auto&) { return RpcReply{encodeJson(AuditLogHealth()), {}}; });
+  serveBatches();
+  paths.sharedDirectory = posix.root() + "/shared";
+}
+
+void QuillWorld::serveBatches() {
+  helper.on<DeleteSnapshots>([](const DeleteSnapshots& call) {
+    std::vector<SnapshotNameOutcome> outcomes;
+    for (const auto& spec : decodeJson<std::vector<SnapshotDeleteSpec>>(call.specs.text))
+      outcomes.push_back({spec.name});
+    return RpcReply{encodeJson(outcomes), {}};
+  });
+  helper.on<MountSnapshots>([](const MountSnapshots& call) {
+    std::vector<SnapshotMountOutcome> outcomes;
+    for (const auto& spec : decodeJson<std::vector<SnapshotMountSpec>>(call.specs.text)) {
+      outcomes.push_back({spec.xid, fmt::format("/Volumes/Data-x@snap-{}", spec.xid.value)});
+    }
+    return RpcReply{encodeJson(outcomes), {}};
+  });
+  helper.on<UnmountSnapshots>([](const UnmountSnapshots& call) {
+    std::vector<SnapshotPathOutcome> outcomes;
+    for (const std::string& path : call.paths) outcomes.push_back({path});
+    return RpcReply{encodeJson(outcomes), {}};
+  });
 }
 
 Result QuillWorld::run(const std::vector<std::string>& arguments) {
-  const HostPaths paths;
   TextInMemory sink;
+  sink.reads = reads;
   const auto connect = [&](const std::optional<std::string>&) -> std::unique_ptr<ClientChannel> {
     if (helper.unreachable) throw Error(*helper.unreachable);
     return std::make_unique<HelperEnd>(helper);
   };
-  World world{sink, terminal, simulation.clock(), volumes, paths, connect, [](const std::string&) { return nullptr; }};
+  const auto busy = [](const std::string&) { return nullptr; };
+  World world{sink, terminal, simulation.clock(),  volumes, paths,        connect,
+              busy, posix,    simulation.random(), {},      whileWaiting, [&] { return admission; }};
+  if (answer) world.confirm = [&](const std::string& question) { return questions.push_back(question), *answer; };
   const int exitCode = runQuill(arguments, world);
   return {exitCode, sink.output, sink.errors};
+}
+
+void QuillWorld::append(const std::string& file, const std::string& text) const {
+  std::filesystem::create_directories(paths.sharedDirectory);
+  std::ofstream(paths.sharedDirectory + "/" + file, std::ios::app) << text;
 }
 
 }  // namespace quillmark::cli

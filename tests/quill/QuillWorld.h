@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "platform/sim/SimPosix.h"
 #include "platform/sim/Simulation.h"
 #include "quill/Quill.h"
 #include "wire/Commands.h"
@@ -69,7 +70,14 @@ class HelperEnd final : public ClientChannel {
 
 struct TextInMemory final : TextSink {
   std::string output, errors;
-  void write(Stream stream, std::string_view text) override { (stream == Stream::output ? output : errors) += text; }
+  std::optional<std::size_t> reads;
+  void write(Stream stream, std::string_view text) override {
+    if (stream == Stream::errors) return void(errors += text);
+    if (readerGone()) return;
+    output += text;
+    if (reads) --*reads;
+  }
+  bool readerGone() const override { return reads == 0; }
 };
 
 struct Result {
@@ -88,6 +96,19 @@ class QuillWorld {
   std::vector<SnapshotRecord> snapshots;
   TerminalFacts terminal;
   sim::Simulation simulation;
+  sim::SimPosix posix;
+  HostPaths paths;
+  std::optional<bool> answer;          // of a person who is asked; absent where nobody sits there
+  std::vector<std::string> questions;  // that were put
+  Admission admission;
+  // What happens while more is waited for; false: the person has had enough.
+  std::function<bool()> whileWaiting = [] { return false; };
+  // Written past the client, of the activity log's directory.
+  void append(const std::string& file, const std::string& text) const;
+  std::optional<std::size_t> reads;  // this many writes to standard output are read, then the reader goes away
+
+ private:
+  void serveBatches();
 };
 
 }  // namespace quillmark::cli

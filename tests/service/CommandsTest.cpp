@@ -1,11 +1,9 @@
 #include <algorithm>
 
 #include "ServiceMachine.h"
-#include "journal/AuditTrail.h"
 #include "scheduling/rules/HelperSettings.h"
 #include "scheduling/rules/SchedulePolicy.h"
 #include "snapshots/MountNames.h"
-#include "snapshots/SnapshotLabels.h"
 #include "wire/Json.h"
 #include "wire/Records.h"
 
@@ -22,13 +20,6 @@ const std::string ours = "com.harrowfern.Quillmark.manual.2026-03-01T09-00-00Z";
 
 std::vector<SnapshotRecord> recordsOf(const RpcIncoming& reply) {
   return decodeJson<std::vector<SnapshotRecord>>(reply.reply.valueJson.value_or("[]"));
-}
-
-void expectError(const RpcIncoming& reply, QuillmarkErrorCode code, const std::string& text) {
-  ASSERT_TRUE(reply.reply.error) << text;
-  EXPECT_EQ(reply.reply.error->code(), static_cast<long>(code)) << text;
-  EXPECT_EQ(reply.reply.error->description(), text);
-  EXPECT_FALSE(reply.reply.valueJson) << text;
 }
 
 TEST(Commands, makeListMountUnmountAndDeleteASnapshot) {
@@ -61,12 +52,7 @@ TEST(Commands, makeListMountUnmountAndDeleteASnapshot) {
 
 TEST(Commands, refuseWhatIsMalformedUnknownOrNotTheirs) {
   ServiceMachine machine;
-  Uuid backup = machine.uuid;
-  backup.bytes[0] = 1;
-  sim::SimVolume disk = sim::makeSimVolume(backup, "Vault", "/Volumes/Vault", "disk2s1");
-  disk.description.role = std::string("Backup");
-  disk.description.deviceInternal = false;
-  machine.volumes.add(disk);
+  const Uuid backup = machine.addBackupVolume();
   using enum QuillmarkErrorCode;
   machine.run([&] {
     TestClient client = machine.connect();
@@ -173,31 +159,8 @@ TEST(Commands, answerFactsAndDefaults) {
   EXPECT_THAT(machine.logged(), Contains("XPC helperVersion() -> 1.2.3"));
 }
 
-// An audit trail that keeps what it gets, or fails.
-class TestTrail final : public AuditTrail {
- public:
-  std::optional<Error> append(const HelperEvent& event) override {
-    if (fails) return Error("log", 28, "disk full");
-    events.push_back(event);
-    return std::nullopt;
-  }
-  std::vector<HelperEvent> events;
-  bool fails = false;
-};
-
-class FailingNames final : public SnapshotDisplayNames {
- public:
-  std::optional<std::string> displayName(const VolumeUuid&, const std::string&) override { return std::nullopt; }
-  std::optional<Error> setDisplayName(const VolumeUuid&, const std::string&, const std::string&) override {
-    return Error("names", 5, "no names today");
-  }
-  void forgetDeleted(const VolumeUuid&, const std::string&) override {}
-};
-
 TEST(Commands, recordEachAttemptOnceWithWhatIsKnown) {
   ServiceMachine machine;
-  TestTrail trail;
-  machine.helper.environment().audit = &trail;
   machine.run([&] {
     TestClient client = machine.connect();
     const std::string uuid = machine.uuid.lower();
@@ -208,49 +171,96 @@ TEST(Commands, recordEachAttemptOnceWithWhatIsKnown) {
     (void)client.call(UnmountSnapshot{machine.paths.userMountRoot + "/Data-" + uuid + "@snap-77"});
     (void)client.call(ListSnapshots{uuid, false, false});
   });
-  ASSERT_EQ(trail.events.size(), 5U);
-  const HelperEvent& made = trail.events[0];
+  const std::vector<HelperEvent> events = machine.events();
+  ASSERT_EQ(events.size(), 5U);
+  const HelperEvent& made = events[0];
   EXPECT_TRUE(made.succeeded);
   EXPECT_EQ(made.snapshotName, ours + ".x");
   EXPECT_EQ(made.detail, "x");
   EXPECT_EQ(made.volumeName, "Data");
   EXPECT_EQ(made.user, "root");
   EXPECT_EQ(made.client, HelperEvent::Client::cli);
-  const HelperEvent& refused = trail.events[1];
+  const HelperEvent& refused = events[1];
   EXPECT_FALSE(refused.succeeded);
   EXPECT_EQ(refused.volumeName, "Data") << "resolved once more for the record";
   EXPECT_EQ(refused.errorMessage, "Label must be 0-127 chars, no slashes, no control chars");
   EXPECT_FALSE(refused.snapshotName);
-  EXPECT_EQ(trail.events[2].detail, ours + ".x (force)");
-  EXPECT_EQ(trail.events[3].detail, ours + ".x");
-  EXPECT_EQ(trail.events[4].volumeName, "Data");
-  EXPECT_EQ(trail.events[4].snapshotName, "snap-77");
+  EXPECT_EQ(events[2].detail, ours + ".x (force)");
+  EXPECT_EQ(events[3].detail, ours + ".x");
+  EXPECT_EQ(events[4].volumeName, "Data");
+  EXPECT_EQ(events[4].snapshotName, "snap-77");
 }
 
 TEST(Commands, keepTheirResultWhenAFollowUpFails) {
   ServiceMachine machine;
-  TestTrail trail;
-  FailingNames names;
-  trail.fails = true;
-  machine.helper.environment().audit = &trail;
   machine.run([&] {
+    machine.breakAuditTrail();
     TestClient client = machine.connect();
     const std::string uuid = machine.uuid.lower();
     const RpcIncoming made = client.call(CreateSnapshot{uuid, "x"});
     EXPECT_EQ(stringValue(made.reply), ours + ".x");
     ASSERT_TRUE(made.reply.error);
     EXPECT_TRUE(QuillmarkError::isOperationCompleted(*made.reply.error));
-    EXPECT_EQ(made.reply.error->description(),
-              "The createSnapshot operation completed, but Quillmark could not persist its audit record: disk full");
-    machine.helper.environment().names = &names;
-    const RpcIncoming named = client.call(CreateSnapshot{uuid, "y"});
-    EXPECT_EQ(
-        named.reply.error->description(),
-        "The snapshot was created, but its name \"y\" could not be saved and will not survive a restart: no names "
-        "today");
+    EXPECT_THAT(
+        made.reply.error->description(),
+        StartsWith("The createSnapshot operation completed, but Quillmark could not persist its audit record: "));
     const RpcIncoming failed = client.call(DeleteSnapshot{"gone", uuid, true});
     EXPECT_EQ(failed.reply.error->description(), "Snapshot no longer exists") << "nothing of the audit on a failure";
+    const auto health = payload<AuditLogHealth>(client.call(GetAuditLogHealth{}));
+    EXPECT_EQ(health.failedWriteCount, 2);
+    EXPECT_EQ(health.consecutiveFailedWrites, 2);
+    EXPECT_EQ(health.lastFailureAt, machine.life.clock().now());
   });
+}
+
+TEST(Commands, sayThatANameWasLostBeforeTheySayThatARecordWas) {
+  ServiceMachine machine;
+  machine.run([&] {
+    ASSERT_TRUE(machine.posix.mkdir(machine.paths.state("snapshot-names.json"), 0755));
+    TestClient client = machine.connect();
+    const std::string uuid = machine.uuid.lower();
+    for (const bool isAuditBroken : {false, true}) {
+      if (isAuditBroken) machine.breakAuditTrail();
+      const RpcIncoming made = client.call(CreateSnapshot{uuid, "y"});
+      EXPECT_THAT(stringValue(made.reply), StartsWith(ours + ".y"));
+      ASSERT_TRUE(made.reply.error);
+      EXPECT_TRUE(QuillmarkError::isOperationCompleted(*made.reply.error));
+      EXPECT_THAT(made.reply.error->description(),
+                  StartsWith("The snapshot was created, but its name \"y\" could not be saved and will not survive a "
+                             "restart: The snapshot-name store is unreadable and will not be overwritten: "));
+    }
+    EXPECT_FALSE(client.call(CreateSafetySnapshot{uuid, "z"}).reply.error->description().starts_with("The snapshot"))
+        << "a safety snapshot has no name to lose";
+    EXPECT_FALSE(client.call(ListSnapshots{uuid, false, false}).reply.error);
+  });
+  EXPECT_THAT(machine.names(), ::testing::SizeIs(3));
+}
+
+TEST(Commands, makeSafetySnapshotsThatBearNoName) {
+  ServiceMachine machine;
+  const Uuid vault = machine.addBackupVolume();
+  machine.run([&] {
+    TestClient client = machine.connect();
+    const std::string uuid = machine.uuid.upper();
+    const std::string safety = "com.harrowfern.Quillmark.safety.2026-03-01T09-00-00Z.restore";
+    EXPECT_EQ(stringValue(client.call(CreateSafetySnapshot{uuid, "restore"}).reply), safety);
+    const std::string manual = stringValue(client.call(CreateSnapshot{uuid, " my name "}).reply);
+    EXPECT_FALSE(client.call(CreateSnapshot{uuid, ""}).reply.error);
+    const auto records = recordsOf(client.call(ListSnapshots{uuid, false, false}));
+    ASSERT_EQ(records.size(), 3U);
+    EXPECT_EQ(records[0].displayName, std::nullopt);
+    EXPECT_EQ(records[1].displayName, "my name");
+    EXPECT_EQ(records[2].displayName, std::nullopt) << "an empty label is none";
+    expectError(client.call(CreateSafetySnapshot{vault.lower(), ""}), QuillmarkErrorCode::volumeNotAPFSData,
+                "Refusing to create snapshot on volume \"Vault\" (role=Backup).");
+    EXPECT_FALSE(client.call(DeleteSnapshot{manual, uuid, false}).reply.error);
+    EXPECT_FALSE(machine.helper.environment().names.displayName(VolumeUuid(uuid), manual)) << "it goes with its owner";
+  });
+  const auto events = machine.events();
+  EXPECT_EQ(events[0].kind, HelperEvent::Kind::createSnapshot);
+  EXPECT_EQ(events[0].detail, "Safety snapshot (restore); pruned after the retention period");
+  EXPECT_THAT(machine.logged(), Contains("createSafetySnapshot failed: Refusing to create snapshot on volume \"Vault\" "
+                                         "(role=Backup)."));
 }
 
 }  // namespace

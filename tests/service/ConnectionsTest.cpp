@@ -154,6 +154,75 @@ TEST(Shutdown, refusesMutationsAndServesQueriesWhileItDrains) {
   EXPECT_THAT(machine.logged(), Contains("Rejecting new XPC connection while helper shutdown is draining"));
 }
 
+TEST(Shutdown, answersTrueToTheFirstWhoAsksAndFalseToTheSecond) {
+  for (std::uint64_t seed = 1; seed <= 20; ++seed) {
+    ServiceMachine machine(seed);
+    machine.run([&] {
+      TestClient a = machine.connect(), b = machine.connect();
+      (void)a.call(ProtocolVersion{});
+      (void)b.call(ProtocolVersion{});
+      a.send(RequestQuit{});
+      b.send(RequestQuit{});
+      const std::string answers = *a.reply().reply.valueJson + *b.reply().reply.valueJson;
+      EXPECT_TRUE(answers == "truefalse" || answers == "falsetrue") << answers << ", seed " << seed;
+    });
+    machine.simulation.runFor(1s);
+    EXPECT_TRUE(machine.exited);
+    const auto logged = machine.logged();
+    EXPECT_EQ(std::count(logged.begin(), logged.end(), "XPC requestQuit()"), 2);
+    EXPECT_EQ(std::count(logged.begin(), logged.end(), "quit: drain complete; exiting"), 1);
+  }
+}
+
+// Goal:   a change is either refused or done before the process goes; none is begun by a process that is gone.
+// Method: clients make snapshots as fast as they can while one asks for the end. What stands at the exit is what was
+//         answered, whatever order the seed draws.
+TEST(Shutdown, letsNoChangeSlipBetweenTheCheckAndTheQueue) {
+  for (std::uint64_t seed = 1; seed <= 60; ++seed) {
+    ServiceMachine machine(seed);
+    std::optional<std::size_t> atExit;
+    machine.onExit = [&] { atExit = machine.names().size(); };
+    std::size_t made = 0, refused = 0;
+    machine.run([&] {
+      TestClient a = machine.connect(), b = machine.connect(), quitter = machine.connect();
+      for (TestClient* client : {&a, &b, &quitter}) (void)client->call(ProtocolVersion{});
+      for (int i = 0; i < 8; ++i) {
+        a.send(CreateSnapshot{machine.uuid.lower(), "a" + std::to_string(i)});
+        b.send(CreateSnapshot{machine.uuid.lower(), "b" + std::to_string(i)});
+        if (i == static_cast<int>(seed % 8)) quitter.send(RequestQuit{});
+      }
+      EXPECT_EQ(quitter.reply().reply.valueJson, "true");
+      for (int i = 0; i < 16; ++i) ++((i % 2 == 0 ? a : b).reply().reply.error ? refused : made);
+    });
+    machine.simulation.runFor(1s);
+    EXPECT_EQ(atExit, made) << "seed " << seed;
+    EXPECT_EQ(machine.names().size(), made) << "seed " << seed;
+    EXPECT_EQ(made + refused, 16U);
+  }
+}
+
+TEST(Shutdown, letsABatchRunOutAndAnswer) {
+  ServiceMachine machine;
+  std::vector<SnapshotDeleteSpec> specs;
+  for (int i = 0; i < 20; ++i) {
+    specs.push_back({"s" + std::to_string(i), true});
+    machine.addSnapshot(specs.back().name);
+  }
+  machine.volumes.watchCalls([&](sim::SimCall call, const std::string&) {
+    if (call == sim::SimCall::remove) machine.life.delay(1s);
+  });
+  machine.run([&] {
+    TestClient client = machine.connect(), quitter = machine.connect();
+    client.send(DeleteSnapshots{json(specs), machine.uuid.lower()});
+    quitter.listen(2s);
+    EXPECT_EQ(quitter.call(RequestQuit{}).reply.valueJson, "true");
+    EXPECT_EQ(payload<std::vector<SnapshotNameOutcome>>(client.reply()).size(), 20U);
+  });
+  machine.simulation.runFor(1s);
+  EXPECT_TRUE(machine.exited);
+  EXPECT_THAT(machine.names(), IsEmpty());
+}
+
 TEST(Shutdown, abandonsWhatTakesLongerThanAMinute) {
   ServiceMachine machine;
   machine.volumes.watchCalls([&](sim::SimCall call, const std::string&) {

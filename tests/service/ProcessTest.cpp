@@ -46,6 +46,22 @@ TEST(HelperProcess, sweepsTheMountsOfAnEarlierLifeBeforeItServes) {
   EXPECT_LT(swept, std::find(logged.begin(), logged.end(), "Scheduler started"));
 }
 
+TEST(HelperProcess, sweepsWhatRestoresLeftAtTheTopOfVolumesAndNothingElse) {
+  ServiceMachine machine;
+  Uuid other = machine.uuid;
+  other.bytes[0] = 2;
+  const std::string disk = machine.posix.root() + "/disk", left = disk + "/.quillmark-tmp/job";
+  machine.volumes.add(sim::makeSimVolume(other, "Disk", disk, "disk3s1"));
+  for (const std::string& directory : {left, disk + "/home/.quillmark-tmp"}) {
+    createDirectories(machine.posix, directory, 0755);
+    writeAtomically(machine.posix, machine.life.random(), directory + "/file", "x", 0600);
+  }
+  machine.run([] {});
+  machine.simulation.runUntilIdle();
+  EXPECT_FALSE(machine.posix.lstat(disk + "/.quillmark-tmp"));
+  EXPECT_TRUE(machine.posix.lstat(disk + "/home/.quillmark-tmp/file")) << "only at the top";
+}
+
 TEST(DescriptorLimit, isRaisedToTenThousandOrTheHardLimit) {
   struct Case {
     DescriptorLimit before;
@@ -148,6 +164,26 @@ TEST(HelperLog, leavesAFileBelowTheThresholdAlone) {
   EXPECT_FALSE(file.contentOf(file.path));
   EXPECT_FALSE(file.contentOf(file.path + ".previous"));
   EXPECT_THAT(file.machine.logged(), Not(Contains(HasSubstr("rotated"))));
+}
+
+TEST(Health, followsTheAuditTrailAndTellsWhatAdministratorsShouldKnow) {
+  ServiceMachine machine;
+  machine.run([&] {
+    TestClient client = machine.connect();
+    const auto health = [&] { return payload<HelperHealthStatus>(client.call(HelperHealth{})); };
+    EXPECT_EQ(health().audit, HelperSubsystemHealth());
+    EXPECT_EQ(health().notes, std::nullopt);
+    machine.healthNote = "Devices can't be given names: no space";
+    machine.breakAuditTrail();
+    for (int i = 0; i < 3; ++i) (void)client.call(DeleteSnapshot{"gone", machine.uuid.lower(), true});
+    EXPECT_EQ(health().audit.state, HelperSubsystemState::degraded);
+    EXPECT_THAT(health().audit.detail.value_or(""), StartsWith("3 write(s) failed: "));
+    EXPECT_THAT(health().notes.value_or(std::vector<std::string>()), ElementsAre(*machine.healthNote));
+    machine.mendAuditTrail();
+    (void)client.call(DeleteSnapshot{"gone", machine.uuid.lower(), true});
+    EXPECT_EQ(health().audit, HelperSubsystemHealth()) << "one good write clears it";
+    EXPECT_EQ(payload<AuditLogHealth>(client.call(GetAuditLogHealth{})).failedWriteCount, 3);
+  });
 }
 
 TEST(Health, startsANewEpisodeWithEachChangeOfTheProblem) {

@@ -10,16 +10,38 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "platform/Files.h"
 #include "platform/PropertyList.h"
 #include "platform/sim/SimPlatform.h"
 #include "platform/sim/SimVolumes.h"
 #include "platform/sim/Simulation.h"
 #include "service/HelperProcess.h"
 #include "wire/Commands.h"
+#include "wire/Json.h"
 #include "wire/QuillmarkError.h"
 #include "wire/Rpc.h"
 
 namespace quillmark {
+
+inline void expectError(const RpcIncoming& reply, QuillmarkErrorCode code, const std::string& text) {
+  ASSERT_TRUE(reply.reply.error) << text;
+  EXPECT_EQ(reply.reply.error->code(), static_cast<long>(code)) << text;
+  EXPECT_EQ(reply.reply.error->description(), text);
+  EXPECT_FALSE(reply.reply.valueJson) << text;
+}
+
+// A JSON payload, as decoded.
+template <class Record>
+Record payload(const RpcIncoming& reply) {
+  return decodeJson<Record>(reply.reply.valueJson.value_or("null"));
+}
+
+// A record as a JSON argument.
+template <class Record>
+JsonArgument json(const Record& record) {
+  const std::string text = encodeJson(record);
+  return {text, text.size()};
+}
 
 // One connection, asking one thing at a time.
 class TestClient {
@@ -90,6 +112,27 @@ class ServiceMachine {
     return found;
   }
 
+  [[nodiscard]] std::vector<HelperEvent> events() { return helper.environment().audit.readSince({}).events; }
+  // A volume whose snapshots are only shown.
+  Uuid addBackupVolume() {
+    Uuid backup = uuid;
+    backup.bytes[0] = 1;
+    sim::SimVolume disk = sim::makeSimVolume(backup, "Vault", "/Volumes/Vault", "disk2s1");
+    disk.description.role = std::string("Backup");
+    disk.description.deviceInternal = false;
+    volumes.add(disk);
+    return backup;
+  }
+  Xid addSnapshot(const std::string& name) { return *volumes.addSnapshot(uuid, name, life.clock().now()); }
+  // From here on no audit record can be stored.
+  void breakAuditTrail() {
+    createDirectories(posix, paths.sharedDirectory, 0755);
+    (void)posix.rename(auditLog(), auditLog() + ".before");
+    ASSERT_TRUE(posix.mkdir(auditLog(), 0755));
+  }
+  void mendAuditTrail() { ASSERT_TRUE(posix.rmdir(auditLog())); }
+  [[nodiscard]] std::string auditLog() const { return paths.sharedDirectory + "/activity.log"; }
+
   const Uuid uuid = *Uuid::parse("00112233-4455-6677-8899-aabbccddeeff");
   sim::Simulation simulation;
   sim::Life& life = simulation.startLife("helper");
@@ -104,7 +147,16 @@ class ServiceMachine {
   const HostPaths& paths = sim.paths();
   const Platform platform = sim.platform();
   bool exited = false;
-  HelperProcess helper{platform, {.executable = "quillmark-helper", .exitProcess = [this] { exited = true; }}};
+  std::function<void()> onExit;
+  std::optional<std::string> healthNote;
+  HelperProcess helper{platform,
+                       {.executable = "quillmark-helper",
+                        .exitProcess =
+                            [this] {
+                              exited = true;
+                              if (onExit) onExit();
+                            },
+                        .healthNotes = {[this] { return healthNote; }}}};
 
  private:
   sim::SimProgram diskutil() {

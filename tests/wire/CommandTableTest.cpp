@@ -61,14 +61,23 @@ TEST(CommandTable, writesEntryLinesToTheLetter) {
   EXPECT_EQ(line(DeleteSnapshot{"n", "U", true}), "XPC deleteSnapshot(name=n, volume=U, force=true)");
   EXPECT_EQ(line(MountSnapshot{"n", "U", 9}), "XPC mountSnapshot(name=n, volume=U, xid=9)");
   EXPECT_EQ(line(UnmountSnapshot{"/p"}), "XPC unmountSnapshot(path=/p)");
+  EXPECT_EQ(line(CreateSafetySnapshot{"U", "l"}), "XPC createSafetySnapshot(volume=U, label=l)");
+  EXPECT_EQ(line(SetProtected{"n", "U", false}), "XPC setProtected(name=n, volume=U, isProtected=false)");
+  EXPECT_EQ(line(SetSnapshotTag{"n", "U", "\xC3\xBC!"}), "XPC setSnapshotTag(name=n, volume=U, tagBytes=3)");
+  EXPECT_EQ(line(UnmountSnapshots{{"/a", "/b"}}), "XPC unmountSnapshots(count=2)");
+  EXPECT_EQ(line(RequestQuit{}), "XPC requestQuit()");
+  EXPECT_EQ(line(DeleteSnapshots{{"[]", 2}, "U"}), "") << "its specs must be decoded first";
   EXPECT_EQ(line(GetSchedule{"U"}), "XPC getSchedule(volume=U)");
   EXPECT_EQ(line(ProtocolVersion{}), "");
 }
 
 TEST(CommandTable, speaksOfEachCommandByItsWord) {
   const std::vector<std::string_view> words{
-      "helperVersion",     "helperGitCommit", "protocolVersion", "helperHealth",   "getSchedule",   "listSchedules",
-      "getHelperSettings", "listSnapshots",   "createSnapshot",  "deleteSnapshot", "mountSnapshot", "unmountSnapshot"};
+      "helperVersion",     "helperGitCommit",      "requestQuit",    "protocolVersion",   "auditLogHealth",
+      "helperHealth",      "getSchedule",          "listSchedules",  "getHelperSettings", "listSnapshots",
+      "createSnapshot",    "createSafetySnapshot", "deleteSnapshot", "deleteSnapshots",   "setProtected",
+      "setSnapshotTag",    "mountSnapshot",        "mountSnapshots", "unmountSnapshot",   "unmountSnapshots",
+      "pinSnapshotMounts", "unpinSnapshotMounts"};
   ASSERT_EQ(words.size(), commandTable().size());
   for (std::size_t i = 0; i < words.size(); ++i) EXPECT_EQ(commandTable()[i].word(), words[i]);
 }

@@ -68,7 +68,7 @@ class TestServer final {
 
   static std::string name(CloseReason reason) {
     static constexpr const char* names[] = {"[peer closed]", "[closed by us]", "[line too long]", "[stalled]",
-                                            "[failed]"};
+                                            "[not the peer]", "[failed]"};
     return names[static_cast<int>(reason)];
   }
   static void echo(const std::shared_ptr<TransportConnection>& connection, std::string line) {

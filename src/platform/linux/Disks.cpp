@@ -6,6 +6,7 @@
 
 #include "platform/NameText.h"
 #include "platform/linux/DeviceFacts.h"
+#include "platform/linux/MountWatch.h"
 
 namespace quillmark::os {
 namespace {
@@ -98,6 +99,11 @@ VolumeCapacities LinuxDisks::capacities(const std::string& volumePath) {
   return {.total = blocks.f_blocks * blocks.f_frsize,
           .available = blocks.f_bavail * blocks.f_frsize,
           .availableForImportantUsage = std::nullopt};
+}
+
+std::unique_ptr<DiskWatch> LinuxDisks::watch(Dispatch& dispatch, std::shared_ptr<Queue> queue,
+                                             DiskEventHandler handler) {
+  return watchMounts(*this, dispatch, std::move(queue), std::move(handler));
 }
 
 }  // namespace quillmark::os

@@ -29,6 +29,7 @@ class LinuxDisks final : public Disks {
   // Those of the mounted volumes, and of their file systems.
   std::optional<std::vector<std::string>> mediaBsdNames() override;
   VolumeCapacities capacities(const std::string& volumePath) override;
+  std::unique_ptr<DiskWatch> watch(Dispatch& dispatch, std::shared_ptr<Queue> queue, DiskEventHandler handler) override;
 
  private:
   DeviceNames& names_;

@@ -49,6 +49,7 @@ class DispatchHost {
 
   // The work runs once, outside every queue, and must be short.
   [[nodiscard]] virtual AlarmId setAlarm(MonotonicTime time, Work work) = 0;
+  // Comes early when the wall clock is set, so that its owner looks at the clock anew.
   [[nodiscard]] virtual AlarmId setAlarm(Date date, Work work) = 0;
   virtual void clearAlarm(AlarmId alarm) = 0;
   [[nodiscard]] virtual Clock& clock() = 0;

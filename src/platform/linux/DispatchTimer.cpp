@@ -16,6 +16,7 @@ struct MonotonicSchedule {
 struct WallSchedule {
   Date next;
   std::optional<Seconds> interval;
+  bool isInStep = false;  // the next firing lies within an interval, unless the clock was set back
 };
 using Schedule = std::variant<std::monostate, MonotonicSchedule, WallSchedule>;
 
@@ -34,6 +35,13 @@ Date following(const WallSchedule& schedule, Date now) {
   return next > now ? next : next + Seconds(interval);  // the division may have been rounded down
 }
 
+// The first moment of the same grid after now, from one that lies ahead of it.
+Date pulledIn(const WallSchedule& schedule, Date now) {
+  const double interval = std::max(schedule.interval->count(), 1e-6);
+  const Date next = schedule.next - Seconds(std::floor((schedule.next - now).count() / interval) * interval);
+  return next > now ? next : next + Seconds(interval);
+}
+
 }  // namespace
 
 // A setting is known by its number; a firing of an older one does nothing.
@@ -44,6 +52,11 @@ class DispatchTimer::Shared final : public std::enable_shared_from_this<Shared> 
 
   void setAfter(std::chrono::nanoseconds delay, std::optional<std::chrono::nanoseconds> interval) {
     set(MonotonicSchedule{after(host_->clock().monotonic(), delay), interval});
+  }
+
+  void setAt(Date date, std::optional<Seconds> interval) {
+    const bool isInStep = interval && date - host_->clock().now() <= *interval;
+    set(WallSchedule{date, interval, isInStep});
   }
 
   void set(Schedule schedule) {
@@ -74,14 +87,26 @@ class DispatchTimer::Shared final : public std::enable_shared_from_this<Shared> 
       arm();
     } else if (auto* wall = std::get_if<WallSchedule>(&schedule_); wall && wall->interval) {
       wall->next = following(*wall, host_->clock().now());
+      wall->isInStep = true;
       arm();
     }
+  }
+
+  // Waits on when the date hasn't come. Without the pull, a clock set back by a day would silence for a day what fires
+  // every minute.
+  bool cameEarly() REQUIRES(mutex_) {
+    auto* wall = std::get_if<WallSchedule>(&schedule_);
+    const Date now = host_->clock().now();
+    if (!wall || wall->next <= now) return false;
+    if (wall->isInStep) wall->next = pulledIn(*wall, now);
+    arm();
+    return true;
   }
 
   void alarmCame(std::uint64_t setting) {
     {
       NativeLock lock(mutex_);
-      if (setting != setting_) return;
+      if (setting != setting_ || cameEarly()) return;
       armForNext();
       if (runs_) {
         firesAgain_ = true;
@@ -141,7 +166,7 @@ void DispatchTimer::fireAfter(std::chrono::nanoseconds delay, std::optional<std:
   shared_->setAfter(delay, interval);
 }
 
-void DispatchTimer::fireAt(Date date, std::optional<Seconds> interval) { shared_->set(WallSchedule{date, interval}); }
+void DispatchTimer::fireAt(Date date, std::optional<Seconds> interval) { shared_->setAt(date, interval); }
 
 void DispatchTimer::cancel() { shared_->set({}); }
 

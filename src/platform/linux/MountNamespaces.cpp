@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <charconv>
 #include <functional>
 #include <memory>
 #include <set>
@@ -26,6 +27,8 @@ ino_t mountNamespace(const std::string& process) {
   return ::stat((process + "/ns/mnt").c_str(), &status) == 0 ? status.st_ino : 0;
 }
 
+constexpr std::string_view idOption = "subvolid=";
+
 bool isProcess(const char* name) {
   return *name &&
          std::all_of(name, name + std::char_traits<char>::length(name), [](char c) { return c >= '0' && c <= '9'; });
@@ -33,8 +36,8 @@ bool isProcess(const char* name) {
 
 class NamespaceScan final {
  public:
-  NamespaceScan(DeviceNumber device, btrfs::SubvolumeId subvolume, Clock& clock, const NamespaceLimits& limits)
-      : search_(device, subvolume), clock_(clock), deadline_(after(clock.monotonic(), limits.time)),
+  NamespaceScan(SubvolumeSearch search, Clock& clock, const NamespaceLimits& limits)
+      : search_(std::move(search)), clock_(clock), deadline_(after(clock.monotonic(), limits.time)),
         bytesLeft_(limits.bytes) {}
 
   [[nodiscard]] bool found() const { return search_.found(); }
@@ -86,7 +89,10 @@ class NamespaceScan final {
 
 SubvolumeSearch::SubvolumeSearch(DeviceNumber device, btrfs::SubvolumeId subvolume)
     : device_(std::to_string(device.major) + ":" + std::to_string(device.minor)),
-      subvolume_("subvolid=" + std::to_string(subvolume)) {}
+      subvolume_(std::string(idOption) + std::to_string(subvolume)), all_(nullptr) {}
+
+SubvolumeSearch::SubvolumeSearch(DeviceNumber device, SubvolumeIds& all)
+    : device_(std::to_string(device.major) + ":" + std::to_string(device.minor)), all_(&all) {}
 
 void SubvolumeSearch::restart() { endLine(); }
 
@@ -123,12 +129,20 @@ void SubvolumeSearch::endToken() {
     case Field::source: field_ = Field::superOptions; break;
     case Field::superOptions:
       // The first one is the kernel's; the subvolume's name, which comes last, may hold commas and another.
-      found_ = token() == subvolume_;
-      if (token().starts_with("subvolid=")) field_ = Field::restOfLine;
+      found_ = !all_ && token() == subvolume_;
+      if (!token().starts_with(idOption)) break;
+      field_ = Field::restOfLine;
+      if (all_) gather(token().substr(idOption.size()));
       break;
     case Field::restOfLine: break;
   }
   tokenSize_ = 0;
+}
+
+void SubvolumeSearch::gather(std::string_view digits) {
+  btrfs::SubvolumeId id = 0;
+  const auto [end, failure] = std::from_chars(digits.data(), digits.data() + digits.size(), id);
+  if (failure == std::errc() && end == digits.data() + digits.size()) all_->insert(id);
 }
 
 void SubvolumeSearch::endLine() {
@@ -136,14 +150,16 @@ void SubvolumeSearch::endLine() {
   tokenSize_ = 0;
 }
 
-SysResult<bool> isMountedAnywhere(DeviceNumber device, btrfs::SubvolumeId subvolume, Clock& clock,
-                                  const NamespaceLimits& limits) {
+namespace {
+
+// True when the search found what it looks for.
+SysResult<bool> searchAllProcesses(SubvolumeSearch search, Clock& clock, const NamespaceLimits& limits) {
   struct Close {
     void operator()(DIR* directory) const { ::closedir(directory); }
   };
   const std::unique_ptr<DIR, Close> processes(::opendir("/proc"));
   if (!processes) return Errno{errno};
-  const auto scan = std::make_unique<NamespaceScan>(device, subvolume, clock, limits);
+  const auto scan = std::make_unique<NamespaceScan>(std::move(search), clock, limits);
   while (const dirent* entry = ::readdir(processes.get())) {
     if (!isProcess(entry->d_name)) continue;
     const SysStatus status = scan->readTableOf(std::string("/proc/") + entry->d_name);
@@ -151,6 +167,20 @@ SysResult<bool> isMountedAnywhere(DeviceNumber device, btrfs::SubvolumeId subvol
     if (scan->found()) return true;
   }
   return false;
+}
+
+}  // namespace
+
+SysResult<bool> isMountedAnywhere(DeviceNumber device, btrfs::SubvolumeId subvolume, Clock& clock,
+                                  const NamespaceLimits& limits) {
+  return searchAllProcesses(SubvolumeSearch(device, subvolume), clock, limits);
+}
+
+SysResult<SubvolumeIds> mountedAnywhere(DeviceNumber device, Clock& clock, const NamespaceLimits& limits) {
+  SubvolumeIds all;
+  const auto searched = searchAllProcesses(SubvolumeSearch(device, all), clock, limits);
+  if (!searched) return Errno{searched.error()};
+  return all;
 }
 
 }  // namespace quillmark::os

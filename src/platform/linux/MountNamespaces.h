@@ -5,6 +5,7 @@
 
 #include <chrono>
 #include <cstdint>
+#include <set>
 #include <string>
 #include <string_view>
 
@@ -15,11 +16,16 @@
 
 namespace quillmark::os {
 
-// Looks for the mounts of one subvolume in mountinfo's text (proc_pid_mountinfo(5)), handed over in pieces that may end
-// anywhere. Whoever has a namespace decides how many lines there are and how long: nothing is kept of them.
+using SubvolumeIds = std::set<btrfs::SubvolumeId>;
+
+// Looks for the mounts of one subvolume, or gathers all that are mounted of one device, in mountinfo's text
+// (proc_pid_mountinfo(5)), handed over in pieces that may end anywhere. Whoever has a namespace decides how many lines
+// there are and how long: nothing is kept of them but the ids of subvolumes, which the kernel writes.
 class SubvolumeSearch final {
  public:
   SubvolumeSearch(DeviceNumber device, btrfs::SubvolumeId subvolume);
+  // `all` outlives the search, which never counts as found.
+  SubvolumeSearch(DeviceNumber device, SubvolumeIds& all);
 
   // Begins another table; what was found stays found.
   void restart();
@@ -33,9 +39,11 @@ class SubvolumeSearch final {
   void append(std::string_view part);
   void endToken();
   void endLine();
+  void gather(std::string_view digits);
 
   const std::string device_;     // as the table writes it
-  const std::string subvolume_;  // the option that tells it
+  const std::string subvolume_;  // the option that tells it; empty where all are wanted
+  SubvolumeIds* const all_;
   bool found_ = false;
   Field field_ = Field::id;
   char token_[48];  // longer than any that is compared; what doesn't fit is cut off
@@ -53,5 +61,9 @@ struct NamespaceLimits {
 // without processes, kept by a descriptor or a bind, isn't seen.
 [[nodiscard]] SysResult<bool> isMountedAnywhere(DeviceNumber device, btrfs::SubvolumeId subvolume, Clock& clock,
                                                 const NamespaceLimits& limits = {});
+
+// All subvolumes of the device that are mounted anywhere; the same is read, and the same refused.
+[[nodiscard]] SysResult<SubvolumeIds> mountedAnywhere(DeviceNumber device, Clock& clock,
+                                                      const NamespaceLimits& limits = {});
 
 }  // namespace quillmark::os

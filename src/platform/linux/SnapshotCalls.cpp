@@ -9,7 +9,6 @@
 
 #include "platform/NameText.h"
 #include "platform/linux/FileSystemStatus.h"
-#include "platform/linux/MountNamespaces.h"
 #include "platform/linux/SnapshotPlace.h"
 
 namespace quillmark::os {
@@ -128,6 +127,51 @@ SysStatus LinuxSnapshotCalls::fs_snapshot_create(OpenVolume& volume, const std::
   return btrfs::createSnapshot(place->get(), opened.fd(), *fileName);
 }
 
+class LinuxSnapshotCalls::Batch final : public DeletionBatch {
+ public:
+  explicit Batch(LinuxSnapshotCalls& calls) : calls_(calls) {}
+  ~Batch() override { calls_.endDeletions(); }
+
+ private:
+  LinuxSnapshotCalls& calls_;
+};
+
+std::unique_ptr<DeletionBatch> LinuxSnapshotCalls::beginDeletions() {
+  auto batch = std::make_unique<Batch>(*this);
+  MutexLock lock(mutex_);
+  ++batches_;
+  return batch;
+}
+
+void LinuxSnapshotCalls::endDeletions() {
+  MutexLock lock(mutex_);
+  if (--batches_ == 0) mountedElsewhere_.clear();
+}
+
+const SubvolumeIds* LinuxSnapshotCalls::knownLocked(DeviceNumber device) {
+  constexpr std::chrono::seconds lately{1};
+  const auto found = mountedElsewhere_.find(device);
+  if (found == mountedElsewhere_.end()) return nullptr;
+  return dispatch_.clock().monotonic() - found->second.readAt < lately ? &found->second.subvolumes : nullptr;
+}
+
+SysResult<bool> LinuxSnapshotCalls::isMounted(DeviceNumber device, btrfs::SubvolumeId subvolume) {
+  bool isBatch = false;
+  {
+    MutexLock lock(mutex_);
+    if (const SubvolumeIds* known = knownLocked(device)) return known->contains(subvolume);
+    isBatch = batches_ > 0;
+  }
+  if (!isBatch) return isMountedAnywhere(device, subvolume, dispatch_.clock());
+  const MonotonicTime now = dispatch_.clock().monotonic();
+  auto all = mountedAnywhere(device, dispatch_.clock());
+  if (!all) return Errno{all.error()};
+  const bool contains = all->contains(subvolume);
+  MutexLock lock(mutex_);
+  if (batches_ > 0) mountedElsewhere_[device] = {std::move(*all), now};
+  return contains;
+}
+
 SysStatus LinuxSnapshotCalls::fs_snapshot_delete(OpenVolume& volume, const std::string& name, Xid meant) {
   const LinuxOpenVolume& opened = own(volume);
   const auto source = sourceOf(opened.mounted());
@@ -138,9 +182,9 @@ SysStatus LinuxSnapshotCalls::fs_snapshot_delete(OpenVolume& volume, const std::
   if (!snapshot) return Errno{snapshot.error()};
   if (snapshot->xid != meant) return Errno{ENOENT};
   // Other namespaces' tables are their owners' to fill, and may take long; what we mount ourselves is asked again.
-  const auto isMounted = isMountedAnywhere(source->device, snapshot->subvolume.id, dispatch_.clock());
-  if (!isMounted) return Errno{isMounted.error()};
-  if (*isMounted) return Errno{EBUSY};
+  const auto mounted = isMounted(source->device, snapshot->subvolume.id);
+  if (!mounted) return Errno{mounted.error()};
+  if (*mounted) return Errno{EBUSY};
   MutexLock lock(mounting_);
   const SysStatus destroyed = destroyChecked(topLevel->root(), source->device, opened.identity(), *snapshot);
   if (destroyed) reclaimer_.add(*source, snapshot->subvolume);
@@ -192,6 +236,19 @@ SysStatus LinuxSnapshotCalls::unmount(const std::string& path, bool force) {
 
 SysResult<FileSystemStatus> LinuxSnapshotCalls::statfs(const std::string& path) {
   return fileSystemStatus(path, names_);
+}
+
+bool LinuxSnapshotCalls::waitForSpace(const std::string& mountPoint, std::chrono::nanoseconds duration) {
+  std::optional<Uuid> fsid;
+  {
+    const auto table = MountTable::read();
+    const MountEntry* entry = table ? table->at(mountPoint) : nullptr;
+    if (!entry || !entry->isVolume()) return true;
+    // Let go of before the wait, or the volume couldn't be unmounted meanwhile.
+    const auto mounted = openSubvolume(*entry);
+    if (mounted) fsid = mounted->fsid;
+  }
+  return !fsid || reclaimer_.waitFor(*fsid, duration);
 }
 
 }  // namespace quillmark::os

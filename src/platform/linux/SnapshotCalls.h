@@ -15,6 +15,7 @@
 #include "platform/dispatch.h"
 #include "platform/linux/BtrfsMount.h"
 #include "platform/linux/DeviceNames.h"
+#include "platform/linux/MountNamespaces.h"
 #include "platform/linux/SnapshotList.h"
 #include "platform/linux/SnapshotReclaimer.h"
 
@@ -28,6 +29,7 @@ class LinuxSnapshotCalls final : public SnapshotCalls {
   SysResult<std::unique_ptr<OpenVolume>> open(const std::string& mountPoint, const VolumeUuid& expected) override;
   SysStatus fs_snapshot_create(OpenVolume& volume, const std::string& name) override EXCLUDES(mutex_);
   SysStatus fs_snapshot_delete(OpenVolume& volume, const std::string& name, Xid meant) override EXCLUDES(mounting_);
+  std::unique_ptr<DeletionBatch> beginDeletions() override EXCLUDES(mutex_);
   SysResult<int> fs_snapshot_list(OpenVolume& volume, const AttributeList& attributes,
                                   std::span<std::byte> buffer) override;
   SysStatus fs_snapshot_mount(OpenVolume& volume, const std::string& directory, const std::string& name, Xid meant,
@@ -35,10 +37,23 @@ class LinuxSnapshotCalls final : public SnapshotCalls {
   SysStatus unmount(const std::string& path, bool force) override;
   SysResult<FileSystemStatus> statfs(const std::string& path) override;
 
-  // Waits until the space of what was deleted is back, or can't be got back now; false when the time passed first.
+  bool waitForSpace(const std::string& mountPoint, std::chrono::nanoseconds duration) override;
+
+  // The same for all volumes.
   [[nodiscard]] bool waitForSpace(std::chrono::nanoseconds duration) { return reclaimer_.waitFor(duration); }
 
  private:
+  class Batch;
+  struct MountedElsewhere {
+    SubvolumeIds subvolumes;
+    MonotonicTime readAt;
+  };
+
+  // In any mount namespace, ours among them.
+  [[nodiscard]] SysResult<bool> isMounted(DeviceNumber device, btrfs::SubvolumeId subvolume) EXCLUDES(mutex_);
+  // Null when it isn't known, or not lately enough.
+  [[nodiscard]] const SubvolumeIds* knownLocked(DeviceNumber device) REQUIRES(mutex_);
+  void endDeletions() EXCLUDES(mutex_);
   [[nodiscard]] std::shared_ptr<Mutex> creationLock(const Uuid& fsid) EXCLUDES(mutex_);
 
   Dispatch& dispatch_;
@@ -48,6 +63,9 @@ class LinuxSnapshotCalls final : public SnapshotCalls {
   Mutex mutex_;
   // One per file system ever served: snapshots made one after the other get transactions of their own.
   std::map<Uuid, std::shared_ptr<Mutex>> creationLocks_ GUARDED_BY(mutex_);
+  unsigned batches_ GUARDED_BY(mutex_) = 0;
+  // What the last look found; empty without a batch.
+  std::map<DeviceNumber, MountedElsewhere> mountedElsewhere_ GUARDED_BY(mutex_);
 };
 
 }  // namespace quillmark::os

@@ -29,7 +29,7 @@ class SnapshotReclaimer::Work final : public std::enable_shared_from_this<Work> 
       : dispatch_(dispatch), queue_(dispatch.makeQueue({.label = "com.harrowfern.quillmark.reclaim",
                                                         .concurrent = false,
                                                         .qualityOfService = QualityOfService::utility})),
-        underWay_(std::move(underWay)), mutex_(dispatch) {}
+        underWay_(std::move(underWay)), busy_(dispatch), mutex_(dispatch) {}
 
   void add(const FileSystemSource& source, const btrfs::Subvolume& snapshot) {
     MutexLock lock(mutex_);
@@ -38,8 +38,11 @@ class SnapshotReclaimer::Work final : public std::enable_shared_from_this<Work> 
     if (isRunning_) return;
     isRunning_ = true;
     underWay_->enter();
+    busy_.enter();
     queue_->async([self = shared_from_this()] { self->begin(); });
   }
+
+  [[nodiscard]] bool waitFor(std::chrono::nanoseconds duration) { return busy_.waitFor(duration); }
 
  private:
   // Takes what has gathered and commits, which sets the cleaner to work.
@@ -83,6 +86,7 @@ class SnapshotReclaimer::Work final : public std::enable_shared_from_this<Work> 
         return;
       }
       isRunning_ = false;
+      busy_.leave();
     }
     underWay_->leave();
   }
@@ -98,6 +102,7 @@ class SnapshotReclaimer::Work final : public std::enable_shared_from_this<Work> 
   Dispatch& dispatch_;
   const std::shared_ptr<Queue> queue_;
   const std::shared_ptr<Group> underWay_;
+  Group busy_;  // with what is under way here
 
   // Confined to queue_.
   std::vector<btrfs::Subvolume> waiting_;
@@ -127,5 +132,16 @@ void SnapshotReclaimer::add(const FileSystemSource& source, const btrfs::Subvolu
 }
 
 bool SnapshotReclaimer::waitFor(std::chrono::nanoseconds duration) { return underWay_->waitFor(duration); }
+
+bool SnapshotReclaimer::waitFor(const Uuid& fsid, std::chrono::nanoseconds duration) {
+  std::shared_ptr<Work> work;
+  {
+    MutexLock lock(mutex_);
+    const auto found = works_.find(fsid);
+    if (found == works_.end()) return true;
+    work = found->second;
+  }
+  return work->waitFor(duration);
+}
 
 }  // namespace quillmark::os

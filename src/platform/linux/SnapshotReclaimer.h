@@ -28,6 +28,8 @@ class SnapshotReclaimer final {
   void add(const FileSystemSource& source, const btrfs::Subvolume& snapshot);
   // Waits until nothing is under way on any file system; false when the time passed first.
   [[nodiscard]] bool waitFor(std::chrono::nanoseconds duration);
+  // On this one.
+  [[nodiscard]] bool waitFor(const Uuid& fsid, std::chrono::nanoseconds duration) EXCLUDES(mutex_);
 
  private:
   class Work;

@@ -31,12 +31,20 @@ std::vector<Work> TimerAlarms::takeDue(MonotonicTime monotonic, Date wall) {
   return due;
 }
 
+std::vector<Work> TimerAlarms::takeWall() {
+  std::vector<Work> taken;
+  for (auto& [key, work] : wall_) {
+    keys_.erase(key.second);
+    taken.push_back(std::move(work));
+  }
+  wall_.clear();
+  return taken;
+}
+
 std::vector<Work> TimerAlarms::takeAll() {
   std::vector<Work> all;
   takeUpTo(monotonic_, MonotonicTime::max(), all);
-  for (auto& [key, work] : wall_) all.push_back(std::move(work));
-  wall_.clear();
-  keys_.clear();
+  for (Work& work : takeWall()) all.push_back(std::move(work));
   return all;
 }
 

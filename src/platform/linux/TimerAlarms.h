@@ -23,6 +23,8 @@ class TimerAlarms final {
   Work remove(AlarmId id);
   // Takes out what is due, monotonic alarms first.
   [[nodiscard]] std::vector<Work> takeDue(MonotonicTime monotonic, Date wall);
+  // The clock was set: takes out what waits for a date, whose owners look at the clock anew.
+  [[nodiscard]] std::vector<Work> takeWall();
   [[nodiscard]] std::vector<Work> takeAll();
 
   [[nodiscard]] std::optional<MonotonicTime> earliestMonotonic() const { return earliest(monotonic_); }

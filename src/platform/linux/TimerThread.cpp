@@ -43,9 +43,10 @@ itimerspec expiry(Date date) {
 }
 
 // EAGAIN when it was only re-armed, ECANCELED when the clock was set: either way the caller looks at all alarms.
-void drain(int fd) {
+// True when the timer was cancelled, because the clock was set.
+bool drain(int fd) {
   std::uint64_t expirations;
-  [[maybe_unused]] const ssize_t got = ::read(fd, &expirations, sizeof expirations);
+  return ::read(fd, &expirations, sizeof expirations) < 0 && errno == ECANCELED;
 }
 
 }  // namespace
@@ -93,8 +94,13 @@ void TimerThread::rearm() {
   }
   if (const auto next = alarms_.earliestWall(); next && (!armedWall_ || *next < *armedWall_)) {
     const itimerspec when = expiry(*next);
-    // ECANCELED tells that the clock was set meanwhile; the timer is armed all the same.
-    ::timerfd_settime(wallTimer_.get(), TFD_TIMER_ABSTIME | TFD_TIMER_CANCEL_ON_SET, &when, nullptr);
+    const int flags = TFD_TIMER_ABSTIME | TFD_TIMER_CANCEL_ON_SET;
+    // ECANCELED tells that the clock was set meanwhile, which no read tells any more; the timer is armed all the same.
+    if (::timerfd_settime(wallTimer_.get(), flags, &when, nullptr) != 0 && errno == ECANCELED) {
+      clockWasSet_ = true;
+      const itimerspec now = expiry(timespec{});
+      ::timerfd_settime(monotonicTimer_.get(), TFD_TIMER_ABSTIME, &now, nullptr);
+    }
     armedWall_ = next;
   }
 }
@@ -107,9 +113,10 @@ bool TimerThread::step() {
     NativeLock lock(mutex_);
     if (stopped_) return false;
     for (const pollfd& descriptor : descriptors) {
-      if (descriptor.revents) drain(descriptor.fd);
+      if (descriptor.revents && drain(descriptor.fd)) clockWasSet_ = true;
     }
     due = alarms_.takeDue(clock_.monotonic(), clock_.now());
+    if (std::exchange(clockWasSet_, false)) std::ranges::move(alarms_.takeWall(), std::back_inserter(due));
     armedMonotonic_.reset();
     armedWall_.reset();
     rearm();

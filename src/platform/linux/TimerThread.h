@@ -1,5 +1,5 @@
 // TimerThread: the thread on which alarms come, by two timer descriptors (timerfd_create(2)).
-// The one of the wall clock is cancelled when that clock is set, so that what became due is looked for anew.
+// The one of the wall clock is cancelled when that clock is set; every alarm that waits for a date comes then.
 // Threads: thread-safe.
 #pragma once
 
@@ -40,6 +40,7 @@ class TimerThread final {
   TimerAlarms alarms_ GUARDED_BY(mutex_);
   std::optional<MonotonicTime> armedMonotonic_ GUARDED_BY(mutex_);
   std::optional<Date> armedWall_ GUARDED_BY(mutex_);
+  bool clockWasSet_ GUARDED_BY(mutex_) = false;  // and what waits for a date hasn't been told
   bool stopped_ GUARDED_BY(mutex_) = false;
 };
 

@@ -25,6 +25,8 @@ constexpr std::uint64_t listenKey = 1;
 constexpr std::uint64_t firstConnectionKey = 2;
 constexpr std::size_t readBytes = 64 * 1024;
 constexpr int acceptsPerTurn = 16;
+// A socket, two holds on the peer's process, and one for what serves it.
+constexpr rlim_t descriptorsPerConnection = 4;
 // How long nothing is accepted after the platform had no room for a connection.
 constexpr auto acceptPause = 100ms;
 
@@ -33,7 +35,7 @@ UniqueFd spareDescriptor() { return UniqueFd(::open("/dev/null", O_RDONLY | O_CL
 std::size_t maxConnections() {
   rlimit limit;
   if (::getrlimit(RLIMIT_NOFILE, &limit) < 0) return 16;
-  return std::max<std::size_t>(limit.rlim_cur / 2, 1);
+  return std::max<std::size_t>(limit.rlim_cur / descriptorsPerConnection, 1);
 }
 
 bool set(int epoll, int operation, int fd, std::uint64_t key, std::uint32_t events) {
@@ -60,7 +62,8 @@ class LinuxTransport::Loop final {
     poll->wake.reset(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
     if (!poll->epoll.valid() || !poll->wake.valid() ||
         !set(poll->epoll.get(), EPOLL_CTL_ADD, poll->wake.get(), wakeKey, EPOLLIN) ||
-        !set(poll->epoll.get(), EPOLL_CTL_ADD, listening_.get(), listenKey, EPOLLIN)) {
+        !set(poll->epoll.get(), EPOLL_CTL_ADD, listening_.get(), listenKey, EPOLLIN) ||
+        !askForSenders(listening_.get())) {
       throw posixError("epoll", "transport", errno);
     }
     poll_ = std::move(poll);

@@ -7,6 +7,8 @@
 #include <array>
 #include <cerrno>
 
+#include "platform/linux/PeerProcess.h"
+
 namespace quillmark::os {
 namespace {
 
@@ -27,8 +29,20 @@ void TransportPoll::wakeLoop() const {
 LinuxConnection::LinuxConnection(Dispatch& dispatch, std::shared_ptr<const TransportPoll> poll, TransportLimits limits,
                                  Place place)
     : dispatch_(dispatch), poll_(std::move(poll)), limits_(limits), key_(place.key), peer_(std::move(place.peer)),
+      process_(std::dynamic_pointer_cast<LinuxPeerProcess>(peer_.process)),
       queue_(dispatch.makeQueue({.label = "com.harrowfern.quillmark.helper.connection"})),
       splitter_(limits.maxRequestBytes), mutex_(dispatch), socket_(std::move(place.socket)) {}
+
+void LinuxConnection::setCodeSigningRequirement(std::string_view /*requirement*/) {
+  guarded_ = true;
+  // Without a program that is known nothing the peer sends could ever count, and nothing is for it.
+  if (!process_ || !process_->held()) end(CloseReason::notThePeer);
+}
+
+bool LinuxConnection::isFromPeer(const std::optional<Sender>& sender) const {
+  if (!sender || sender->pid != peer_.pid || sender->uid != peer_.uid) return false;
+  return process_ && process_->runsWhatIsHeld();
+}
 
 void LinuxConnection::start(Callbacks callbacks) {
   MutexLock lock(mutex_);
@@ -173,15 +187,19 @@ bool LinuxConnection::handle(std::uint32_t events, std::span<char> buffer) {
 }
 
 bool LinuxConnection::readSome(std::span<char> buffer) {
-  const ssize_t count = ::recv(socket_.get(), buffer.data(), buffer.size(), MSG_DONTWAIT);
-  if (count < 0 && (errno == EAGAIN || errno == EINTR)) return true;
-  if (count <= 0) {
-    end(count == 0 || errno == ECONNRESET ? CloseReason::peerClosed : CloseReason::failed);
+  const SysResult<Received> received = receiveFrom(socket_.get(), buffer);
+  if (received.error() == EAGAIN || received.error() == EINTR) return true;
+  if (!received || received->bytes == 0) {
+    end(received || received.error() == ECONNRESET ? CloseReason::peerClosed : CloseReason::failed);
+    return false;
+  }
+  if (guarded_ && !isFromPeer(received->sender)) {
+    end(CloseReason::notThePeer);
     return false;
   }
   std::vector<std::string> lines;
   std::size_t bytes = 0;
-  const bool whole = splitter_.feed({buffer.data(), static_cast<std::size_t>(count)}, [&](std::string line) {
+  const bool whole = splitter_.feed({buffer.data(), received->bytes}, [&](std::string line) {
     bytes += line.size() + lineOverhead;
     lines.push_back(std::move(line));
   });

@@ -10,8 +10,11 @@
 #include "platform/Transport.h"
 #include "platform/dispatch.h"
 #include "platform/linux/TransportLines.h"
+#include "platform/linux/TransportSocket.h"
 
 namespace quillmark::os {
+
+class LinuxPeerProcess;
 
 // The epoll set and its wake-up, shared by the loop and all connections, so that neither outlives what it uses.
 struct TransportPoll {
@@ -30,6 +33,7 @@ class LinuxConnection final : public TransportConnection, public std::enable_sha
   LinuxConnection(Dispatch& dispatch, std::shared_ptr<const TransportPoll> poll, TransportLimits limits, Place place);
 
   const PeerCredentials& peer() const override { return peer_; }
+  void setCodeSigningRequirement(std::string_view requirement) override EXCLUDES(mutex_);
   void start(Callbacks callbacks) override EXCLUDES(mutex_);
   void send(std::string line) override EXCLUDES(mutex_);
   bool hasUnsent() override EXCLUDES(mutex_) {
@@ -57,6 +61,8 @@ class LinuxConnection final : public TransportConnection, public std::enable_sha
  private:
   enum class Writer { loop, other };
 
+  // Whether the bytes just read were sent by the program that was let in.
+  [[nodiscard]] bool isFromPeer(const std::optional<Sender>& sender) const;
   [[nodiscard]] bool readSome(std::span<char> buffer) EXCLUDES(mutex_);
   void deliver() EXCLUDES(mutex_);
   [[nodiscard]] bool nextBatch() EXCLUDES(mutex_);
@@ -75,12 +81,14 @@ class LinuxConnection final : public TransportConnection, public std::enable_sha
   const TransportLimits limits_;
   const std::uint64_t key_;
   const PeerCredentials peer_;
+  const std::shared_ptr<LinuxPeerProcess> process_;
   const std::shared_ptr<Queue> queue_;
 
   // Changed under the mutex, looked at without it between two lines.
   std::atomic<bool> over_ = false;
   std::atomic<bool> held_ = false;  // paused, or too much waits to be sent
   std::atomic<bool> moreLinesFollow_ = false;
+  std::atomic<bool> guarded_ = false;  // messages count from the peer's program alone
 
   // Confined to the loop.
   LineSplitter splitter_;

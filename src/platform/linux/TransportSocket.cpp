@@ -9,15 +9,24 @@
 #include <cstring>
 
 #include "base/Error.h"
+#include "platform/linux/PeerProcess.h"
 
 namespace quillmark::os {
 namespace {
 
 constexpr int backlog = 128;
+constexpr int soPeerPidfd = 77;  // SO_PEERPIDFD of Linux 6.5
 
 const sockaddr* generic(const sockaddr_un& address) { return reinterpret_cast<const sockaddr*>(&address); }
 
 UniqueFd streamSocket() { return UniqueFd(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0)); }
+
+UniqueFd peerPidfd(int socket) {
+  int pidfd = -1;
+  socklen_t length = sizeof pidfd;
+  if (::getsockopt(socket, SOL_SOCKET, soPeerPidfd, &pidfd, &length) < 0) return UniqueFd();
+  return UniqueFd(pidfd);  // close-on-exec
+}
 
 void prepareDirectory(const std::string& path) {
   const std::size_t slash = path.rfind('/');
@@ -76,7 +85,11 @@ SysResult<PeerCredentials> peerCredentials(int socket) {
   ucred credentials;
   socklen_t length = sizeof credentials;
   if (::getsockopt(socket, SOL_SOCKET, SO_PEERCRED, &credentials, &length) < 0) return Errno{errno};
-  PeerCredentials peer{.uid = credentials.uid, .gid = credentials.gid, .groups = {}, .pid = credentials.pid};
+  PeerCredentials peer{.uid = credentials.uid,
+                       .gid = credentials.gid,
+                       .groups = {},
+                       .pid = credentials.pid,
+                       .process = std::make_shared<LinuxPeerProcess>(credentials.pid, peerPidfd(socket))};
   peer.groups.resize(32);
   for (;;) {
     length = static_cast<socklen_t>(peer.groups.size() * sizeof(std::uint32_t));
@@ -85,6 +98,32 @@ SysResult<PeerCredentials> peerCredentials(int socket) {
     peer.groups.resize(length / sizeof(std::uint32_t));
     if (result == 0) return peer;
   }
+}
+
+bool askForSenders(int socket) {
+  const int on = 1;
+  return ::setsockopt(socket, SOL_SOCKET, SO_PASSCRED, &on, sizeof on) == 0;
+}
+
+SysResult<Received> receiveFrom(int socket, std::span<char> buffer) {
+  iovec place{.iov_base = buffer.data(), .iov_len = buffer.size()};
+  // Room for the sender and no more: descriptors that somebody passes find none and are dropped.
+  alignas(cmsghdr) char control[CMSG_SPACE(sizeof(ucred))];
+  msghdr message{};
+  message.msg_iov = &place;
+  message.msg_iovlen = 1;
+  message.msg_control = control;
+  message.msg_controllen = sizeof control;
+  const ssize_t count = ::recvmsg(socket, &message, MSG_DONTWAIT | MSG_CMSG_CLOEXEC);
+  if (count < 0) return Errno{errno};
+  Received received{.bytes = static_cast<std::size_t>(count), .sender = {}};
+  const cmsghdr* header = CMSG_FIRSTHDR(&message);
+  if (header && header->cmsg_level == SOL_SOCKET && header->cmsg_type == SCM_CREDENTIALS) {
+    ucred sender;
+    std::memcpy(&sender, CMSG_DATA(header), sizeof sender);
+    received.sender = Sender{.pid = sender.pid, .uid = sender.uid};
+  }
+  return received;
 }
 
 SysResult<UniqueFd> connectTo(const std::string& path) {

@@ -5,6 +5,7 @@
 #include <sys/un.h>
 
 #include <optional>
+#include <span>
 #include <string>
 
 #include "base/SysResult.h"
@@ -19,6 +20,20 @@ namespace quillmark::os {
 [[nodiscard]] UniqueFd makeListeningSocket(const std::string& path);
 
 [[nodiscard]] SysResult<PeerCredentials> peerCredentials(int socket);
+
+// Makes receiveFrom tell who sent. On a listening socket it holds for all that connect from then on.
+[[nodiscard]] bool askForSenders(int socket);
+
+struct Sender {
+  int pid;
+  std::uint32_t uid;  // the real one, unless the sender named another of its own
+};
+struct Received {
+  std::size_t bytes;  // 0 at the end of the stream
+  std::optional<Sender> sender;
+};
+// What is there already, of one sender; never waits.
+[[nodiscard]] SysResult<Received> receiveFrom(int socket, std::span<char> buffer);
 
 // Absent for a path that no socket can have.
 [[nodiscard]] std::optional<sockaddr_un> socketAddress(const std::string& path);

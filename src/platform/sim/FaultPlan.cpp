@@ -8,9 +8,10 @@
 namespace quillmark::sim {
 
 std::string nameOf(PosixCall call) {
-  static constexpr std::array<const char*, 17> names{"open",      "read",   "write",    "fsync", "fchmod", "fchown",
-                                                     "ftruncate", "fstat",  "lockFile", "lstat", "mkdir",  "rmdir",
-                                                     "unlink",    "rename", "chmod",    "chown", "list"};
+  static constexpr std::array names{"open",      "read",     "write",       "fsync",      "fchmod", "fchown",
+                                    "ftruncate", "fstat",    "lockFile",    "lstat",      "mkdir",  "rmdir",
+                                    "unlink",    "rename",   "chmod",       "chown",      "list",   "openVolume",
+                                    "getxattr",  "setxattr", "removexattr", "fsyncVolume"};
   return names.at(static_cast<std::size_t>(call));
 }
 

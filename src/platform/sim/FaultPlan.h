@@ -26,6 +26,12 @@ enum class PosixCall {
   chmod,
   chown,
   list,
+  // Of a volume's root directory.
+  openVolume,
+  getxattr,
+  setxattr,
+  removexattr,
+  fsyncVolume,
 };
 
 [[nodiscard]] std::string nameOf(PosixCall call);

@@ -127,20 +127,32 @@ bool Scheduler::step() {
   return true;
 }
 
+void Scheduler::serve(LifeHost& life, std::vector<Work> due) {
+  for (Work& work : due) {
+    if (life.gone()) {
+      life.keep(std::move(work));
+    } else {
+      work();
+    }
+  }
+}
+
 bool Scheduler::serveAlarms() {
   bool served = false;
   for (std::size_t i = 0; i < lives_.size(); ++i) {
     const std::shared_ptr<LifeHost> life = lives_[i];
-    for (Work& work : life->alarms().takeDue(clock_.monotonic(), clock_.now())) {
-      served = true;
-      if (life->gone()) {
-        life->keep(std::move(work));
-      } else {
-        work();
-      }
-    }
+    std::vector<Work> due = life->alarms().takeDue(clock_.monotonic(), clock_.now());
+    served = served || !due.empty();
+    serve(*life, std::move(due));
   }
   return served;
+}
+
+void Scheduler::clockWasSet() {
+  for (std::size_t i = 0; i < lives_.size(); ++i) {
+    const std::shared_ptr<LifeHost> life = lives_[i];
+    serve(*life, life->alarms().takeWall());
+  }
 }
 
 bool Scheduler::advance(MonotonicTime limit) {

@@ -100,6 +100,8 @@ class Scheduler final {
   bool step();
   // Serves the alarms that are due; false when none is.
   bool serveAlarms();
+  // The wall clock was set.
+  void clockWasSet();
   // Moves time to the next alarm, not past the limit; false when there is none so early.
   bool advance(MonotonicTime limit);
   // Until neither a runnable nor a due alarm is left.
@@ -112,6 +114,7 @@ class Scheduler final {
   [[nodiscard]] std::string waits() const;
 
  private:
+  static void serve(LifeHost& life, std::vector<Work> due);
   [[nodiscard]] Strand& strandAtRest();
   [[nodiscard]] Runnable draw();
   void runAssignment(Strand& strand);

@@ -138,6 +138,10 @@ void SimConnection::deliver() {
     return !toServer_.lines.empty() && toServer_.lines.front().arrival <= server_.clock().monotonic();
   };
   while (!over_ && serverReads() && arrived()) {
+    if (guarded_ && toServer_.lines.front().ofAnother) {
+      end(CloseReason::notThePeer);
+      break;
+    }
     std::string line = toServer_.pop();
     clientChanged_.notifyAll();
     callbacks_.received(std::move(line));
@@ -153,7 +157,9 @@ void SimConnection::clientSend(std::string_view line) {
   // What the server doesn't read fills the socket, and then the sender waits.
   while (!over_ && toServer_.bytes > setting_.options.socketBytes) clientChanged_.wait(clientMutex_);
   if (over_) throw posixError("send", "connection", EPIPE);
-  toServer_.push(stamped(std::string(line), toServer_));
+  Line sent = stamped(std::string(line), toServer_);
+  sent.ofAnother = another_;
+  toServer_.push(std::move(sent));
   scheduleDelivery();
 }
 

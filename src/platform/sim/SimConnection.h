@@ -22,6 +22,7 @@ class SimConnection final : public TransportConnection, public std::enable_share
 
   // The server's end.
   const PeerCredentials& peer() const override { return setting_.peer; }
+  void setCodeSigningRequirement(std::string_view) override { guarded_ = true; }
   void start(Callbacks callbacks) override;
   void send(std::string line) override;
   bool hasUnsent() override { return !over_ && unsent_.bytes > 0; }
@@ -40,12 +41,14 @@ class SimConnection final : public TransportConnection, public std::enable_share
   [[nodiscard]] std::string clientReceive(std::chrono::nanoseconds timeout);
   void clientClose() { end(CloseReason::peerClosed); }
   void clientStopsReading() { clientReads_ = false; }
+  void clientBecomesAnother() { another_ = true; }
   [[nodiscard]] bool isOpen() const { return !over_; }
 
  private:
   struct Line {
     std::string text;
     MonotonicTime arrival;
+    bool ofAnother = false;
     [[nodiscard]] std::size_t bytes() const { return text.size() + 1; }
   };
   // Lines on their way in one direction.
@@ -78,6 +81,8 @@ class SimConnection final : public TransportConnection, public std::enable_share
   Lane toClient_;  // in the socket, or taken by the client already
   unsigned pauses_ = 0;
   bool started_ = false;
+  bool guarded_ = false;
+  bool another_ = false;  // what the client sends is another program's
   bool delivering_ = false;
   bool closing_ = false;
   bool over_ = false;

@@ -1,6 +1,27 @@
 #include "platform/sim/SimDisks.h"
 
+#include "platform/linux/DiskEventDelivery.h"
+
 namespace quillmark::sim {
+namespace {
+
+class SimDiskWatch final : public DiskWatch {
+ public:
+  SimDiskWatch(SimVolumes& volumes, std::shared_ptr<os::DiskEventDelivery> delivery)
+      : delivery_(std::move(delivery)), observer_(std::make_shared<SimVolumes::Observer>(
+                                            [events = delivery_](const DiskEvent& event) { events->deliver(event); })) {
+    volumes.observe(observer_);
+  }
+  ~SimDiskWatch() override { delivery_->end(); }
+  SimDiskWatch(const SimDiskWatch&) = delete;
+  SimDiskWatch& operator=(const SimDiskWatch&) = delete;
+
+ private:
+  const std::shared_ptr<os::DiskEventDelivery> delivery_;
+  const std::shared_ptr<SimVolumes::Observer> observer_;
+};
+
+}  // namespace
 
 std::optional<SimVolume> SimDisks::at(const std::string& mountPoint) {
   for (SimVolume& volume : volumes_.volumes()) {
@@ -44,6 +65,12 @@ VolumeCapacities SimDisks::capacities(const std::string& volumePath) {
   return {.total = volume->blocks * volume->blockSize,
           .available = volume->availableBlocks * volume->blockSize,
           .availableForImportantUsage = std::nullopt};
+}
+
+std::unique_ptr<DiskWatch> SimDisks::watch(Dispatch&, std::shared_ptr<Queue> queue, DiskEventHandler handler) {
+  if (!canWatch) return nullptr;
+  return std::make_unique<SimDiskWatch>(volumes_,
+                                        std::make_shared<os::DiskEventDelivery>(std::move(queue), std::move(handler)));
 }
 
 }  // namespace quillmark::sim

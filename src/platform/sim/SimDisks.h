@@ -18,10 +18,12 @@ class SimDisks final : public Disks {
   std::optional<std::vector<std::string>> registryClasses(const std::string& bsdName) override;
   std::optional<std::vector<std::string>> mediaBsdNames() override;
   VolumeCapacities capacities(const std::string& volumePath) override;
+  std::unique_ptr<DiskWatch> watch(Dispatch& dispatch, std::shared_ptr<Queue> queue, DiskEventHandler handler) override;
 
   bool canStartSession = true;
   bool hasPaths = true;
   bool hasRegistry = true;
+  bool canWatch = true;
 
  private:
   [[nodiscard]] std::optional<SimVolume> at(const std::string& mountPoint);

@@ -32,11 +32,13 @@ HostPaths hostPathsUnder(const std::string& prefix) {
 
 SimPlatform::SimPlatform(Life& life, SimVolumes& volumes, SimPlatformOptions options)
     : life_(life), files_(options.files ? std::move(options.files) : installedMachine(life.clock())),
-      paths_(hostPathsUnder(files_->root())), bundle_(std::move(options.bundle)), snapshots_(volumes, life.clock()),
+      fileWork_(std::make_shared<SimFileWork>(files_->root())), paths_(hostPathsUnder(files_->root())),
+      bundle_(std::move(options.bundle)), snapshots_(volumes, life.clock()), attributes_(volumes, *files_),
       disks_(volumes), processes_(life.dispatch()), transport_(life, options.transport), process_(life.pid()) {
   files_->onKill([this] { life_.kill(); });
-  life.atEnd([files = std::weak_ptr(files_)] {
+  life.atEnd([files = std::weak_ptr(files_), work = std::weak_ptr(fileWork_)] {
     if (const auto alive = files.lock()) alive->kill();
+    if (const auto alive = work.lock()) alive->kill();
   });
 }
 
@@ -45,11 +47,14 @@ Platform SimPlatform::platform() {
           .clock = life_.clock(),
           .random = life_.random(),
           .posix = *files_,
+          .fileWork = *fileWork_,
           .snapshots = snapshots_,
+          .attributes = attributes_,
           .disks = disks_,
           .processes = processes_,
           .propertyLists = propertyLists_,
           .listener = transport_,
+          .peers = peers_,
           .log = log_,
           .process = process_,
           .users = users_,

@@ -18,6 +18,8 @@
 #include "platform/Platform.h"
 #include "platform/linux/PropertyList.h"
 #include "platform/sim/SimDisks.h"
+#include "platform/sim/SimFileWork.h"
+#include "platform/sim/SimPeerIdentities.h"
 #include "platform/sim/SimPlatformLog.h"
 #include "platform/sim/SimPosix.h"
 #include "platform/sim/SimProcesses.h"
@@ -25,6 +27,7 @@
 #include "platform/sim/SimThisProcess.h"
 #include "platform/sim/SimTransport.h"
 #include "platform/sim/SimUsers.h"
+#include "platform/sim/SimVolumeAttributes.h"
 
 namespace quillmark::sim {
 
@@ -47,10 +50,13 @@ class SimPlatform final {
   [[nodiscard]] Platform platform();
 
   [[nodiscard]] SimPosix& files() { return *files_; }
+  [[nodiscard]] SimFileWork& fileWork() { return *fileWork_; }
   [[nodiscard]] SimSnapshotCalls& snapshots() { return snapshots_; }
+  [[nodiscard]] SimVolumeAttributes& attributes() { return attributes_; }
   [[nodiscard]] SimDisks& disks() { return disks_; }
   [[nodiscard]] SimProcesses& processes() { return processes_; }
   [[nodiscard]] SimTransport& transport() { return transport_; }
+  [[nodiscard]] SimPeerIdentities& peers() { return peers_; }
   [[nodiscard]] SimPlatformLog& log() { return log_; }
   [[nodiscard]] SimThisProcess& process() { return process_; }
   [[nodiscard]] SimUsers& users() { return users_; }
@@ -59,13 +65,16 @@ class SimPlatform final {
  private:
   Life& life_;
   const std::shared_ptr<SimPosix> files_;
+  const std::shared_ptr<SimFileWork> fileWork_;  // on the same tree
   const HostPaths paths_;
   const Bundle bundle_;
   SimSnapshotCalls snapshots_;
+  SimVolumeAttributes attributes_;
   SimDisks disks_;
   SimProcesses processes_;
   os::LinuxPropertyLists propertyLists_;
   SimTransport transport_;
+  SimPeerIdentities peers_;
   SimPlatformLog log_;
   SimThisProcess process_;
   SimUsers users_;

@@ -42,8 +42,8 @@ void writeFile(const std::string& path, const SimNode::State& state) {
 
 SimPosix::SimPosix(Clock* clock) : clock_(clock), root_(makeRoot()) {}
 
-SimPosix::SimPosix(Clock* clock, const SimDurability& durability)
-    : clock_(clock), root_(makeRoot()), durability_(durability) {}
+SimPosix::SimPosix(Clock* clock, const SimDurability& durability, SimAttributeDisk attributes)
+    : clock_(clock), root_(makeRoot()), durability_(durability), attributes_(std::move(attributes)) {}
 
 SimPosix::~SimPosix() {
   for (const auto& [fd, node] : open_) files_.close(fd);
@@ -69,6 +69,11 @@ SysResult<SimPosix::Verdict> SimPosix::enter(PosixCall call) {
     case Fault::kill: fired_ = true; return Errno{die()};
   }
   return Verdict::goOn;
+}
+
+SysStatus SimPosix::count(PosixCall call) {
+  if (const auto verdict = enter(call); !verdict) return Errno{verdict.error()};
+  return {};
 }
 
 int SimPosix::die() {
@@ -162,7 +167,7 @@ void SimPosix::adoptStrangers() {
 
 std::unique_ptr<SimPosix> SimPosix::copyForSuccessor(Clock* clock) {
   adoptStrangers();
-  std::unique_ptr<SimPosix> next(new SimPosix(clock, durability_));
+  std::unique_ptr<SimPosix> next(new SimPosix(clock, durability_, attributes_));
   std::filesystem::copy(root_, next->root_,
                         std::filesystem::copy_options::recursive | std::filesystem::copy_options::copy_symlinks |
                             std::filesystem::copy_options::overwrite_existing);
@@ -191,6 +196,7 @@ std::unique_ptr<SimPosix> SimPosix::powerCut(std::uint64_t seed, Clock* clock) {
     node->uid = survivor.state.uid;
     node->gid = survivor.state.gid;
   }
+  next->attributes_ = attributes_.afterPowerCut(seed);
   next->syncEverything();
   return next;
 }
@@ -198,6 +204,7 @@ std::unique_ptr<SimPosix> SimPosix::powerCut(std::uint64_t seed, Clock* clock) {
 void SimPosix::syncEverything() {
   adoptStrangers();
   durability_.everythingSynced([this](const std::string& path) { return stateAt(path); });
+  attributes_.everythingSynced();
 }
 
 SysResult<int> SimPosix::open(const std::string& path, OpenFlags flags) {

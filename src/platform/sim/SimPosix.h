@@ -12,6 +12,7 @@
 #include "platform/clock.h"
 #include "platform/linux/Posix.h"
 #include "platform/sim/FaultPlan.h"
+#include "platform/sim/SimAttributeDisk.h"
 #include "platform/sim/SimPosixDurability.h"
 
 namespace quillmark::sim {
@@ -33,6 +34,10 @@ class SimPosix final : public Posix {
   void onKill(UniqueFunction<void()> hook) { killHook_ = std::move(hook); }
   // After this every call answers EIO and has no effect.
   void kill() { killed_ = true; }
+  // For calls that another facility makes on the same disks: counts it, and fails as the plan has it.
+  [[nodiscard]] SysStatus count(PosixCall call);
+  // Survives what the files survive.
+  [[nodiscard]] SimAttributeDisk& attributes() { return attributes_; }
 
   // What the next life finds: after a kill everything, synced or not, ...
   [[nodiscard]] std::unique_ptr<SimPosix> copyForSuccessor(Clock* clock = nullptr);
@@ -83,6 +88,7 @@ class SimPosix final : public Posix {
   Clock* const clock_;
   const std::string root_;
   SimDurability durability_;
+  SimAttributeDisk attributes_;
   std::map<int, SimNode::Ref> open_;  // null for a directory outside
   FaultPlan plan_;
   std::uint64_t calls_ = 0;
@@ -91,7 +97,7 @@ class SimPosix final : public Posix {
   bool killed_ = false;
   UniqueFunction<void()> killHook_;
 
-  SimPosix(Clock* clock, const SimDurability& durability);
+  SimPosix(Clock* clock, const SimDurability& durability, SimAttributeDisk attributes);
 };
 
 }  // namespace quillmark::sim

@@ -83,4 +83,10 @@ SysResult<FileSystemStatus> SimSnapshotCalls::statfs(const std::string& path) {
   return volumes_.status(path);
 }
 
+bool SimSnapshotCalls::waitForSpace(const std::string& mountPoint, std::chrono::nanoseconds) {
+  if (!volumes_.begin(SimCall::waitForSpace, mountPoint)) return false;
+  volumes_.returnSpace(mountPoint);
+  return true;
+}
+
 }  // namespace quillmark::sim

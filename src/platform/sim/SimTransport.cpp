@@ -38,6 +38,7 @@ void SimPeer::send(std::string_view line) { connection_->clientSend(line); }
 std::string SimPeer::receive(std::chrono::nanoseconds timeout) { return connection_->clientReceive(timeout); }
 void SimPeer::close() { connection_->clientClose(); }
 void SimPeer::stopReading() { connection_->clientStopsReading(); }
+void SimPeer::becomeAnother() { connection_->clientBecomesAnother(); }
 bool SimPeer::isOpen() const { return connection_->isOpen(); }
 
 SimTransport::SimTransport(Life& server, SimTransportOptions options)

@@ -39,6 +39,8 @@ class SimPeer final : public ClientChannel {
   void close();
   // From here on what the server sends stays in the socket's buffer, then with the server, until somebody receives.
   void stopReading();
+  // From here on another program than the one that connected sends.
+  void becomeAnother();
   [[nodiscard]] bool isOpen() const;
 
  private:

@@ -28,6 +28,10 @@ SimSnapshot makeSnapshot(const std::string& name, Xid xid, Date created) {
           .createdNanoseconds = static_cast<std::int64_t>((created.secondsSince1970() - seconds) * 1e9)};
 }
 
+DiskEvent eventOf(DiskEvent::Kind kind, const SimVolume& volume) {
+  return {kind, volume.mountPoint, volume.description.volumeKind, volume.description.mediaBsdName};
+}
+
 }  // namespace
 
 SimVolume makeSimVolume(const Uuid& uuid, const std::string& name, const std::string& mountPoint,
@@ -55,19 +59,52 @@ SimVolume* SimVolumes::find(const Uuid& volume) {
 }
 
 void SimVolumes::add(SimVolume volume) {
-  os::NativeLock lock(mutex_);
-  auto kept = unmounted_.extract(volume.uuid);
-  if (!kept.empty()) volume.snapshots = std::move(kept.mapped());
-  volumes_.push_back(std::move(volume));
+  const DiskEvent event = eventOf(DiskEvent::Kind::appeared, volume);
+  {
+    os::NativeLock lock(mutex_);
+    auto kept = unmounted_.extract(volume.uuid);
+    if (!kept.empty()) volume.snapshots = std::move(kept.mapped());
+    volumes_.push_back(std::move(volume));
+  }
+  announce(event);
 }
 
 void SimVolumes::take(const Uuid& uuid) {
+  DiskEvent event;
+  {
+    os::NativeLock lock(mutex_);
+    SimVolume* volume = find(uuid);
+    if (!volume) std::abort();
+    event = eventOf(DiskEvent::Kind::disappeared, *volume);
+    unmounted_[uuid] = std::move(volume->snapshots);
+    volumes_.erase(volumes_.begin() + (volume - volumes_.data()));
+    std::erase_if(mounts_, [&](const Mount& mount) { return mount.volume == uuid; });
+  }
+  announce(event);
+}
+
+void SimVolumes::observe(std::weak_ptr<Observer> observer) {
   os::NativeLock lock(mutex_);
-  SimVolume* volume = find(uuid);
-  if (!volume) std::abort();
-  unmounted_[uuid] = std::move(volume->snapshots);
-  volumes_.erase(volumes_.begin() + (volume - volumes_.data()));
-  std::erase_if(mounts_, [&](const Mount& mount) { return mount.volume == uuid; });
+  std::erase_if(observers_, [](const auto& other) { return other.expired(); });
+  observers_.push_back(std::move(observer));
+}
+
+void SimVolumes::announce(const DiskEvent& event) {
+  std::vector<std::weak_ptr<Observer>> observers;
+  {
+    os::NativeLock lock(mutex_);
+    observers = observers_;
+  }
+  for (const auto& observer : observers) {
+    if (const auto tell = observer.lock()) (*tell)(event);
+  }
+}
+
+void SimVolumes::returnSpace(const std::string& mountPoint) {
+  os::NativeLock lock(mutex_);
+  for (SimVolume& volume : volumes_) {
+    if (volume.mountPoint == mountPoint) volume.availableBlocks += std::exchange(volume.returningBlocks, 0);
+  }
 }
 
 void SimVolumes::change(const Uuid& uuid, FunctionRef<void(SimVolume&)> work) {
@@ -102,6 +139,7 @@ SysStatus SimVolumes::removeSnapshot(const Uuid& uuid, const std::string& name) 
     return mount.volume == uuid && mount.xid == found->xid;
   });
   if (isMounted) return Errno{EBUSY};
+  volume->returningBlocks += found->ownBlocks;
   volume->snapshots.erase(found);
   return {};
 }
@@ -114,25 +152,31 @@ std::vector<SimSnapshot> SimVolumes::snapshots(const Uuid& uuid) {
 
 SysStatus SimVolumes::mount(const Uuid& uuid, const std::string& directory, const std::string& name,
                             std::uint32_t flags) {
-  os::NativeLock lock(mutex_);
-  SimVolume* volume = find(uuid);
-  if (!volume) return Errno{ENOENT};
-  const auto found = withName(volume->snapshots, name);
-  if (found == volume->snapshots.end()) return Errno{ENOENT};
-  for (const Mount& mount : mounts_) {
-    if (mount.directory == directory || (mount.volume == uuid && mount.xid == found->xid)) return Errno{EBUSY};
+  {
+    os::NativeLock lock(mutex_);
+    SimVolume* volume = find(uuid);
+    if (!volume) return Errno{ENOENT};
+    const auto found = withName(volume->snapshots, name);
+    if (found == volume->snapshots.end()) return Errno{ENOENT};
+    for (const Mount& mount : mounts_) {
+      if (mount.directory == directory || (mount.volume == uuid && mount.xid == found->xid)) return Errno{EBUSY};
+    }
+    mounts_.push_back({directory, uuid, name, found->xid, flags, false});
   }
-  mounts_.push_back({directory, uuid, name, found->xid, flags, false});
+  announce({DiskEvent::Kind::appeared, directory, "apfs", std::nullopt});
   return {};
 }
 
 SysStatus SimVolumes::unmount(const std::string& directory, bool force) {
-  os::NativeLock lock(mutex_);
-  const auto found =
-      std::find_if(mounts_.begin(), mounts_.end(), [&](const Mount& mount) { return mount.directory == directory; });
-  if (found == mounts_.end()) return Errno{EINVAL};
-  if (found->isBusy && !force) return Errno{EBUSY};
-  mounts_.erase(found);
+  {
+    os::NativeLock lock(mutex_);
+    const auto found =
+        std::find_if(mounts_.begin(), mounts_.end(), [&](const Mount& mount) { return mount.directory == directory; });
+    if (found == mounts_.end()) return Errno{EINVAL};
+    if (found->isBusy && !force) return Errno{EBUSY};
+    mounts_.erase(found);
+  }
+  announce({DiskEvent::Kind::disappeared, directory, "apfs", std::nullopt});
   return {};
 }
 

@@ -7,6 +7,7 @@
 
 #include <cstdint>
 #include <deque>
+#include <functional>
 #include <map>
 #include <memory>
 #include <optional>
@@ -31,6 +32,7 @@ struct SimSnapshot {
   std::uint64_t fileId = 0;  // the XID unless a test says otherwise
   std::int64_t createdSeconds = 0;
   std::int64_t createdNanoseconds = 0;
+  std::uint64_t ownBlocks = 0;  // come back when it is deleted, as soon as somebody waits for them
 };
 
 struct SimVolume {
@@ -42,6 +44,7 @@ struct SimVolume {
   std::uint64_t blocks = 25'000'000;
   std::uint64_t availableBlocks = 20'000'000;
   std::vector<std::string> registryClasses = {"IOMedia", "IONVMeController"};
+  std::uint64_t returningBlocks = 0;  // of deleted snapshots
   std::vector<SimSnapshot> snapshots;
 };
 // An internal "Data" volume, as most tests want one.
@@ -49,7 +52,7 @@ struct SimVolume {
                                       const std::string& mountPoint = "/Volumes/Data",
                                       const std::string& bsdName = "disk1s1");
 
-enum class SimCall { open, create, remove, list, mount, unmount, statfs };
+enum class SimCall { open, create, remove, list, mount, unmount, statfs, waitForSpace };
 
 class SimVolumes final {
  public:
@@ -84,6 +87,15 @@ class SimVolumes final {
   // Somebody has a file open in the snapshot mounted there, or no longer.
   void setBusy(const std::string& directory, bool isBusy);
 
+  // The space of deleted snapshots becomes free.
+  void returnSpace(const std::string& mountPoint);
+
+  // Told, outside the lock, of every volume and mounted snapshot that comes or goes, as long as he lives.
+  using Observer = std::function<void(const DiskEvent&)>;
+  void observe(std::weak_ptr<Observer> observer);
+  // Tells observers what no change of these volumes shows.
+  void announce(const DiskEvent& event);
+
   // What statfs gives for a path: of the longest mount point that contains it, "/" being one of no volume.
   [[nodiscard]] FileSystemStatus status(const std::string& path);
 
@@ -102,6 +114,7 @@ class SimVolumes final {
   std::vector<SimVolume> volumes_ GUARDED_BY(mutex_);  // in the order of mounting
   std::map<Uuid, std::vector<SimSnapshot>> unmounted_ GUARDED_BY(mutex_);
   std::vector<Mount> mounts_ GUARDED_BY(mutex_);
+  std::vector<std::weak_ptr<Observer>> observers_ GUARDED_BY(mutex_);
   std::map<SimCall, std::deque<int>> failures_ GUARDED_BY(mutex_);
   std::shared_ptr<UniqueFunction<void(SimCall, const std::string&)>> watcher_ GUARDED_BY(mutex_);
   std::uint64_t transaction_ GUARDED_BY(mutex_) = 100;

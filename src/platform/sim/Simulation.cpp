@@ -142,6 +142,7 @@ void Simulation::runFor(std::chrono::nanoseconds span) {
 
 void Simulation::jumpWallClock(Seconds by) {
   scheduler_->clock().jumpWall(std::chrono::duration_cast<std::chrono::nanoseconds>(by));
+  scheduler_->clockWasSet();
 }
 
 void Simulation::sleepMachine(std::chrono::nanoseconds span) { scheduler_->clock().sleep(span); }

@@ -1,8 +1,67 @@
 #include "scheduling/rules/HelperSettings.h"
 
+#include <algorithm>
+#include <set>
+#include <unordered_set>
+
+#include "base/Text.h"
 #include "wire/RecordCoding.h"
 
 namespace quillmark {
+namespace {
+
+constexpr std::int64_t leastSafetyHours = 1;
+constexpr std::int64_t mostSafetyHours = 720;
+
+struct DefaultsOfVersion {
+  std::int64_t version;
+  std::vector<std::string> rules;
+};
+
+// What releases after the first one added to the default rules, by ascending version.
+std::vector<DefaultsOfVersion> addedDefaults() {
+  return {{1,
+           {"/cores", "/macOS Install Data", "/.PKInstallSandboxManager", "/.PKInstallSandboxManager-SystemSoftware",
+            "/Library/InstallerSandboxes/.PKInstallSandboxManager", "/.AppInstallationStaging"}}};
+}
+
+std::optional<std::string> normalizedRule(const std::string& text) {
+  std::string rule = trimWhitespaceAndNewlines(text);
+  if (rule.empty()) return std::nullopt;
+  if (rule.front() != '/') rule.insert(0, 1, '/');
+  while (rule.size() > 1 && rule.back() == '/') rule.pop_back();
+  if (rule == "/") return std::nullopt;
+  return rule;
+}
+
+std::optional<std::string> normalizedName(const std::string& text) {
+  std::string name = trimWhitespaceAndNewlines(text);
+  if (name.empty() || name.find('/') != std::string::npos) return std::nullopt;
+  return name;
+}
+
+// Duplicates keep their first place.
+std::vector<std::string> normalizedList(const std::vector<std::string>& texts,
+                                        std::optional<std::string> (*normalize)(const std::string&)) {
+  std::vector<std::string> result;
+  std::unordered_set<std::string> seen;
+  for (const std::string& text : texts) {
+    auto normalized = normalize(text);
+    if (normalized && seen.insert(*normalized).second) result.push_back(std::move(*normalized));
+  }
+  return result;
+}
+
+}  // namespace
+
+std::string_view label(IndexingMode mode) { return mode == IndexingMode::fullScan ? "Full scan" : "Off"; }
+
+std::string_view description(IndexingMode mode) {
+  if (mode == IndexingMode::fullScan) {
+    return "Build each snapshot's index with a multi-threaded full scan so comparisons are instant.";
+  }
+  return "Don't build snapshot indexes in the background. Comparing two snapshots builds their index on demand.";
+}
 
 std::vector<std::string> defaultExcludedPathRules() {
   return {
@@ -75,6 +134,30 @@ std::vector<std::string> defaultExcludedDirectoryNames() {
       ".Trash",          ".Trashes",       ".Spotlight-V100", ".fseventsd",   ".DocumentRevisions-V100",
       ".TemporaryItems", ".MobileBackups", ".dropbox.cache",  "node_modules",
   };
+}
+
+HelperSettings HelperSettings::normalized() const {
+  HelperSettings settings = *this;
+  settings.excludedPathRules = normalizedList(excludedPathRules, normalizedRule);
+  settings.excludedDirectoryNames = normalizedList(excludedDirectoryNames, normalizedName);
+  settings.safetySnapshotRetentionHours = std::clamp(safetySnapshotRetentionHours, leastSafetyHours, mostSafetyHours);
+  return settings;
+}
+
+std::pair<HelperSettings, std::vector<std::string>> HelperSettings::mergingNewDefaults() const {
+  const std::int64_t stored = exclusionDefaultsVersion.value_or(0);
+  HelperSettings settings = *this;
+  settings.exclusionDefaultsVersion = currentExclusionDefaultsVersion;
+  if (stored > 0) return {std::move(settings), std::vector<std::string>()};
+  std::set<std::string> present(excludedPathRules.begin(), excludedPathRules.end());
+  std::vector<std::string> added;
+  for (const auto& [version, rules] : addedDefaults()) {
+    if (version <= stored || version > currentExclusionDefaultsVersion) continue;
+    std::copy_if(rules.begin(), rules.end(), std::back_inserter(added),
+                 [&](const std::string& rule) { return present.insert(rule).second; });
+  }
+  settings.excludedPathRules.insert(settings.excludedPathRules.end(), added.begin(), added.end());
+  return {settings.normalized(), std::move(added)};
 }
 
 template <>

@@ -4,11 +4,17 @@
 #include <cstdint>
 #include <optional>
 #include <string>
+#include <string_view>
+#include <utility>
 #include <vector>
 
 namespace quillmark {
 
 enum class IndexingMode { fullScan, disabled };
+
+// What people read of a mode.
+[[nodiscard]] std::string_view label(IndexingMode mode);
+[[nodiscard]] std::string_view description(IndexingMode mode);
 
 [[nodiscard]] std::vector<std::string> defaultExcludedPathRules();
 [[nodiscard]] std::vector<std::string> defaultExcludedDirectoryNames();
@@ -33,6 +39,12 @@ struct HelperSettings {
   bool automaticDeletionEnabled = true;
   std::optional<std::int64_t> exclusionDefaultsVersion = currentExclusionDefaultsVersion;  // defaults merged so far
   bool operator==(const HelperSettings&) const = default;
+
+  // Bad values mended, not refused: rules and names trimmed, well formed and each there once, hours in their range.
+  [[nodiscard]] HelperSettings normalized() const;
+  // With the default rules that came after the settings were written, and what was added. A rule that the user took out
+  // stays out, once its version has been merged.
+  [[nodiscard]] std::pair<HelperSettings, std::vector<std::string>> mergingNewDefaults() const;
 };
 
 }  // namespace quillmark

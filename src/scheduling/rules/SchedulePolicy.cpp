@@ -45,6 +45,13 @@ SchedulePolicy SchedulePolicy::stamped(const std::optional<SchedulePolicy>& prev
 
 bool SchedulePolicy::isRotating(SnapshotCadence cadence) const { return enabled && enabledCadences.contains(cadence); }
 
+std::optional<Date> SchedulePolicy::rotationStoppedAt(SnapshotCadence cadence) const {
+  if (!enabled) return scheduleDisabledAt;
+  if (enabledCadences.contains(cadence) || !cadenceDisabledAt) return std::nullopt;
+  const auto entry = cadenceDisabledAt->find(cadence);
+  return entry == cadenceDisabledAt->end() ? std::nullopt : std::optional(entry->second);
+}
+
 template <>
 struct CaseNames<SnapshotCadence> {
   static constexpr std::array names{

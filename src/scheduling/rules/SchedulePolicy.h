@@ -31,6 +31,8 @@ struct SchedulePolicy {
   // A client's own values of the two stamps are never believed: they follow from the policy stored before, if any.
   [[nodiscard]] SchedulePolicy stamped(const std::optional<SchedulePolicy>& previous, Date now) const;
   [[nodiscard]] bool isRotating(SnapshotCadence cadence) const;
+  // When count rotation of the cadence ended; absent while it rotates, and when nobody noted the time.
+  [[nodiscard]] std::optional<Date> rotationStoppedAt(SnapshotCadence cadence) const;
 };
 
 }  // namespace quillmark

@@ -1,0 +1,74 @@
+#include "quill/LogFilter.h"
+
+#include <array>
+
+#include "base/Text.h"
+#include "quill/Failures.h"
+#include "quill/TimeText.h"
+#include "quill/VolumeChoice.h"
+
+namespace quillmark::cli {
+namespace {
+
+using Kind = HelperEvent::Kind;
+
+// As the commands are called that do it.
+constexpr std::array shortWords{
+    std::pair{"create", Kind::createSnapshot},    std::pair{"delete", Kind::deleteSnapshot},
+    std::pair{"mount", Kind::mountSnapshot},      std::pair{"unmount", Kind::unmountSnapshot},
+    std::pair{"compare", Kind::diffSnapshots},    std::pair{"index", Kind::indexSnapshot},
+    std::pair{"protect", Kind::setProtection},    std::pair{"unprotect", Kind::setProtection},
+    std::pair{"protection", Kind::setProtection}, std::pair{"tag", Kind::setTag},
+    std::pair{"restore", Kind::restoreFile},      std::pair{"alarm", Kind::monitorAlarm}};
+
+Kind kindMeant(const std::string& text) {
+  for (const auto& [word, kind] : shortWords) {
+    if (equalsIgnoringAsciiCase(word, text)) return kind;
+  }
+  for (const Kind kind : HelperEvent::allKinds) {
+    if (equalsIgnoringAsciiCase(word(kind), text)) return kind;
+  }
+  throw wrongUse("There is no kind \"" + text + "\".",
+                 "The kinds: create, delete, mount, unmount, compare, index, protect, tag, restore, alarm");
+}
+
+std::string uuidMeant(CommandContext& context, const std::string& text) {
+  try {
+    return chooseVolume(context.volumes, text);
+  } catch (const Error&) {
+    return {};  // gone, or not the only one of that name: its name decides
+  }
+}
+
+std::string nameOf(CommandContext& context, const std::string& uuid) {
+  for (const APFSVolume& volume : context.volumes.list(false)) {
+    if (equalsIgnoringAsciiCase(volume.id, uuid)) return volume.name;
+  }
+  return {};
+}
+
+}  // namespace
+
+LogFilter::LogFilter(CommandContext& context, const LogRequest& request) : failedOnly_(request.failed) {
+  for (const std::string& kind : request.kinds) kinds_.insert(kindMeant(kind));
+  if (request.since) since_ = momentMeant(context.clock, *request.since);
+  if (!request.volume) return;
+  const std::string uuid = uuidMeant(context, *request.volume);
+  volume_ = {*request.volume, uuid, uuid.empty() ? *request.volume : nameOf(context, uuid)};
+}
+
+bool LogFilter::isOn(const HelperEvent& event) const {
+  if (!event.volumeUUID.empty() && !volume_->uuid.empty())
+    return equalsIgnoringAsciiCase(event.volumeUUID, volume_->uuid);
+  return equalsIgnoringAsciiCase(event.volumeName, volume_->text) ||
+         (!volume_->name.empty() && event.volumeName == volume_->name);
+}
+
+bool LogFilter::wants(const HelperEvent& event) const {
+  if (failedOnly_ && event.succeeded) return false;
+  if (!kinds_.empty() && !kinds_.contains(event.kind)) return false;
+  if (since_ && event.timestamp < *since_) return false;
+  return !volume_ || isOn(event);
+}
+
+}  // namespace quillmark::cli

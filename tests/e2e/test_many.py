@@ -1,0 +1,97 @@
+"""Numbers beyond the everyday: thousands of snapshots, an audit trail through many rotations, readers beside it."""
+
+import fcntl
+import json
+import os
+import struct
+import subprocess
+from concurrent.futures import ThreadPoolExecutor
+
+import helper
+from cases import HelperCase
+from helper import UNMOUNT, Refused
+from volumes import Subvolume
+
+DELETE_MANY = "deleteSnapshotsWithSpecsJSON:onVolume:reply:"
+ACTIVITY = "/var/lib/quillmark"
+ROTATION_BYTES = 4 << 20
+KEPT_ARCHIVES = 8
+SNAPSHOTS = 5000
+
+# linux/btrfs.h: struct btrfs_ioctl_vol_args_v2 with a descriptor, flags and a name.
+_SNAP_CREATE_V2, _READ_ONLY = 0x50009417, 2
+_VOL_ARGS = struct.Struct("=qQQ32x4040s")
+
+
+class Many(HelperCase):
+    def test_thousands_of_snapshots_are_listed_and_each_of_many_deletions_is_recorded(self):
+        made = self.make_snapshots(SNAPSHOTS)
+        self.assertEqual({s["name"]: s["xid"] for s in self.client.list(self.volume)}, made)
+        names = sorted(made)
+        gone = []
+        for batch in (names[:300], names[2500:2700], names[-100:]):
+            specs = [{"name": name, "force": False} for name in batch]
+            outcomes = self.client.call(DELETE_MANY, specs, self.volume.uuid)
+            self.assertEqual(outcomes, [{"name": name} for name in batch])
+            gone += batch
+            self.assertEqual({s["name"]: s["xid"] for s in self.client.list(self.volume)},
+                             {name: xid for name, xid in made.items() if name not in set(gone)})
+        deleted = [event["snapshotName"] for event in events() if event["kind"] == "deleteSnapshot"]
+        self.assertEqual(deleted[1:], gone)
+
+    # Goal:   who follows the log by cursor sees every record once and in order, however often the log rotates meanwhile.
+    # Method: refused unmounts of long paths write records of several KB; two readers follow from the start.
+    def test_two_readers_follow_through_ten_rotations(self):
+        readers = [subprocess.Popen([f"{helper.PROGRAMS}/quill", "log", "--follow", "--json", "-n", "100000"],
+                                    stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True) for _ in range(2)]
+        self.addCleanup(lambda: [(reader.kill(), reader.communicate()) for reader in readers])
+        with ThreadPoolExecutor() as pool:
+            seen = [pool.submit(self.follow, reader) for reader in readers]
+            rotations = sent = 0
+            size = 0
+            while rotations < 10:
+                path = f"/Volumes/{sent:08}" + "x" * 3900
+                with self.assertRaises(Refused):
+                    self.client.call(UNMOUNT, path)
+                sent += 1
+                now = os.path.getsize(f"{ACTIVITY}/activity.log")
+                rotations += now < size
+                size = now
+            with self.assertRaises(Refused):
+                self.client.call(UNMOUNT, "/Volumes/the end")
+            for reader in seen:
+                self.assertEqual(reader.result(helper.PATIENCE), list(range(sent)))
+        archives = [name for name in os.listdir(ACTIVITY) if name.startswith("activity-")]
+        self.assertEqual(len(archives), KEPT_ARCHIVES)
+
+    @staticmethod
+    def follow(reader):
+        """The numbers of the records, in the order in which they came, up to the last one."""
+        numbers = []
+        for line in reader.stdout:
+            detail = json.loads(line)["detail"]
+            if detail == "/Volumes/the end":
+                return numbers
+            numbers.append(int(detail[9:17]))
+        raise AssertionError(f"the reader ended: {reader.stderr.read()}")
+
+    def make_snapshots(self, count):
+        """Of the form and at the place of the service's own, by the kernel alone: name to XID."""
+        self.client.delete(self.volume, self.client.create(self.volume, "makes the place"))
+        names = [f"com.harrowfern.Quillmark.manual.2026-01-01T00-00-00Z.number-{n:05}" for n in range(count)]
+        with self.volume.mounted_top_level() as top:
+            place = self.volume.place(top)
+            source, target = os.open(f"{top}{self.volume.subvolume}", os.O_RDONLY), os.open(place, os.O_RDONLY)
+            try:
+                with ThreadPoolExecutor(16) as pool:
+                    list(pool.map(lambda name: fcntl.ioctl(target, _SNAP_CREATE_V2, bytearray(_VOL_ARGS.pack(
+                        source, 0, _READ_ONLY, name.encode()))), names))
+            finally:
+                os.close(source)
+                os.close(target)
+            return {name: Subvolume(f"{place}/{name}").xid for name in names}
+
+
+def events():
+    with open(f"{ACTIVITY}/activity.log") as log:
+        return [json.loads(line) for line in log]

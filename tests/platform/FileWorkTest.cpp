@@ -1,0 +1,38 @@
+#include <cstdlib>
+#include <filesystem>
+
+#include "platform/contract/FileWorkSuite.h"
+#include "platform/linux/FileWork.h"
+#include "platform/sim/SimFileWork.h"
+
+namespace quillmark::contract {
+namespace {
+
+class LinuxFileWorkBackend final {
+ public:
+  LinuxFileWorkBackend() {
+    if (!::mkdtemp(directory_.data())) std::abort();
+  }
+  ~LinuxFileWorkBackend() { std::filesystem::remove_all(directory_); }
+  FileWork& work() { return work_; }
+  [[nodiscard]] const std::string& directory() const { return directory_; }
+
+ private:
+  os::LinuxFileWork work_;
+  std::string directory_ = "/tmp/quillmark-work-XXXXXX";
+};
+
+class SimFileWorkBackend final {
+ public:
+  FileWork& work() { return work_; }
+  [[nodiscard]] const std::string& directory() const { return work_.root(); }
+
+ private:
+  sim::SimFileWork work_;
+};
+
+INSTANTIATE_TYPED_TEST_SUITE_P(Linux, FileWorkSuite, LinuxFileWorkBackend);
+INSTANTIATE_TYPED_TEST_SUITE_P(Simulated, FileWorkSuite, SimFileWorkBackend);
+
+}  // namespace
+}  // namespace quillmark::contract
