@@ -40,6 +40,7 @@ function(qm_client name identifier)
   target_sources(${name} PRIVATE $<TARGET_OBJECTS:${name}_note>)
   if(QUILLMARK_SIGNING_KEY)
     add_dependencies(${name} codesign)
+    set_property(TARGET ${name} APPEND PROPERTY LINK_DEPENDS ${QUILLMARK_SIGNING_KEY} $<TARGET_FILE:codesign>)
     add_custom_command(TARGET ${name} POST_BUILD
       COMMAND codesign --key ${QUILLMARK_SIGNING_KEY} $<TARGET_FILE:${name}> VERBATIM)
   endif()

@@ -74,6 +74,7 @@ void writeAll(Posix& posix, int fd, const std::string& path, std::string_view da
     const SysResult<std::size_t> put = posix.write(fd, data);
     if (!put && put.error() == EINTR) continue;
     if (!put) throw posixError("write", path, put.error());
+    if (*put == 0) throw posixError("write", path, EIO);
     data.remove_prefix(*put);
   }
 }

@@ -1,13 +1,14 @@
 // What this build says of itself.
 #pragma once
 
+#include <string>
+
 #include "platform/Bundle.h"
-#include "platform/linux/identity/CodeSignature.h"
 
 namespace quillmark {
 
 [[nodiscard]] Bundle buildFacts();
-// The key whose signature makes a client genuine.
-[[nodiscard]] os::CodeAnchor codeAnchor();
+// The public key whose signature makes a client genuine, 64 hexadecimal digits.
+[[nodiscard]] std::string codeAnchorDigits();
 
 }  // namespace quillmark

@@ -60,7 +60,7 @@ int serve(const char* executable) {
   os::LinuxTransportOptions transport{.path = paths.socket};
   if (auto activated = os::activatedSocket()) transport.listening = std::move(*activated);
   os::LinuxTransport listener(dispatch, std::move(transport));
-  os::LinuxPeerIdentities peers(dispatch, {.anchor = codeAnchor()});
+  os::LinuxPeerIdentities peers(dispatch, {.anchor = os::CodeAnchor::parse(codeAnchorDigits()).value()});
   os::LinuxPlatformLog platformLog;
   os::LinuxThisProcess process;
   os::LinuxUsers users;

@@ -49,6 +49,7 @@ class Replacement final {
       const SysResult<std::size_t> written = posix_.write(fd, data);
       if (!written && written.error() == EINTR) continue;
       if (!written) fail("write protection temp file", written.error());
+      if (*written == 0) fail("write protection temp file", EIO);
       data.remove_prefix(*written);
     }
     require("chmod protection temp file", posix_.fchmod(fd, 0600));

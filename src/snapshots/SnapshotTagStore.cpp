@@ -28,7 +28,7 @@ void put(Texts& tags, const std::string& key, const std::optional<std::string>& 
 
 Error attributeError(const std::string& what, const VolumeInfo& volume, int error) {
   return QuillmarkError::make(internalError,
-                              what + " the snapshot-tag xattr on " + volume.mountPoint + ": " + errnoText(error));
+                              what + " snapshot-tag xattr on " + volume.mountPoint + ": " + errnoText(error));
 }
 
 // For what the caller can do without.
@@ -84,7 +84,7 @@ void SnapshotTagStore::setTagLocked(const VolumeInfo& volume, const std::string&
   const SysStatus written = writeAttribute(volume, inAttribute);
   const bool wasInAttribute = before.contains(key);
   if (written.error() == E2BIG && wasInAttribute) return moveToLocalLocked(volume, before, key, tag);
-  if (!written && wasInAttribute) throw attributeError("Could not update", volume, written.error());
+  if (!written && wasInAttribute) throw attributeError("Could not update the", volume, written.error());
   Texts local = localTagsLocked(volume.key());
   put(local, key, written ? std::nullopt : tag);
   persistLocked(volume.key(), std::move(local));
@@ -99,7 +99,7 @@ void SnapshotTagStore::moveToLocalLocked(const VolumeInfo& volume, Texts inAttri
   inAttribute.erase(key);
   const SysStatus written = writeAttribute(volume, inAttribute);
   // The new one stays below: whether the attribute's went is not known.
-  if (!written) throw attributeError("Could not update", volume, written.error());
+  if (!written) throw attributeError("Could not update the", volume, written.error());
 }
 
 void SnapshotTagStore::forgetDeleted(const VolumeInfo& volume, Xid xid) {

@@ -236,7 +236,7 @@ class Users(PeerCase):
         sandbox.run(PROJECT / "tools/install-local", PROGRAMS, place)
         told = "/tmp/told-by-child"
         Path(f"{place}/diskutil").write_text(
-            f"#!/bin/sh\nexec >{told} 2>&1\nid -g\nls -l /proc/self/fd | grep -c socket:\n{PROGRAMS}/quill version\n"
+            f"#!/bin/sh -p\nexec >{told} 2>&1\nid -g\nls -l /proc/self/fd | grep -c socket:\n{PROGRAMS}/quill version\n"
             "echo status $?\n")
         quill("volumes", program=f"{place}/quill", **a_member())
         group, sockets, *_, status = Path(told).read_text().splitlines()

@@ -91,6 +91,21 @@ TEST_F(Namespaces, AMountIsSeenPastAProcessThatIsShutIntoADirectory) {
   EXPECT_EQ(remove(), 0);
 }
 
+// Goal:   what a batch reads once it reads of all snapshots, and keeps not beyond its end.
+// Method: deletions of two snapshots under one batch, a neighbour showing one of them.
+TEST_F(Namespaces, ABatchSeesTheMountsOfAllItsSnapshots) {
+  EXPECT_TRUE(machine.calls.fs_snapshot_create(*machine.open(machine.volume), "other"));
+  const Xid other = contract::xidOf(machine.calls, *machine.open(machine.volume), "other");
+  {
+    const Neighbour neighbour([&] { return mountSnapshot(); });
+    ASSERT_TRUE(neighbour.isReady());
+    const auto batch = machine.calls.beginDeletions();
+    EXPECT_TRUE(machine.calls.fs_snapshot_delete(*machine.open(machine.volume), "other", other));
+    EXPECT_EQ(remove(), EBUSY);
+  }
+  EXPECT_EQ(remove(), 0);
+}
+
 // Peak memory since the last call, in bytes.
 std::uint64_t peakMemory() {
   std::ifstream status("/proc/self/status");

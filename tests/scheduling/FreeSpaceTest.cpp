@@ -88,8 +88,10 @@ TEST(FreeSpaceWatch, SaysWhenThereIsNoNextCheck) {
 
 TEST(FreeSpaceWatch, ABurstOfDiskEventsCostsOneMeasurement) {
   SchedulerMachine machine;
+  machine.setPolicy(pruningBelow(40 * gigabyte));
   machine.start();
   machine.runFor(6s);
+  const auto nextCheck = pushed(machine).nextPruneCheckAt;
   const DiskEvent event{DiskEvent::Kind::descriptionChanged, "/Volumes/Data", "apfs", "disk1s1"};
   const auto pushesAfter = [&](std::chrono::seconds wait) {
     machine.runFor(wait);
@@ -101,6 +103,7 @@ TEST(FreeSpaceWatch, ABurstOfDiskEventsCostsOneMeasurement) {
   EXPECT_EQ(pushesAfter(70s), 2U);
   EXPECT_EQ(pushesAfter(10s), 2U);
   EXPECT_EQ(pushesAfter(70s), 3U);
+  EXPECT_EQ(pushed(machine).nextPruneCheckAt, nextCheck);
   machine.runUntil(nineOClock + Seconds(904));
   EXPECT_EQ(machine.notifier.pushes.size(), 3U);
   machine.runFor(2s);

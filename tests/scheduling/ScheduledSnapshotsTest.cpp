@@ -106,12 +106,13 @@ TEST(ScheduledSnapshots, ComeOncePerSlotOverZonesAndDaylightSaving) {
     SCOPED_TRACE(test.what);
     SchedulerMachine machine({.start = utc(test.start), .timeZone = test.zone});
     const std::string before = machine.add(Kind::automatic(test.cadence), utc(test.newestBefore));
+    const std::string manual = machine.add(Kind::manual(), utc(test.start));  // satisfies no slot
     SchedulePolicy policy = only({test.cadence});
     policy.retention[test.cadence] = mostRetained(test.cadence);
     machine.setPolicy(policy);
     machine.start();
     machine.runFor(std::chrono::duration_cast<std::chrono::nanoseconds>(test.length));
-    std::vector<std::string> expected{before};
+    std::vector<std::string> expected{before, manual};
     for (const std::string& name : test.names) {
       expected.push_back(std::string(SnapshotNameInfo::prefix) + "auto." + std::string(word(test.cadence)) + "." +
                          name);
@@ -283,6 +284,17 @@ TEST(ScheduledSnapshots, AreNotTakenWhereNobodyWantsThemOrNothingCanBeTrusted) {
     EXPECT_THAT(machine.names(), IsEmpty()) << test.what;
     EXPECT_THAT(machine.audit.events, IsEmpty()) << test.what;
   }
+}
+
+TEST(ScheduledSnapshots, WithSchedulesThatCantBeReadNoTickDoesAnything) {
+  SchedulerMachine machine;
+  machine.isNewVolume = true;
+  machine.add(Kind::manual(), nineOClock - day);
+  machine.write(machine.paths.state("schedules.json"), "");
+  machine.start();
+  machine.runFor(30min);
+  machine.run([&] { EXPECT_EQ(machine.clocks.firstSeen(VolumeUuid(machine.uuid.lower())), std::nullopt); });
+  EXPECT_THAT(machine.notifier.broadcasts, IsEmpty());
 }
 
 TEST(ScheduledSnapshots, GoOnWhileProtectionCantBeKnownAndWhileDeletionIsOff) {

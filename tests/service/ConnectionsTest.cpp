@@ -182,6 +182,9 @@ TEST(Shutdown, letsNoChangeSlipBetweenTheCheckAndTheQueue) {
     ServiceMachine machine(seed);
     std::optional<std::size_t> atExit;
     machine.onExit = [&] { atExit = machine.names().size(); };
+    machine.volumes.watchCalls([&](sim::SimCall call, const std::string&) {
+      if (call == sim::SimCall::create) machine.life.delay(10ms);  // what slipped through would still be under way
+    });
     std::size_t made = 0, refused = 0;
     machine.run([&] {
       TestClient a = machine.connect(), b = machine.connect(), quitter = machine.connect();
@@ -199,6 +202,41 @@ TEST(Shutdown, letsNoChangeSlipBetweenTheCheckAndTheQueue) {
     EXPECT_EQ(machine.names().size(), made) << "seed " << seed;
     EXPECT_EQ(made + refused, 16U);
   }
+}
+
+// Goal:   check and queue are one step: work that was let in is waited for, however slowly it reached its queue.
+// Method: the work gives every other fiber the turn before it queues; the end is asked for meanwhile.
+TEST(Shutdown, waitsForWhateverItLetIn) {
+  int letIn = 0;
+  for (std::uint64_t seed = 1; seed <= 50; ++seed) {
+    ServiceMachine machine(seed);
+    Dispatch& dispatch = machine.life.dispatch();
+    bool isLetIn = false, done = false, exited = false;
+    const auto exit = [&] {
+      exited = true;
+      EXPECT_EQ(done, isLetIn) << "seed " << seed;
+    };
+    ShutdownCoordinator coordinator(dispatch, machine.helper.log(), {nullptr, nullptr, exit});
+    const auto queue = dispatch.makeQueue({.label = "mutation"});
+    coordinator.add(machine.life.random().uuid(), {queue});
+    machine.simulation.run(machine.life, [&] {
+      machine.life.spawn("client", [&] {
+        (void)coordinator.admit([&] {
+          isLetIn = true;
+          for (int i = 0; i < 20; ++i) machine.simulation.yield();
+          queue->async([&] {
+            machine.life.delay(1s);
+            done = true;
+          });
+        });
+      });
+      machine.life.spawn("quitter", [&] { EXPECT_TRUE(coordinator.requestQuit()); });
+    });
+    machine.simulation.runFor(5s);
+    EXPECT_TRUE(exited);
+    letIn += isLetIn;
+  }
+  EXPECT_GT(letIn, 0);
 }
 
 TEST(Shutdown, letsABatchRunOutAndAnswer) {

@@ -305,7 +305,7 @@ void runRace(contract::DispatchBackend& backend, std::uint64_t seed, Home home, 
 
 #if !defined(__SANITIZE_THREAD__)  // it can't follow fibers
 TEST(ProtectionRace, isNeverLostInTheSimulator) {
-  const std::uint64_t seeds = std::getenv("QUILLMARK_LONG") ? 2000 : 60;
+  const std::uint64_t seeds = std::getenv("QUILLMARK_LONG") ? 2000 : 30;
   for (std::uint64_t seed = 1; seed <= seeds; ++seed) {
     contract::SimulatedBackend backend(seed);
     runRace(backend, seed, seed % 2 == 0 ? Home::attribute : Home::file, 4, 12);

@@ -107,7 +107,7 @@ TEST_F(SnapshotTagStoreTest, showsWhatItHasBesideADamagedAttributeAndNeverWrites
   VolumeInfo replaced = data;
   replaced.uuid = otherUuid.upper();
   EXPECT_EQ(complaintOf([&] { life.tag(5, "new", replaced); }),
-            "Could not read the snapshot-tag xattr on /Volumes/Data: Stale file handle");
+            "Could not read snapshot-tag xattr on /Volumes/Data: Stale file handle");
 }
 
 TEST_F(SnapshotTagStoreTest, readsAFileThatCouldNotBeReadAgainWhenItIsRepaired) {

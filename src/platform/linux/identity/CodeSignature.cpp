@@ -60,12 +60,11 @@ Digest digestOfText(std::string_view text) {
 
 std::string CodeAnchor::keyId() const {
   static constexpr char digits[] = "0123456789abcdef";
-  const Digest digest = digestOfText({reinterpret_cast<const char*>(publicKey.data()), publicKey.size()});
   std::string id;
   // Whole bytes, and room for the zero that ends the field.
   for (std::size_t i = 0; id.size() < CodeNote::keyIdBytes - 2; ++i) {
-    id += digits[digest[i] >> 4];
-    id += digits[digest[i] & 15];
+    id += digits[publicKey[i] >> 4];
+    id += digits[publicKey[i] & 15];
   }
   return id;
 }

@@ -18,7 +18,7 @@ using Digest = std::array<unsigned char, 32>;
 // The public half of a key that signs genuine clients.
 struct CodeAnchor {
   std::array<unsigned char, 32> publicKey{};
-  // 14 digits of its own hash, as notes name it.
+  // Its first 14 digits, as notes name it.
   [[nodiscard]] std::string keyId() const;
   // Of 64 hexadecimal digits.
   [[nodiscard]] static std::optional<CodeAnchor> parse(std::string_view digits);
