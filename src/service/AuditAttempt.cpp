@@ -4,11 +4,12 @@
 #include "platform/random.h"
 #include "service/HelperEnvironment.h"
 #include "service/HelperService.h"
+#include "service/ShortText.h"
 #include "wire/QuillmarkError.h"
 
 namespace quillmark {
 
-HelperEvent AuditAttempt::makeEvent(std::string detail) {
+HelperEvent AuditAttempt::makeEvent(const std::string& detail) {
   const Platform& platform = service_.environment().platform;
   HelperEvent event;
   event.id = platform.random.uuid().upper();
@@ -17,15 +18,15 @@ HelperEvent AuditAttempt::makeEvent(std::string detail) {
   event.client = service_.client();
   event.user = service_.user();
   event.volumeName = draft_.volumeName;
-  event.volumeUUID = draft_.volumeUUID;
-  event.snapshotName = draft_.snapshotName;
-  event.detail = std::move(detail);
+  event.volumeUUID = shortText(draft_.volumeUUID);
+  if (draft_.snapshotName) event.snapshotName = shortText(*draft_.snapshotName);
+  event.detail = shortText(detail);
   event.durationMs = (platform.clock.monotonic() - started_).count() / 1'000'000;
   return event;
 }
 
-std::optional<Error> AuditAttempt::succeeded(std::string detail) {
-  HelperEvent event = makeEvent(std::move(detail));
+std::optional<Error> AuditAttempt::succeeded(const std::string& detail) {
+  HelperEvent event = makeEvent(detail);
   event.succeeded = true;
   const std::optional<Error> failure = service_.environment().audit.append(event);
   if (!failure) return std::nullopt;
@@ -41,7 +42,7 @@ void AuditAttempt::failed(const Error& error) {
     }
   }
   HelperEvent event = makeEvent(draft_.failureDetail);
-  event.errorMessage = error.description();
+  event.errorMessage = shortText(error.description());
   (void)service_.environment().audit.append(event);  // the client is told of its own failure only
 }
 

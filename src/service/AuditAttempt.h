@@ -31,12 +31,12 @@ class AuditAttempt final {
       : draft_(std::move(draft)), service_(service), started_(started) {}
 
   [[nodiscard]] AuditDraft& draft() { return draft_; }
-  // Each writes the record, once. A success answers the error that its reply carries when the record could not be stored.
-  [[nodiscard]] std::optional<Error> succeeded(std::string detail);
+  // Each writes the record, once, with texts cut to a bound: no client can push the others' records out of the log. A success answers the error that its reply carries when the record could not be stored.
+  [[nodiscard]] std::optional<Error> succeeded(const std::string& detail);
   void failed(const Error& error);
 
  private:
-  [[nodiscard]] HelperEvent makeEvent(std::string detail);
+  [[nodiscard]] HelperEvent makeEvent(const std::string& detail);
 
   AuditDraft draft_;
   HelperService& service_;

@@ -23,11 +23,9 @@ struct Target {
   SchedulePolicy policy;
 };
 
-Target targetOf(CommandRun& run, const std::string& volumeUUID) {
+SchedulePolicy policyOf(CommandRun& run, const std::string& volumeUUID) {
   PolicySource* policies = run.environment().policies;
-  Target target{run.service().apfs().resolveVolume(volumeUUID), SchedulePolicy::makeDefault().normalized()};
-  if (policies) target.policy = policies->policy(target.volume.key());
-  return target;
+  return policies ? policies->policy(VolumeUuid(volumeUUID)) : SchedulePolicy::makeDefault().normalized();
 }
 
 AuditDraft draftOfDelete(const std::string& volumeUUID, const std::string& name) {
@@ -115,9 +113,10 @@ void handle(CommandRun& run, const DeleteSnapshot& call) {
   AuditAttempt& attempt = run.audit(draftOfDelete(call.volumeUUID, call.name));
   requireVolumeUUID(call.volumeUUID);
   requireDeletable(call.name);
-  const Target target = targetOf(run, call.volumeUUID);
-  attempt.draft().volumeName = target.volume.name;
-  refuseBackupVolume(target.volume, "delete snapshots");
+  VolumeInfo volume = run.service().apfs().resolveVolume(call.volumeUUID);
+  attempt.draft().volumeName = volume.name;
+  refuseBackupVolume(volume, "delete snapshots");
+  const Target target{std::move(volume), policyOf(run, call.volumeUUID)};
   const Xid xid = deleteWholly(run, target, call.name, call.force);
   if (SnapshotHistory* history = run.environment().history) history->snapshotsDeleted(target.volume, {xid});
   run.replyNothing(attempt.succeeded(detailOfDelete(call.name, call.force)));
@@ -128,7 +127,9 @@ void handle(CommandRun& run, const DeleteSnapshots& call) {
   requireVolumeUUID(call.volumeUUID);
   const auto specs = decodeJson<std::vector<SnapshotDeleteSpec>>(call.specs.text);
   environment.log.info(fmt::format("XPC deleteSnapshots(volume={}, count={})", call.volumeUUID, specs.size()));
-  const Target target = targetOf(run, call.volumeUUID);
+  requireBatchSize(specs.size());
+  SchedulePolicy policy = policyOf(run, call.volumeUUID);
+  const Target target{run.service().apfs().resolveVolume(call.volumeUUID), std::move(policy)};
   refuseBackupVolume(target.volume, "delete snapshots");
   const QuietBatch quiet(environment, call.volumeUUID);
   std::vector<SnapshotNameOutcome> outcomes;

@@ -9,6 +9,7 @@
 #include "platform/PlatformLog.h"
 #include "platform/ThisProcess.h"
 #include "platform/posix.h"
+#include "service/ShortText.h"
 #include "snapshots/LogNames.h"
 
 namespace quillmark {
@@ -39,14 +40,8 @@ PlatformLogType typeOf(LogLevel level) {
 
 // A peer's text must not be able to write lines of its own, or to fill the disk.
 std::string onOneLine(std::string_view message) {
-  constexpr std::size_t most = 4096;
-  if (message.size() > most) {
-    std::size_t cut = most;
-    while ((static_cast<unsigned char>(message[cut]) & 0xC0) == 0x80) --cut;
-    return onOneLine(message.substr(0, cut)) + "...";
-  }
   std::string line;
-  for (const char c : message) {
+  for (const char c : shortText(message)) {
     const auto byte = static_cast<unsigned char>(c);
     line += byte < 0x20 || byte == 0x7F ? fmt::format("\\x{:02x}", byte) : std::string(1, c);
   }

@@ -74,12 +74,12 @@ void attribute(CommandRun& run, AuditDraft& draft, const Attribution& attributio
   if (!attribution.xid) return;
   draft.snapshotName = fmt::format("snap-{}", attribution.xid->value);
   if (attribution.label.empty()) return;
-  std::vector<APFSVolume> matches;
-  for (APFSVolume& volume : run.environment().volumes.listVolumes()) {
-    if (sanitizeMountComponent(volume.name).substr(0, 40) == attribution.label) matches.push_back(std::move(volume));
-  }
-  if (matches.size() != 1) return;
   try {
+    std::vector<APFSVolume> matches;
+    for (APFSVolume& volume : run.environment().volumes.listVolumes()) {
+      if (sanitizeMountComponent(volume.name).substr(0, 40) == attribution.label) matches.push_back(std::move(volume));
+    }
+    if (matches.size() != 1) return;
     const VolumeInfo volume = run.service().apfs().resolveVolume(matches.front().id);
     for (const SnapshotRecord& snapshot : run.service().apfs().listSnapshots(volume)) {
       if (snapshot.xid != *attribution.xid) continue;
@@ -162,6 +162,7 @@ void handle(CommandRun& run, const MountSnapshot& call) {
 void handle(CommandRun& run, const MountSnapshots& call) {
   const auto specs = decodeJson<std::vector<SnapshotMountSpec>>(call.specs.text);
   run.environment().log.info(fmt::format("XPC mountSnapshots(count={})", specs.size()));
+  requireBatchSize(specs.size());
   std::vector<SnapshotMountOutcome> outcomes;
   for (const SnapshotMountSpec& spec : specs) {
     SnapshotMountOutcome& outcome = outcomes.emplace_back();
@@ -179,6 +180,7 @@ void handle(CommandRun& run, const UnmountSnapshot& call) {
 }
 
 void handle(CommandRun& run, const UnmountSnapshots& call) {
+  requireBatchSize(call.paths.size());
   std::vector<SnapshotPathOutcome> outcomes;
   for (const std::string& path : call.paths) {
     const auto unmount = [&](AuditAttempt& attempt) { (void)unmountOne(run, attempt, path); };

@@ -45,4 +45,10 @@ void requireSnapshotName(std::string_view text) {
   }
 }
 
+void requireBatchSize(std::size_t items) {
+  if (items <= maxBatchItems) return;
+  throw QuillmarkError::make(QuillmarkErrorCode::internalError,
+                             "A batch holds at most " + std::to_string(maxBatchItems) + " items.");
+}
+
 }  // namespace quillmark

@@ -1,6 +1,7 @@
 // The rules for arguments that many commands share. The refusal's text is the command's.
 #pragma once
 
+#include <cstddef>
 #include <string_view>
 
 namespace quillmark {
@@ -18,5 +19,10 @@ void requireVolumeUUID(std::string_view text);
 void requireLabel(std::string_view text);
 // Throws invalidSnapshotUUID with "Snapshot name is malformed".
 void requireSnapshotName(std::string_view text);
+
+// A batch writes a record an item: without a bound one request line would keep its queue for many minutes.
+inline constexpr std::size_t maxBatchItems = 10'000;
+// Throws internalError.
+void requireBatchSize(std::size_t items);
 
 }  // namespace quillmark

@@ -86,6 +86,26 @@ TEST(BatchDelete, failsWholeWhenTheRequestOrTheVolumeCanNotServe) {
   EXPECT_THAT(machine.events(), IsEmpty()) << "no snapshot was touched";
 }
 
+TEST(Batches, keepTheirItemsAndTheTextsOfTheirRecordsWithinBounds) {
+  ServiceMachine machine;
+  machine.run([&] {
+    TestClient client = machine.connect();
+    const std::string refusal = "A batch holds at most 10000 items.";
+    using enum QuillmarkErrorCode;
+    const JsonArgument specs = json(Specs(10'001, {"a", true}));
+    expectError(client.call(DeleteSnapshots{specs, machine.uuid.lower()}), internalError, refusal);
+    expectError(client.call(UnmountSnapshots{std::vector<std::string>(10'001, "/")}), internalError, refusal);
+    EXPECT_THAT(machine.events(), IsEmpty());
+    (void)client.call(UnmountSnapshots{{"/" + std::string(100'000, 'x')}});
+    (void)client.call(DeleteSnapshot{std::string(100'000, 'n'), std::string(100'000, 'u'), true});
+    const auto events = machine.events();
+    ASSERT_EQ(events.size(), 2U);
+    EXPECT_EQ(events[0].detail, "/" + std::string(4095, 'x') + "...");
+    EXPECT_EQ(events[1].snapshotName, std::string(4096, 'n') + "...");
+    EXPECT_EQ(events[1].volumeUUID, std::string(4096, 'u') + "...");
+  });
+}
+
 TEST(BatchDelete, warnsOfARecordThatCouldNotBeStored) {
   ServiceMachine machine;
   machine.run([&] {
