@@ -51,8 +51,12 @@ void syncNamesIn(Posix& posix, const std::string& path) {
 }
 
 std::optional<std::string> readFile(Posix& posix, const std::string& path, std::size_t limit) {
-  const SysResult<int> opened = posix.open(path, {.read = true});
-  if (!opened && opened.error() == ENOENT) return std::nullopt;
+  // A link that leads nowhere is no absent file, and opening a pipe would wait for its writer.
+  const SysResult<FileStatus> there = posix.lstat(path);
+  if (!there && there.error() == ENOENT) return std::nullopt;
+  if (!there) throw posixError("lstat", path, there.error());
+  if (there->type != FileType::regular) throw posixError("open", path, EINVAL);
+  const SysResult<int> opened = posix.open(path, {.read = true, .noFollow = true});
   if (!opened) throw posixError("open", path, opened.error());
   const OpenFile file(posix, *opened);
   std::string data;

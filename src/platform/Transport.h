@@ -60,6 +60,9 @@ class TransportConnection {
 
   virtual ~TransportConnection() = default;
   [[nodiscard]] virtual const PeerCredentials& peer() const = 0;
+  // Held by whoever works for the peer: as long as anybody holds it, also after the end, the connection counts among its
+  // user's. Null where the backend counts none.
+  [[nodiscard]] virtual std::shared_ptr<const void> userPlace() const { return nullptr; }
   // From here on, for the connection's whole life, only messages count that the peer's own process sends while it runs
   // the program whose audit token was read before; the first other one ends the connection. Call before start().
   virtual void setCodeSigningRequirement(std::string_view requirement) = 0;

@@ -8,6 +8,12 @@
 #include "wire/QuillmarkError.h"
 
 namespace quillmark {
+namespace {
+
+// Longer than any valid name or label, so that what is cut was refused.
+constexpr std::size_t mostRecordText = 512;
+
+}  // namespace
 
 HelperEvent AuditAttempt::makeEvent(const std::string& detail) {
   const Platform& platform = service_.environment().platform;
@@ -18,9 +24,9 @@ HelperEvent AuditAttempt::makeEvent(const std::string& detail) {
   event.client = service_.client();
   event.user = service_.user();
   event.volumeName = draft_.volumeName;
-  event.volumeUUID = shortText(draft_.volumeUUID);
-  if (draft_.snapshotName) event.snapshotName = shortText(*draft_.snapshotName);
-  event.detail = shortText(detail);
+  event.volumeUUID = shortText(draft_.volumeUUID, mostRecordText);
+  if (draft_.snapshotName) event.snapshotName = shortText(*draft_.snapshotName, mostRecordText);
+  event.detail = shortText(detail, mostRecordText);
   event.durationMs = (platform.clock.monotonic() - started_).count() / 1'000'000;
   return event;
 }
@@ -42,7 +48,7 @@ void AuditAttempt::failed(const Error& error) {
     }
   }
   HelperEvent event = makeEvent(draft_.failureDetail);
-  event.errorMessage = shortText(error.description());
+  event.errorMessage = shortText(error.description(), mostRecordText);
   (void)service_.environment().audit.append(event);  // the client is told of its own failure only
 }
 

@@ -2,7 +2,6 @@
 
 #include "base/HelperLog.h"
 #include "platform/SnapshotCalls.h"
-#include "scheduling/rules/PolicySource.h"
 #include "service/Handlers.h"
 #include "service/HelperEnvironment.h"
 #include "service/HelperService.h"
@@ -24,8 +23,7 @@ struct Target {
 };
 
 SchedulePolicy policyOf(CommandRun& run, const std::string& volumeUUID) {
-  PolicySource* policies = run.environment().policies;
-  return policies ? policies->policy(VolumeUuid(volumeUUID)) : SchedulePolicy::makeDefault().normalized();
+  return run.environment().persistence.policy(VolumeUuid(volumeUUID));
 }
 
 AuditDraft draftOfDelete(const std::string& volumeUUID, const std::string& name) {

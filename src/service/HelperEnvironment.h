@@ -9,9 +9,14 @@
 #include <vector>
 
 #include "journal/ActivityLog.h"
+#include "notifications/HelperNotifications.h"
 #include "platform/Platform.h"
+#include "scheduling/HelperSettingsPersistence.h"
+#include "scheduling/SchedulePersistence.h"
+#include "scheduling/VolumeClockPersistence.h"
 #include "service/ClientConnections.h"
 #include "service/HealthMonitor.h"
+#include "service/ScheduleNotices.h"
 #include "service/ShutdownCoordinator.h"
 #include "service/SnapshotChangePush.h"
 #include "snapshots/APFSManager.h"
@@ -27,8 +32,7 @@
 namespace quillmark {
 
 class HelperLog;
-class PolicySource;
-class SettingsSource;
+class Scheduler;
 class SnapshotHistory;
 class SnapshotSizes;
 
@@ -43,9 +47,15 @@ class HelperEnvironment final {
   // Before the listener is resumed; a second call does nothing.
   void start();
 
+  // Nothing begins of itself afterwards: the timers are stopped.
+  void quiesce();
+
   const Platform platform;
   HelperLog& log;
 
+  SchedulePersistence persistence;
+  HelperSettingsPersistence settings;
+  VolumeClockPersistence clocks;
   VolumeProtectionStore protection;
   SnapshotNamePersistence names;
   SnapshotTagStore tags;
@@ -55,6 +65,7 @@ class HelperEnvironment final {
   VolumeQueueRegistry volumeQueues;
 
   ClientConnections connections;
+  HelperNotifications notifications;
   SnapshotIdentity identity;
   SnapshotServices snapshots;
   APFSManager apfs;
@@ -66,15 +77,18 @@ class HelperEnvironment final {
   // removes the directory on which another is about to mount.
   Mutex mountPaths;
 
-  PolicySource* policies = nullptr;
-  SettingsSource* settings = nullptr;
+  // Present from start() on.
+  std::shared_ptr<Scheduler> scheduler;
   SnapshotHistory* history = nullptr;
   SnapshotSizes* sizes = nullptr;
 
  private:
   [[nodiscard]] HealthProbes probes(std::vector<HealthNote> notes);
+  void mergeNewDefaults();
+  void startScheduler();
   void snapshotInventoryChanged(const std::string& volumeUUID);
 
+  ScheduleNotices scheduleNotices_;
   Guarded<bool> startedOnce_;
 };
 

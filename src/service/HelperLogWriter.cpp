@@ -40,8 +40,9 @@ PlatformLogType typeOf(LogLevel level) {
 
 // A peer's text must not be able to write lines of its own, or to fill the disk.
 std::string onOneLine(std::string_view message) {
+  constexpr std::size_t most = 4096;
   std::string line;
-  for (const char c : shortText(message)) {
+  for (const char c : shortText(message, most)) {
     const auto byte = static_cast<unsigned char>(c);
     line += byte < 0x20 || byte == 0x7F ? fmt::format("\\x{:02x}", byte) : std::string(1, c);
   }

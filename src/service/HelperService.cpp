@@ -15,6 +15,7 @@ namespace {
 constexpr unsigned connectionQueueWidth = 8;
 // Calls of one client under way before its next lines wait unread.
 constexpr unsigned mostUnanswered = 256;
+constexpr std::size_t mostUnansweredBytes = 8 * 1024 * 1024;
 
 std::shared_ptr<Queue> serialQueue(Dispatch& dispatch, const char* name) {
   return dispatch.makeQueue({.label = std::string("com.harrowfern.quillmark.helper.") + name});
@@ -26,7 +27,14 @@ std::shared_ptr<Queue> concurrentQueue(Dispatch& dispatch, const char* name) {
                              .width = connectionQueueWidth});
 }
 
+std::shared_ptr<const void> placeOf(const std::weak_ptr<TransportConnection>& connection) {
+  const auto alive = connection.lock();
+  return alive ? alive->userPlace() : nullptr;
+}
+
 }  // namespace
+
+bool HelperService::Unanswered::tooMany() const { return count >= mostUnanswered || bytes > mostUnansweredBytes; }
 
 HelperService::HelperService(HelperEnvironment& environment, std::weak_ptr<TransportConnection> connection,
                              ClientIdentity identity)
@@ -36,7 +44,8 @@ HelperService::HelperService(HelperEnvironment& environment, std::weak_ptr<Trans
       mutationQueue_(serialQueue(environment.platform.dispatch, "mutation")),
       mountQueue_(serialQueue(environment.platform.dispatch, "mount")),
       historyQueue_(concurrentQueue(environment.platform.dispatch, "history")),
-      shutdownRegistrationID_(environment.platform.random.uuid()), unanswered_(environment.platform.dispatch, 0U) {
+      shutdownRegistrationID_(environment.platform.random.uuid()), userPlace_(placeOf(connection_)),
+      unanswered_(environment.platform.dispatch) {
   environment_.shutdown.add(shutdownRegistrationID_, {mutationQueue_, mountQueue_, queryQueue_, historyQueue_});
 }
 
@@ -49,7 +58,7 @@ void HelperService::receive(const std::string& line) {
     return;
   }
   auto& call = std::get<RpcCall>(decoded);
-  if (isExported(*call.command)) return begin(std::move(call));
+  if (isExported(*call.command)) return begin(std::move(call), line.size());
   if (call.id) {
     send(encodeRefusal(
         {*call.id, RpcFault::methodNotFound, "Unknown selector \"" + std::string(call.command->selector) + "\"."}));
@@ -60,29 +69,30 @@ bool HelperService::isExported(const CommandSpec& command) const {
   return identity_.client != HelperEvent::Client::finderSync || command.protocols == CommandProtocols::helperAndFinder;
 }
 
-void HelperService::begin(RpcCall call) {
-  callStarted();
+void HelperService::begin(RpcCall call, std::size_t bytes) {
+  callStarted(bytes);
   const CommandSpec& command = *call.command;
   if (const std::string line = entryLine(command, call.arguments); !line.empty()) environment_.log.info(line);
-  if (!command.drains) return enqueue(std::move(call));
-  const std::optional<std::string> id = call.id;
-  if (environment_.shutdown.admit([&] { enqueue(std::move(call)); })) return;
-  answer(id, {std::nullopt, QuillmarkError::make(QuillmarkErrorCode::helperRestarting,
-                                                 "Quillmark helper is restarting; try again in a moment.")});
+  if (!command.drains) return enqueue(std::move(call), bytes);
+  if (environment_.shutdown.admit([&] { enqueue(std::move(call), bytes); })) return;
+  answer(call, bytes,
+         {std::nullopt, QuillmarkError::make(QuillmarkErrorCode::helperRestarting,
+                                             "Quillmark helper is restarting; try again in a moment.")});
 }
 
-void HelperService::enqueue(RpcCall call) {
+void HelperService::enqueue(RpcCall call, std::size_t bytes) {
   const CommandSpec& command = *call.command;
-  if (command.queue == CommandQueue::delivery) return run(command, call.arguments, call.id);
-  queueOf(command.queue)->async([weak = weak_from_this(), call = std::move(call)] {
-    if (const auto self = weak.lock()) self->run(*call.command, call.arguments, call.id);
+  if (command.queue == CommandQueue::delivery) return run(call, bytes);
+  queueOf(command.queue)->async([weak = weak_from_this(), call = std::move(call), bytes] {
+    // Also alive while another of its commands still runs for a client that has gone.
+    const auto self = weak.lock();
+    if (self && !self->connection_.expired()) self->run(call, bytes);
   });
 }
 
-void HelperService::run(const CommandSpec& command, const ArgumentValues& arguments,
-                        const std::optional<std::string>& id) {
-  CommandRun commandRun(*this, command.word(), [this, &id](RpcReply reply) { answer(id, reply); });
-  handlerOf(command.selector)(commandRun, arguments);
+void HelperService::run(const RpcCall& call, std::size_t bytes) {
+  CommandRun commandRun(*this, call.command->word(), [&, this](RpcReply reply) { answer(call, bytes, reply); });
+  handlerOf(call.command->selector)(commandRun, call.arguments);
 }
 
 std::shared_ptr<Queue> HelperService::queueOf(CommandQueue queue) const {
@@ -97,27 +107,33 @@ std::shared_ptr<Queue> HelperService::queueOf(CommandQueue queue) const {
   return environment_.platform.dispatch.global(QualityOfService::userInitiated);
 }
 
-void HelperService::answer(const std::optional<std::string>& id, const RpcReply& reply) {
-  if (id) send(encodeReply(*id, reply));
-  callEnded();
+void HelperService::answer(const RpcCall& call, std::size_t bytes, const RpcReply& reply) {
+  if (call.id) send(encodeReply(*call.id, reply));
+  callEnded(bytes);
 }
 
 void HelperService::send(std::string line) {
   if (const auto connection = connection_.lock()) connection->send(std::move(line));
 }
 
-void HelperService::callStarted() {
-  // Under the guard, so that a pause always comes before the resume that ends it.
-  unanswered_.with([&](unsigned& count) {
-    const auto connection = ++count == mostUnanswered ? connection_.lock() : nullptr;
-    if (connection) connection->pauseReading();
+// Under the guard, so that a pause always comes before the resume that ends it.
+void HelperService::callStarted(std::size_t bytes) {
+  unanswered_.with([&](Unanswered& calls) {
+    ++calls.count;
+    calls.bytes += bytes;
+    if (calls.paused || !calls.tooMany()) return;
+    calls.paused = true;
+    if (const auto connection = connection_.lock()) connection->pauseReading();
   });
 }
 
-void HelperService::callEnded() {
-  unanswered_.with([&](unsigned& count) {
-    const auto connection = count-- == mostUnanswered ? connection_.lock() : nullptr;
-    if (connection) connection->resumeReading();
+void HelperService::callEnded(std::size_t bytes) {
+  unanswered_.with([&](Unanswered& calls) {
+    --calls.count;
+    calls.bytes -= bytes;
+    if (!calls.paused || calls.tooMany()) return;
+    calls.paused = false;
+    if (const auto connection = connection_.lock()) connection->resumeReading();
   });
 }
 

@@ -41,15 +41,23 @@ class HelperService final : public std::enable_shared_from_this<HelperService> {
   [[nodiscard]] std::optional<std::uint32_t> peerUID() const { return identity_.peerUID; }
 
  private:
+  // The calls under way, with the bytes of their request lines.
+  struct Unanswered {
+    unsigned count = 0;
+    std::size_t bytes = 0;
+    bool paused = false;
+    [[nodiscard]] bool tooMany() const;
+  };
+
   [[nodiscard]] bool isExported(const CommandSpec& command) const;
-  void begin(RpcCall call);
-  void enqueue(RpcCall call);
-  void run(const CommandSpec& command, const ArgumentValues& arguments, const std::optional<std::string>& id);
+  void begin(RpcCall call, std::size_t bytes);
+  void enqueue(RpcCall call, std::size_t bytes);
+  void run(const RpcCall& call, std::size_t bytes);
   [[nodiscard]] std::shared_ptr<Queue> queueOf(CommandQueue queue) const;
-  void answer(const std::optional<std::string>& id, const RpcReply& reply);
+  void answer(const RpcCall& call, std::size_t bytes, const RpcReply& reply);
   void send(std::string line);
-  void callStarted();
-  void callEnded();
+  void callStarted(std::size_t bytes);
+  void callEnded(std::size_t bytes);
 
   HelperEnvironment& environment_;
   const std::weak_ptr<TransportConnection> connection_;
@@ -61,7 +69,10 @@ class HelperService final : public std::enable_shared_from_this<HelperService> {
   const std::shared_ptr<Queue> historyQueue_;
   const Uuid shutdownRegistrationID_;
 
-  Guarded<unsigned> unanswered_;
+  // Keeps the place among its user's connections until the last command is done.
+  const std::shared_ptr<const void> userPlace_;
+
+  Guarded<Unanswered> unanswered_;
 };
 
 }  // namespace quillmark

@@ -1,7 +1,6 @@
 #include <fmt/format.h>
 
 #include "base/HelperLog.h"
-#include "scheduling/rules/PolicySource.h"
 #include "service/Handlers.h"
 #include "service/HelperEnvironment.h"
 #include "service/HelperService.h"
@@ -76,11 +75,10 @@ void handle(CommandRun& run, const ListSnapshots& call) {
   const std::vector<SnapshotRecord> listing = run.service().apfs().listSnapshots(volume);
 
   Annotations notes;
-  notes.policy =
-      environment.policies ? environment.policies->policy(volume.key()) : SchedulePolicy::makeDefault().normalized();
+  notes.policy = environment.persistence.policy(volume.key());
   notes.protectedXIDs = environment.protection.protectedXIDs(volume);
   if (environment.history) notes.indexedXIDs = environment.history->indexedXIDs(volume.key());
-  const std::optional<HelperSettings> settings = environment.settings ? environment.settings->current() : std::nullopt;
+  const std::optional<HelperSettings> settings = environment.settings.current();
   const bool measure = settings.value_or(HelperSettings()).measureSnapshotSizes.value_or(true);
   const bool wantSizes = measure && (call.includeSizes || call.forceSizeRefresh);
   notes.sizes = sizesFor(run, volume, listing, wantSizes, call.forceSizeRefresh && measure);

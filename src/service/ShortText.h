@@ -8,9 +8,7 @@
 
 namespace quillmark {
 
-inline constexpr std::size_t maxShortTextBytes = 4096;
-
-// The text itself, or its beginning up to the bound, ending between scalars, with "..." behind it.
-[[nodiscard]] std::string shortText(std::string_view text);
+// The text itself, or its beginning up to so many bytes, ending between scalars, with "..." behind it.
+[[nodiscard]] std::string shortText(std::string_view text, std::size_t most);
 
 }  // namespace quillmark

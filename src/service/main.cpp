@@ -90,7 +90,7 @@ int serve(const char* executable) {
       platform, {.logRotation = ownsLog ? HelperLogWriter::Rotation::ofLogFile : HelperLogWriter::Rotation::never,
                  .executable = executable ? executable : "?",
                  .exitProcess = [] { ::_exit(0); },
-                 .healthNotes = {deviceNamesNote, [] { return buildFacts().anchorNote; }}});
+                 .healthNotes = {deviceNamesNote}});
   log = &helper.log();
   try {
     helper.start();

@@ -72,10 +72,29 @@ struct GetSchedule {
   static constexpr auto fields() { return std::tuple(Field("volumeUUID", &GetSchedule::volumeUUID)); }
 };
 
+struct SetSchedule {
+  static constexpr CommandTraits traits{.selector = "setScheduleForVolume:policyJSON:reply:",
+                                        .reply = ReplyKind::data,
+                                        .replyRecord = "SchedulePolicy",
+                                        .entryLine = "XPC setSchedule(volume={volumeUUID}, {policy.bytes} bytes)"};
+  std::string volumeUUID;
+  JsonArgument policy;
+  static constexpr auto fields() {
+    return std::tuple(Field("volumeUUID", &SetSchedule::volumeUUID), Field("policy", &SetSchedule::policy));
+  }
+};
+
 struct ListSchedules {
   static constexpr CommandTraits traits{.selector = "listSchedulesWithReply:",
                                         .reply = ReplyKind::data,
                                         .replyRecord = "object of SchedulePolicy by volume"};
+  static constexpr auto fields() { return std::tuple(); }
+};
+
+struct GetFreeSpaceStates {
+  static constexpr CommandTraits traits{.selector = "getFreeSpaceStatesWithReply:",
+                                        .reply = ReplyKind::data,
+                                        .replyRecord = "array of VolumeFreeSpaceState"};
   static constexpr auto fields() { return std::tuple(); }
 };
 
@@ -85,6 +104,21 @@ struct GetHelperSettings {
                                         .replyRecord = "HelperSettings",
                                         .protocols = CommandProtocols::helperAndFinder};
   static constexpr auto fields() { return std::tuple(); }
+};
+
+struct SetHelperSettings {
+  static constexpr CommandTraits traits{.selector = "setHelperSettings:reply:",
+                                        .reply = ReplyKind::data,
+                                        .replyRecord = "HelperSettings",
+                                        .entryLine = "XPC setHelperSettings({settings.bytes} bytes)"};
+  JsonArgument settings;
+  static constexpr auto fields() { return std::tuple(Field("settings", &SetHelperSettings::settings)); }
+};
+
+struct ForwardNotification {
+  static constexpr CommandTraits traits{.selector = "forwardNotification:reply:", .reply = ReplyKind::error};
+  JsonArgument notification;
+  static constexpr auto fields() { return std::tuple(Field("notification", &ForwardNotification::notification)); }
 };
 
 struct ListSnapshots {
@@ -273,9 +307,10 @@ struct UnpinSnapshotMounts {
 // In the order of the documents.
 using AllCommands =
     std::tuple<HelperVersion, HelperGitCommit, RequestQuit, ProtocolVersion, GetAuditLogHealth, HelperHealth,
-               GetSchedule, ListSchedules, GetHelperSettings, ListSnapshots, CreateSnapshot, CreateSafetySnapshot,
-               DeleteSnapshot, DeleteSnapshots, SetProtected, SetSnapshotTag, MountSnapshot, MountSnapshots,
-               UnmountSnapshot, UnmountSnapshots, PinSnapshotMounts, UnpinSnapshotMounts>;
+               GetSchedule, SetSchedule, ListSchedules, GetFreeSpaceStates, GetHelperSettings, SetHelperSettings,
+               ForwardNotification, ListSnapshots, CreateSnapshot, CreateSafetySnapshot, DeleteSnapshot,
+               DeleteSnapshots, SetProtected, SetSnapshotTag, MountSnapshot, MountSnapshots, UnmountSnapshot,
+               UnmountSnapshots, PinSnapshotMounts, UnpinSnapshotMounts>;
 
 template <class Type>
 constexpr ArgumentType argumentType() {

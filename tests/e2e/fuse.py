@@ -16,14 +16,14 @@ ROOT, FILE = 1, 2
 NAME = "client"
 
 
-def attributes(node, size):
-    mode = 0o40755 if node == ROOT else 0o100755
-    return struct.pack("<6Q10I", node, size, 8, 1, 1, 1, 0, 0, 0, mode, 1, 0, 0, 0, 4096, 0)
+def attributes(number, size):
+    mode = 0o40755 if number == ROOT else 0o100755
+    return struct.pack("<6Q10I", number, size, 8, 1, 1, 1, 0, 0, 0, mode, 1, 0, 0, 0, 4096, 0)
 
 
-def answer(code, node, body, content):
+def answer(code, number, body, content):
     """The answer's payload, or an errno."""
-    size = 0 if node == ROOT else len(content)
+    size = 0 if number == ROOT else len(content)
     if code == INIT:
         return struct.pack("<4I2H2I2H8I", 7, 31, 65536, 0, 16, 12, 65536, 1, 0, 0, *[0] * 8)
     if code == LOOKUP:
@@ -31,7 +31,7 @@ def answer(code, node, body, content):
             return -2
         return struct.pack("<4Q2I", FILE, 1, 3600, 0, 0, 0) + attributes(FILE, len(content))
     if code == GETATTR:
-        return struct.pack("<Q2I", 0, 0, 0) + attributes(node, size)
+        return struct.pack("<Q2I", 0, 0, 0) + attributes(number, size)
     if code == OPEN:
         return struct.pack("<Q2I", 7, 0, 0)
     if code == READ:
@@ -47,10 +47,10 @@ def serve(device, content):
     signal.signal(signal.SIGUSR1, lambda *_: hangs.append(True))
     while True:
         message = os.read(device, 1 << 17)
-        _, code, unique, node = struct.unpack_from("<2I2Q", message)
+        _, code, unique, number = struct.unpack_from("<2I2Q", message)
         if code in (FORGET, BATCH_FORGET, INTERRUPT) or (hangs and code not in (READ, RELEASE)):
             continue
-        given = answer(code, node, message[40:], content)
+        given = answer(code, number, message[40:], content)
         error, payload = (given, b"") if isinstance(given, int) else (0, given)
         os.write(device, struct.pack("<IiQ", 16 + len(payload), error, unique) + payload)
 

@@ -328,24 +328,56 @@ TEST_F(GuardedConnectionTest, theTokenTellsTheUserTheGroupAndTheProcess) {
   EXPECT_FALSE(peers_.processUser(0x7FFFFFF0));
 }
 
-TEST(LinuxPeerProcessTest, oneThatHasEndedRunsNothing) {
-  const pid_t child = ::fork();
-  if (child == 0) {
-    ::pause();
-    ::_exit(0);
+// A child that becomes sleep(1) when it is told to.
+class BecomingChild final {
+ public:
+  BecomingChild() {
+    EXPECT_EQ(::pipe2(pipe_, O_CLOEXEC), 0);
+    pid_ = ::fork();
+    if (pid_ != 0) return;
+    char go;
+    static_cast<void>(::read(pipe_[0], &go, 1));
+    ::execl("/bin/sleep", "sleep", "1000", nullptr);
+    ::_exit(1);
   }
-  LinuxPeerProcess process(child, UniqueFd(static_cast<int>(::syscall(434 /* pidfd_open(2) */, child, 0))));
-  auto directory = process.look();
-  ASSERT_TRUE(directory);
-  EXPECT_FALSE(process.runsWhatIsHeld()) << "nothing is held yet";
-  process.hold(std::move(*directory));
-  EXPECT_TRUE(process.runsWhatIsHeld());
-  ::kill(child, SIGKILL);
-  while (process.lives()) ::usleep(100);
-  EXPECT_FALSE(process.runsWhatIsHeld());
-  EXPECT_FALSE(process.look());
-  ::waitpid(child, nullptr, 0);
-  EXPECT_FALSE(process.runsWhatIsHeld());
+  ~BecomingChild() {
+    end();
+    ::waitpid(pid_, nullptr, 0);
+    for (const int fd : pipe_) ::close(fd);
+  }
+  void become() {
+    ASSERT_EQ(::write(pipe_[1], "!", 1), 1);
+    const std::string link = "/proc/" + std::to_string(pid_) + "/exe";
+    while (std::filesystem::read_symlink(link) == std::filesystem::read_symlink("/proc/self/exe")) ::usleep(100);
+  }
+  void end() const { ::kill(pid_, SIGKILL); }
+  [[nodiscard]] LinuxPeerProcess process() const {
+    return {pid_, UniqueFd(static_cast<int>(::syscall(434 /* pidfd_open(2) */, pid_, 0)))};
+  }
+
+ private:
+  pid_t pid_ = -1;
+  int pipe_[2] = {-1, -1};
+};
+
+// Goal:   what was held of a process is lost for good when it runs another program, or none, however that is looked at.
+TEST(LinuxPeerProcessTest, countsWhileItRunsWhatIsHeldAndNoLonger) {
+  for (const bool byMemory : {true, false}) {
+    for (const bool byEnding : {true, false}) {
+      BecomingChild child;
+      LinuxPeerProcess process = child.process();
+      auto directory = process.look();
+      ASSERT_TRUE(directory && directory->memory.valid());
+      if (!byMemory) directory->memory.reset();
+      EXPECT_FALSE(process.runsWhatIsHeld()) << "nothing is held yet";
+      process.hold(std::move(*directory));
+      EXPECT_TRUE(process.runsWhatIsHeld());
+      byEnding ? child.end() : child.become();
+      while (byEnding && process.lives()) ::usleep(100);
+      EXPECT_FALSE(process.runsWhatIsHeld());
+      EXPECT_EQ(process.look().has_value(), !byEnding);
+    }
+  }
 }
 
 TEST(LinuxPeerIdentitiesTest, letNobodyInByGroupsThatDoNotExist) {

@@ -100,9 +100,9 @@ TEST(Batches, keepTheirItemsAndTheTextsOfTheirRecordsWithinBounds) {
     (void)client.call(DeleteSnapshot{std::string(100'000, 'n'), std::string(100'000, 'u'), true});
     const auto events = machine.events();
     ASSERT_EQ(events.size(), 2U);
-    EXPECT_EQ(events[0].detail, "/" + std::string(4095, 'x') + "...");
-    EXPECT_EQ(events[1].snapshotName, std::string(4096, 'n') + "...");
-    EXPECT_EQ(events[1].volumeUUID, std::string(4096, 'u') + "...");
+    EXPECT_EQ(events[0].detail, "/" + std::string(511, 'x') + "...");
+    EXPECT_EQ(events[1].snapshotName, std::string(512, 'n') + "...");
+    EXPECT_EQ(events[1].volumeUUID, std::string(512, 'u') + "...");
   });
 }
 

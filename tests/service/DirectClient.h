@@ -19,10 +19,9 @@ namespace quillmark {
 
 class DirectClient final {
  public:
-  DirectClient(Threads& threads, HelperEnvironment& environment)
+  DirectClient(Threads& threads, HelperEnvironment& environment, HelperEvent::Client client = HelperEvent::Client::cli)
       : connection_(std::make_shared<Connection>(threads)),
-        service_(std::make_shared<HelperService>(environment, connection_,
-                                                 ClientIdentity{HelperEvent::Client::cli, "root", 0})) {}
+        service_(std::make_shared<HelperService>(environment, connection_, ClientIdentity{client, "root", 0})) {}
 
   template <class Command>
   RpcIncoming call(const Command& command) {

@@ -23,7 +23,7 @@ TEST(HelperProcess, saysHowItStarted) {
       logged,
       ElementsAre("descriptor limit raised 1024 -> 10240", "QuillmarkHelper starting", "uid=0 euid=0 gid=0",
                   "Mach service: com.harrowfern.quillmark.helper", "Bundle: <none>  exe=quillmark-helper",
-                  "Scheduler started", "Listening on Mach service com.harrowfern.quillmark.helper",
+                  "scheduler started", "Scheduler started", "Listening on Mach service com.harrowfern.quillmark.helper",
                   "Designated requirement (peer must satisfy this):", StartsWith("  anchor apple generic and ("),
                   "Entering RunLoop, ready to accept XPC connections"));
 }
@@ -190,6 +190,7 @@ TEST(Health, startsANewEpisodeWithEachChangeOfTheProblem) {
   ServiceMachine machine;
   HelperSubsystemHealth history, settings;
   HealthMonitor monitor(machine.life.dispatch(), machine.life.random(), machine.helper.log(),
+                        machine.helper.environment().notifications,
                         {.history = [&] { return history; }, .settings = [&] { return settings; }});
   const std::string first = monitor.evaluate().correlationID;
   EXPECT_EQ(monitor.evaluate().correlationID, first);

@@ -68,16 +68,20 @@ TEST(CommandTable, writesEntryLinesToTheLetter) {
   EXPECT_EQ(line(RequestQuit{}), "XPC requestQuit()");
   EXPECT_EQ(line(DeleteSnapshots{{"[]", 2}, "U"}), "") << "its specs must be decoded first";
   EXPECT_EQ(line(GetSchedule{"U"}), "XPC getSchedule(volume=U)");
+  EXPECT_EQ(line(SetSchedule{"U", {"{}", 4}}), "XPC setSchedule(volume=U, 4 bytes)");
+  EXPECT_EQ(line(SetHelperSettings{{"{}", 2}}), "XPC setHelperSettings(2 bytes)");
+  EXPECT_EQ(line(ForwardNotification{{"{}", 2}}), "");
   EXPECT_EQ(line(ProtocolVersion{}), "");
 }
 
 TEST(CommandTable, speaksOfEachCommandByItsWord) {
   const std::vector<std::string_view> words{
-      "helperVersion",     "helperGitCommit",      "requestQuit",    "protocolVersion",   "auditLogHealth",
-      "helperHealth",      "getSchedule",          "listSchedules",  "getHelperSettings", "listSnapshots",
-      "createSnapshot",    "createSafetySnapshot", "deleteSnapshot", "deleteSnapshots",   "setProtected",
-      "setSnapshotTag",    "mountSnapshot",        "mountSnapshots", "unmountSnapshot",   "unmountSnapshots",
-      "pinSnapshotMounts", "unpinSnapshotMounts"};
+      "helperVersion",        "helperGitCommit",   "requestQuit",         "protocolVersion",  "auditLogHealth",
+      "helperHealth",         "getSchedule",       "setSchedule",         "listSchedules",    "getFreeSpaceStates",
+      "getHelperSettings",    "setHelperSettings", "forwardNotification", "listSnapshots",    "createSnapshot",
+      "createSafetySnapshot", "deleteSnapshot",    "deleteSnapshots",     "setProtected",     "setSnapshotTag",
+      "mountSnapshot",        "mountSnapshots",    "unmountSnapshot",     "unmountSnapshots", "pinSnapshotMounts",
+      "unpinSnapshotMounts"};
   ASSERT_EQ(words.size(), commandTable().size());
   for (std::size_t i = 0; i < words.size(); ++i) EXPECT_EQ(commandTable()[i].word(), words[i]);
 }

@@ -5,9 +5,23 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <string>
 
 namespace quillmark::os {
+namespace {
+
+// Whether a process still runs in the memory (proc_pid_mem(5)): absent when that can't be told. There is nothing at the
+// address 0, which is an error as long as anything can be elsewhere, and the end of the file afterwards.
+std::optional<bool> memoryLives(int memory) {
+  char nothing;
+  if (memory < 0) return std::nullopt;
+  const ssize_t count = ::pread(memory, &nothing, 1, 0);
+  if (count < 0 && errno != EIO) return std::nullopt;
+  return count != 0;
+}
+
+}  // namespace
 
 std::optional<FileFacts> localFacts(int directory, const char* name) {
   struct statx facts;
@@ -29,10 +43,12 @@ std::optional<LinuxPeerProcess::Directory> LinuxPeerProcess::look() const {
   if (pid_ <= 0 || !pidfd_.valid()) return std::nullopt;
   UniqueFd directory(::open(("/proc/" + std::to_string(pid_)).c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
   if (!directory.valid()) return std::nullopt;
+  UniqueFd memory(::openat(directory.get(), "mem", O_RDONLY | O_CLOEXEC));
   const std::optional<FileFacts> program = localFacts(directory.get(), "exe");
-  // Alive after the directory was opened: it is this process's, not that of a later one with its number.
-  if (!program || !lives()) return std::nullopt;
-  return Directory{std::move(directory), program->stamp};
+  // Alive after the directory was opened: it is this process's, not that of a later one with its number. And with the
+  // memory of before the look at the program, which is thus the one that runs in it.
+  if (!program || !lives() || memoryLives(memory.get()) == false) return std::nullopt;
+  return Directory{std::move(directory), std::move(memory), program->stamp};
 }
 
 void LinuxPeerProcess::hold(Directory directory) {
@@ -41,26 +57,27 @@ void LinuxPeerProcess::hold(Directory directory) {
 }
 
 std::optional<FileStamp> LinuxPeerProcess::held() const {
-  NativeLock lock(mutex_);
-  return held_ ? std::optional(held_->program) : std::nullopt;
+  const Directory* directory = heldDirectory();
+  return directory ? std::optional(directory->program) : std::nullopt;
 }
 
 bool LinuxPeerProcess::runsWhatIsHeld() const {
-  const std::optional<FileStamp> expected = held();
-  if (!expected) return false;
+  const Directory* directory = heldDirectory();
+  if (!directory) return false;
+  if (const std::optional<bool> lives = memoryLives(directory->memory.get())) return *lives;
   // The directory of a process that has ended is empty.
-  const std::optional<FileFacts> program = localFacts(directory(), "exe");
-  return program && program->stamp == *expected;
+  const std::optional<FileFacts> program = localFacts(directory->fd.get(), "exe");
+  return program && program->stamp == directory->program;
 }
 
 UniqueFd LinuxPeerProcess::openProgram() const {
-  const int from = directory();
-  return UniqueFd(from < 0 ? -1 : ::openat(from, "exe", O_PATH | O_CLOEXEC));
+  const Directory* directory = heldDirectory();
+  return UniqueFd(directory ? ::openat(directory->fd.get(), "exe", O_PATH | O_CLOEXEC) : -1);
 }
 
 std::string LinuxPeerProcess::read(const char* name, std::size_t limit) const {
-  const int from = directory();
-  const UniqueFd file(from < 0 ? -1 : ::openat(from, name, O_RDONLY | O_CLOEXEC));
+  const Directory* directory = heldDirectory();
+  const UniqueFd file(directory ? ::openat(directory->fd.get(), name, O_RDONLY | O_CLOEXEC) : -1);
   std::string text;
   char buffer[16 * 1024];
   while (file.valid() && text.size() < limit) {
@@ -76,9 +93,10 @@ bool LinuxPeerProcess::lives() const {
   return pidfd_.valid() && ::poll(&ended, 1, 0) == 0;
 }
 
-int LinuxPeerProcess::directory() const {
+// Set once and never changed: it stays where it is as long as this does.
+const LinuxPeerProcess::Directory* LinuxPeerProcess::heldDirectory() const {
   NativeLock lock(mutex_);
-  return held_ ? held_->fd.get() : -1;
+  return held_ ? &*held_ : nullptr;
 }
 
 }  // namespace quillmark::os

@@ -1,6 +1,6 @@
 // LinuxPeerProcess: one connected process and the program that it runs, held so that neither a reused process ID nor
 // another program can pass as it.
-// Ownership: owns a pidfd and, once held, the process's directory of /proc.
+// Ownership: owns a pidfd and, once held, two descriptors of the process's directory in /proc.
 // Threads:   thread-safe.
 #pragma once
 
@@ -37,9 +37,12 @@ struct FileFacts {
 
 class LinuxPeerProcess final : public PeerProcess {
  public:
-  // A hold on a process's directory, from which its program can be opened.
+  // A hold on a process while it runs one program.
   struct Directory {
-    UniqueFd fd;
+    UniqueFd fd;  // its directory of /proc
+    // Its memory, which ends when it runs another program or none: asked at a third of the price of looking the program
+    // up. Nothing is read there. Invalid where the kernel hands it to nobody (ptrace_scope 3 of Yama).
+    UniqueFd memory;
     FileStamp program;
   };
 
@@ -49,7 +52,7 @@ class LinuxPeerProcess final : public PeerProcess {
   [[nodiscard]] std::optional<Directory> look() const;
   // From here on only this program counts.
   void hold(Directory directory) EXCLUDES(mutex_);
-  // False unless a program is held, the process lives and runs that one.
+  // False unless a program is held and the process has run no other since.
   [[nodiscard]] bool runsWhatIsHeld() const EXCLUDES(mutex_);
   [[nodiscard]] std::optional<FileStamp> held() const EXCLUDES(mutex_);
   // The program's file, opened O_PATH; invalid when the process is gone.
@@ -59,7 +62,7 @@ class LinuxPeerProcess final : public PeerProcess {
   [[nodiscard]] bool lives() const;
 
  private:
-  [[nodiscard]] int directory() const EXCLUDES(mutex_);
+  [[nodiscard]] const Directory* heldDirectory() const EXCLUDES(mutex_);
 
   const int pid_;
   const UniqueFd pidfd_;

@@ -25,8 +25,8 @@ constexpr std::uint64_t listenKey = 1;
 constexpr std::uint64_t firstConnectionKey = 2;
 constexpr std::size_t readBytes = 64 * 1024;
 constexpr int acceptsPerTurn = 16;
-// A socket, two holds on the peer's process, and one for what serves it.
-constexpr rlim_t descriptorsPerConnection = 4;
+// A socket, three holds on the peer's process, and one for what serves it.
+constexpr rlim_t descriptorsPerConnection = 5;
 // How long nothing is accepted after the platform had no room for a connection.
 constexpr auto acceptPause = 100ms;
 
@@ -48,6 +48,30 @@ bool set(int epoll, int operation, int fd, std::uint64_t key, std::uint32_t even
 void sooner(std::optional<MonotonicTime>& deadline, std::optional<MonotonicTime> other) {
   if (other && (!deadline || *other < *deadline)) deadline = other;
 }
+
+// The connections of each user, counted until the last who works for one has let go of its place.
+// Threads: thread-safe.
+class UserPlaces final : public std::enable_shared_from_this<UserPlaces> {
+ public:
+  UserPlaces(Threads& threads, unsigned most) : most_(most), taken_(threads) {}
+
+  // Null when the user has all that one may have.
+  [[nodiscard]] std::shared_ptr<const void> take(std::uint32_t user) {
+    const bool free = taken_.with([&](auto& taken) { return taken[user] < most_ && ++taken[user] > 0; });
+    if (!free) return nullptr;
+    return {this, [self = shared_from_this(), user](const void*) { self->giveBack(user); }};
+  }
+
+ private:
+  void giveBack(std::uint32_t user) {
+    taken_.with([&](auto& taken) {
+      if (--taken[user] == 0) taken.erase(user);
+    });
+  }
+
+  const unsigned most_;
+  Guarded<std::map<std::uint32_t, unsigned>> taken_;
+};
 
 }  // namespace
 
@@ -150,8 +174,6 @@ class LinuxTransport::Loop final {
   using Connections = std::map<std::uint64_t, std::shared_ptr<LinuxConnection>>;
 
   void dispose(Connections::iterator place) {
-    const auto user = connectionsOfUser_.find(place->second->peer().uid);
-    if (--user->second == 0) connectionsOfUser_.erase(user);
     place->second->dispose();
     connections_.erase(place);
   }
@@ -192,15 +214,14 @@ class LinuxTransport::Loop final {
   void admit(UniqueFd socket) {
     SysResult<PeerCredentials> peer = peerCredentials(socket.get());
     if (!peer || connections_.size() >= maxConnections()) return;
-    const std::uint32_t uid = peer->uid;
-    const auto ofUser = connectionsOfUser_.find(uid);
-    if (ofUser != connectionsOfUser_.end() && ofUser->second >= limits_.maxConnectionsPerUser) return;
+    std::shared_ptr<const void> userPlace = places_->take(peer->uid);
+    if (!userPlace) return;
     auto connection = std::make_shared<LinuxConnection>(
         dispatch_, poll_, limits_,
-        LinuxConnection::Place{.socket = std::move(socket), .key = nextKey_, .peer = std::move(*peer)});
+        LinuxConnection::Place{
+            .socket = std::move(socket), .key = nextKey_, .peer = std::move(*peer), .userPlace = std::move(userPlace)});
     if (!connection->watch()) return;
     connections_.emplace(nextKey_++, connection);
-    ++connectionsOfUser_[uid];
     connection->queue().async([accept = accept_, connection] {
       if (!(*accept)(connection)) connection->end(CloseReason::closedByUs);
     });
@@ -215,7 +236,7 @@ class LinuxTransport::Loop final {
   Semaphore ended_;
   UniqueFd spare_;
   Connections connections_;
-  std::map<std::uint32_t, unsigned> connectionsOfUser_;
+  const std::shared_ptr<UserPlaces> places_ = std::make_shared<UserPlaces>(dispatch_, limits_.maxConnectionsPerUser);
   std::uint64_t nextKey_ = firstConnectionKey;
   std::optional<MonotonicTime> stallDeadline_;
   std::optional<MonotonicTime> acceptAgainAt_;

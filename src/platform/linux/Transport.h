@@ -1,7 +1,7 @@
 // LinuxTransport: the listener on a unix stream socket, with one loop thread for all its connections.
 // Ownership: borrows the dispatch, which must outlive it. Its end closes every connection.
 // Threads:   the loop reads and clears up; each connection calls back on its own queue.
-// Bounds:    besides those of Transport.h, connections in all: a quarter of the descriptors that the process may have, read
+// Bounds:    besides those of Transport.h, connections in all: a fifth of the descriptors that the process may have, read
 //            at each accept. Out of descriptors, a new connection is closed at once; it never keeps the loop busy.
 #pragma once
 

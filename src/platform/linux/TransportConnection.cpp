@@ -29,7 +29,7 @@ void TransportPoll::wakeLoop() const {
 LinuxConnection::LinuxConnection(Dispatch& dispatch, std::shared_ptr<const TransportPoll> poll, TransportLimits limits,
                                  Place place)
     : dispatch_(dispatch), poll_(std::move(poll)), limits_(limits), key_(place.key), peer_(std::move(place.peer)),
-      process_(std::dynamic_pointer_cast<LinuxPeerProcess>(peer_.process)),
+      userPlace_(std::move(place.userPlace)), process_(std::dynamic_pointer_cast<LinuxPeerProcess>(peer_.process)),
       queue_(dispatch.makeQueue({.label = "com.harrowfern.quillmark.helper.connection"})),
       splitter_(limits.maxRequestBytes), mutex_(dispatch), socket_(std::move(place.socket)) {}
 

@@ -29,10 +29,12 @@ class LinuxConnection final : public TransportConnection, public std::enable_sha
     UniqueFd socket;
     std::uint64_t key;  // in the epoll set
     PeerCredentials peer;
+    std::shared_ptr<const void> userPlace;
   };
   LinuxConnection(Dispatch& dispatch, std::shared_ptr<const TransportPoll> poll, TransportLimits limits, Place place);
 
   const PeerCredentials& peer() const override { return peer_; }
+  std::shared_ptr<const void> userPlace() const override { return userPlace_; }
   void setCodeSigningRequirement(std::string_view requirement) override EXCLUDES(mutex_);
   void start(Callbacks callbacks) override EXCLUDES(mutex_);
   void send(std::string line) override EXCLUDES(mutex_);
@@ -81,6 +83,7 @@ class LinuxConnection final : public TransportConnection, public std::enable_sha
   const TransportLimits limits_;
   const std::uint64_t key_;
   const PeerCredentials peer_;
+  const std::shared_ptr<const void> userPlace_;
   const std::shared_ptr<LinuxPeerProcess> process_;
   const std::shared_ptr<Queue> queue_;
 

@@ -14,7 +14,10 @@
 namespace quillmark::os {
 namespace {
 
-constexpr int backlog = 128;
+// As many as the machine allows (somaxconn): a crowd of refused knockers must not keep others from being heard.
+constexpr int backlog = SOMAXCONN;
+// How long a client waits for room in the crowd.
+constexpr timeval connectPatience{.tv_sec = 5, .tv_usec = 0};
 constexpr int soPeerPidfd = 77;  // SO_PEERPIDFD of Linux 6.5
 
 const sockaddr* generic(const sockaddr_un& address) { return reinterpret_cast<const sockaddr*>(&address); }
@@ -130,7 +133,11 @@ SysResult<UniqueFd> connectTo(const std::string& path) {
   const std::optional<sockaddr_un> address = socketAddress(path);
   if (!address) return Errno{ENAMETOOLONG};
   UniqueFd socket = streamSocket();
-  if (!socket.valid() || ::connect(socket.get(), generic(*address), sizeof *address) < 0) return Errno{errno};
+  if (!socket.valid()) return Errno{errno};
+  ::setsockopt(socket.get(), SOL_SOCKET, SO_SNDTIMEO, &connectPatience, sizeof connectPatience);
+  while (::connect(socket.get(), generic(*address), sizeof *address) < 0) {
+    if (errno != EINTR) return Errno{errno};
+  }
   return socket;
 }
 
