@@ -9,7 +9,6 @@ from concurrent.futures import ThreadPoolExecutor
 
 import helper
 from cases import HelperCase
-from helper import UNMOUNT, Refused
 from volumes import Subvolume
 
 DELETE_MANY = "deleteSnapshotsWithSpecsJSON:onVolume:reply:"
@@ -17,6 +16,7 @@ ACTIVITY = "/var/lib/quillmark"
 ROTATION_BYTES = 4 << 20
 KEPT_ARCHIVES = 8
 SNAPSHOTS = 5000
+THE_END = "there never was a snapshot of this name"
 
 # linux/btrfs.h: struct btrfs_ioctl_vol_args_v2 with a descriptor, flags and a name.
 _SNAP_CREATE_V2, _READ_ONLY = 0x50009417, 2
@@ -40,25 +40,21 @@ class Many(HelperCase):
         self.assertEqual(deleted[1:], gone)
 
     # Goal:   who follows the log by cursor sees every record once and in order, however often the log rotates meanwhile.
-    # Method: refused unmounts of long paths write records of several KB; two readers follow from the start.
+    # Method: deletions of impossible names are refused and recorded, each with more than a KB; two readers follow.
     def test_two_readers_follow_through_ten_rotations(self):
         readers = [subprocess.Popen([f"{helper.PROGRAMS}/quill", "log", "--follow", "--json", "-n", "100000"],
                                     stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True) for _ in range(2)]
         self.addCleanup(lambda: [(reader.kill(), reader.communicate()) for reader in readers])
         with ThreadPoolExecutor() as pool:
             seen = [pool.submit(self.follow, reader) for reader in readers]
-            rotations = sent = 0
-            size = 0
-            while rotations < 10:
-                path = f"/Volumes/{sent:08}" + "x" * 3900
-                with self.assertRaises(Refused):
-                    self.client.call(UNMOUNT, path)
-                sent += 1
-                now = os.path.getsize(f"{ACTIVITY}/activity.log")
-                rotations += now < size
-                size = now
-            with self.assertRaises(Refused):
-                self.client.call(UNMOUNT, "/Volumes/the end")
+            sent = written = 0
+            while written <= 10 * ROTATION_BYTES:
+                specs = [{"name": f"{sent + n:08}" + "x" * 592, "force": True} for n in range(2000)]
+                for outcome in self.client.call(DELETE_MANY, specs, self.volume.uuid):
+                    self.assertEqual(outcome["error"], "Snapshot name is malformed")
+                sent += len(specs)
+                written = sent * last_record_bytes()
+            self.client.call(DELETE_MANY, [{"name": THE_END, "force": True}], self.volume.uuid)
             for reader in seen:
                 self.assertEqual(reader.result(helper.PATIENCE), list(range(sent)))
         archives = [name for name in os.listdir(ACTIVITY) if name.startswith("activity-")]
@@ -70,9 +66,9 @@ class Many(HelperCase):
         numbers = []
         for line in reader.stdout:
             detail = json.loads(line)["detail"]
-            if detail == "/Volumes/the end":
+            if detail == THE_END:
                 return numbers
-            numbers.append(int(detail[9:17]))
+            numbers.append(int(detail[:8]))
         raise AssertionError(f"the reader ended: {reader.stderr.read()}")
 
     def make_snapshots(self, count):
@@ -90,6 +86,11 @@ class Many(HelperCase):
                 os.close(source)
                 os.close(target)
             return {name: Subvolume(f"{place}/{name}").xid for name in names}
+
+
+def last_record_bytes():
+    with open(f"{ACTIVITY}/activity.log", "rb") as log:
+        return len(log.readlines()[-1])
 
 
 def events():
