@@ -41,12 +41,18 @@ class Grammar {
   void addSnapshotCommands();
   void addMountCommands();
   void addLog();
+  void addLogOptions(CLI::App* command);
+  void addSchedule();
+  void addSettings();
   void addServiceCommands();
   CLI::Option* addWords(CLI::App* command, const char* typeName, const char* description);
   [[nodiscard]] std::optional<Request> requestOnSnapshots() const;
   [[nodiscard]] Request request() const;
   [[nodiscard]] TagRequest tagRequest() const;
   [[nodiscard]] LogRequest logRequest() const;
+  [[nodiscard]] ScheduleRequest scheduleRequest() const;
+  [[nodiscard]] SettingsRequest settingsRequest() const;
+  [[nodiscard]] static std::optional<std::string> given(const std::string& text);
   [[nodiscard]] std::optional<std::string> volume() const;
   [[nodiscard]] Error misused(const CLI::ParseError& error) const;
 
@@ -61,16 +67,19 @@ class Grammar {
   std::string cursor_;
   std::vector<std::string> words_;
   std::vector<std::string> kinds_;
-  std::size_t lines_ = 0;
+  ScheduleRequest schedule_;
+  std::string lowSpace_, lowSpaceBytes_, protectForeign_, tracked_;
+  std::optional<std::size_t> lines_;
   bool full_ = false;
   bool force_ = false;
   bool yes_ = false;
   bool clear_ = false;
   bool failed_ = false;
+  bool critical_ = false;
   bool follow_ = false;
   CLI::App *volumes_, *list_, *create_, *safety_, *delete_, *protect_, *unprotect_, *tag_, *mount_, *unmount_, *log_,
-      *health_, *quit_, *version_, *call_;
-  CLI::Option *tagText_, *logLines_;
+      *schedules_, *settings_, *plan_, *space_, *notices_, *watch_, *health_, *quit_, *version_, *call_;
+  CLI::Option* tagText_;
 };
 
 CLI::App* Grammar::add(const HelpEntry& entry) {
@@ -130,24 +139,66 @@ void Grammar::addMountCommands() {
   addWords(unmount_, "SNAPSHOT-or-PATH", "What to unmount");
 }
 
+void Grammar::addLogOptions(CLI::App* command) {
+  CLI::Option* lines = command->add_option("-n,--lines", lines_, "Only the last so many");
+  lines->check(CLI::Validator(CLI::NonNegativeNumber).description(""))->type_name("COUNT");
+  command->add_option("--since", since_, "Only what happened then or later")->type_name("TIME");
+  command->add_option("-v,--volume", volume_, std::string(HelpTexts::logVolumeOption))->type_name("VOLUME");
+  command->add_flag("-f,--follow", follow_, "Go on and print what happens, until interrupted");
+  command->add_option("--cursor", cursor_, "Only what is new since the last time with this file")->type_name("FILE");
+  command->add_flag("--full", full_, "Cut nothing and leave nothing out on a terminal");
+}
+
 void Grammar::addLog() {
   log_ = add(HelpTexts::log);
-  logLines_ = log_->add_option("-n,--lines", lines_, "Only the last so many");
-  logLines_->check(CLI::Validator(CLI::NonNegativeNumber).description(""))->type_name("COUNT");
-  log_->add_option("--since", since_, "Only what happened then or later")->type_name("TIME");
   log_->add_option("--kind", kinds_, "Only these kinds; may be given several times")
       ->type_name("KIND")
       ->expected(1)
       ->delimiter(',')
       ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll);
-  log_->add_option("-v,--volume", volume_, std::string(HelpTexts::logVolumeOption))->type_name("VOLUME");
   log_->add_flag("--failed", failed_, "Only what failed");
-  log_->add_flag("-f,--follow", follow_, "Go on and print what happens, until interrupted");
-  log_->add_option("--cursor", cursor_, "Only what is new since the last time with this file")->type_name("FILE");
-  log_->add_flag("--full", full_, "Cut nothing and leave nothing out on a terminal");
+  addLogOptions(log_);
+}
+
+void Grammar::addSchedule() {
+  schedules_ = addOnVolume(HelpTexts::schedule);
+  schedules_->add_option("action", word_, "\"on\", \"off\" or \"set\"; without it the schedule is shown")
+      ->type_name("ACTION");
+  const auto list = [&](const char* option, std::vector<std::string>& into, const char* type, const char* text) {
+    schedules_->add_option(option, into, text)
+        ->type_name(type)
+        ->expected(1)
+        ->delimiter(',')
+        ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll);
+  };
+  list("--enable", schedule_.enable, "CADENCE,...", "Take such snapshots from now on");
+  list("--disable", schedule_.disable, "CADENCE,...", "Take no more of them");
+  list("--keep", schedule_.keep, "CADENCE=COUNT,...", "Keep so many of them");
+  const auto one = [&](const char* option, std::string& into, const char* type, const char* text) {
+    schedules_->add_option(option, into, text)->type_name(type);
+  };
+  one("--low-space", lowSpace_, "on|off", "Delete old snapshots where space runs low");
+  one("--low-space-bytes", lowSpaceBytes_, "SIZE", "Low is less free space than this");
+  one("--protect-foreign", protectForeign_, "on|off", "Keep other programs' snapshots out of that");
+  one("--tracked", tracked_, "on|off", "Whether anything happens on the volume by itself");
+}
+
+void Grammar::addSettings() {
+  settings_ = add(HelpTexts::settings);
+  settings_->add_option("action", word_, "\"get\", \"set\" or \"edit\"; without it all settings are shown")
+      ->type_name("ACTION");
+  settings_->add_option("words", words_, "The setting, and its value or values")->type_name("KEY [VALUE...]");
+  settings_->add_flag("--full", full_, "Cut no list on a terminal");
 }
 
 void Grammar::addServiceCommands() {
+  plan_ = addOnVolume(HelpTexts::plan);
+  plan_->add_flag("--full", full_, "Show whole names, also on a terminal");
+  space_ = add(HelpTexts::space);
+  notices_ = add(HelpTexts::notices);
+  notices_->add_flag("--critical", critical_, "Only the critical ones");
+  addLogOptions(notices_);
+  watch_ = add(HelpTexts::watch);
   health_ = add(HelpTexts::health);
   quit_ = add(HelpTexts::quit);
   version_ = add(HelpTexts::version);
@@ -161,6 +212,8 @@ Grammar::Grammar() {
   addSnapshotCommands();
   addMountCommands();
   addLog();
+  addSchedule();
+  addSettings();
   addServiceCommands();
 }
 
@@ -215,11 +268,73 @@ TagRequest Grammar::tagRequest() const {
   return request;
 }
 
+std::optional<std::string> Grammar::given(const std::string& text) {
+  return text.empty() ? std::nullopt : std::optional(path(text));
+}
+
 LogRequest Grammar::logRequest() const {
-  const auto given = [](const std::string& text) { return text.empty() ? std::nullopt : std::optional(path(text)); };
   LogRequest request{volume(), {}, {}, given(since_), given(cursor_), failed_, follow_, full_};
-  if (logLines_->count() > 0) request.lines = lines_;
+  request.lines = lines_;
   for (const std::string& kind : kinds_) request.kinds.push_back(unguarded(kind));
+  return request;
+}
+
+ScheduleAction actionMeant(const std::string& word) {
+  if (word.empty()) return ScheduleAction::show;
+  if (word == "set") return ScheduleAction::set;
+  if (word == "on") return ScheduleAction::on;
+  if (word == "off") return ScheduleAction::off;
+  throw wrongUse("A schedule can be set \"on\", \"off\", or \"set\", not \"" + nameText(word) + "\".",
+                 "See: quill schedule --help");
+}
+
+ScheduleRequest Grammar::scheduleRequest() const {
+  ScheduleRequest request = schedule_;
+  request.volume = volume();
+  request.action = actionMeant(unguarded(word_));
+  request.lowSpace = given(lowSpace_);
+  request.lowSpaceBytes = given(lowSpaceBytes_);
+  request.protectForeign = given(protectForeign_);
+  request.tracked = given(tracked_);
+  for (auto* words : {&request.enable, &request.disable, &request.keep}) {
+    for (std::string& word : *words) word = name(word);
+  }
+  const bool changes = !request.enable.empty() || !request.disable.empty() || !request.keep.empty() ||
+                       request.lowSpace || request.lowSpaceBytes || request.protectForeign || request.tracked;
+  if (changes && request.action == ScheduleAction::show) {
+    throw wrongUse("To change a schedule say so: quill schedule set", "See: quill schedule --help");
+  }
+  if (!changes && request.action == ScheduleAction::set) {
+    throw wrongUse("It isn't said what to set.", "See: quill schedule --help");
+  }
+  return request;
+}
+
+SettingsAction settingsActionMeant(const std::string& word) {
+  if (word.empty()) return SettingsAction::show;
+  if (word == "get") return SettingsAction::get;
+  if (word == "set") return SettingsAction::set;
+  if (word == "edit") return SettingsAction::edit;
+  throw wrongUse("Settings can be \"get\", \"set\" or \"edit\", not \"" + nameText(word) + "\".",
+                 "See: quill settings --help");
+}
+
+SettingsRequest Grammar::settingsRequest() const {
+  SettingsRequest request{settingsActionMeant(unguarded(word_)), {}, {}, full_};
+  std::vector<std::string> words;
+  for (const std::string& word : words_) words.push_back(path(word));
+  if (request.action == SettingsAction::show) return request;
+  if (request.action == SettingsAction::edit) {
+    if (words == std::vector<std::string>{"-"}) return request;
+    throw wrongUse("quill starts no editor: it reads the changed settings from standard input.",
+                   "quill settings --json >s.json; vi s.json; quill settings edit - <s.json");
+  }
+  if (words.empty()) throw wrongUse("It isn't said which setting.", "See them with: quill settings");
+  if (request.action == SettingsAction::get && words.size() > 1) {
+    throw wrongUse("One setting at a time.", "To change it: quill settings set");
+  }
+  request.key = words.front();
+  request.values.assign(words.begin() + 1, words.end());
   return request;
 }
 
@@ -230,6 +345,14 @@ Request Grammar::request() const {
   if (*safety_) return SafetyRequest{volume(), path(word_)};
   if (*tag_) return tagRequest();
   if (*log_) return logRequest();
+  if (*schedules_) return scheduleRequest();
+  if (*settings_) return settingsRequest();
+  if (*plan_) return PlanRequest{volume(), full_};
+  if (*space_) return SpaceRequest{};
+  if (*watch_) return WatchRequest{};
+  if (*notices_) {
+    return NoticesRequest{volume(), lines_, given(since_), given(cursor_), critical_, follow_, full_};
+  }
   if (*health_) return HealthRequest{};
   if (*quit_) return QuitRequest{};
   if (*version_) return VersionRequest{};

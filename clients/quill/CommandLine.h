@@ -60,6 +60,36 @@ struct LogRequest {
   bool follow = false;
   bool full = false;
 };
+enum class ScheduleAction { show, set, on, off };
+struct ScheduleRequest {
+  std::optional<std::string> volume;
+  ScheduleAction action = ScheduleAction::show;
+  std::vector<std::string> enable, disable;  // cadences, as typed
+  std::vector<std::string> keep;             // "hourly=12"
+  std::optional<std::string> lowSpace, lowSpaceBytes, protectForeign, tracked;
+};
+enum class SettingsAction { show, get, set, edit };
+struct SettingsRequest {
+  SettingsAction action = SettingsAction::show;
+  std::string key;                  // of get and set
+  std::vector<std::string> values;  // of set
+  bool full = false;
+};
+struct PlanRequest {
+  std::optional<std::string> volume;
+  bool full = false;
+};
+struct SpaceRequest {};
+struct NoticesRequest {
+  std::optional<std::string> volume;
+  std::optional<std::size_t> lines;   // the last so many
+  std::optional<std::string> since;   // as typed
+  std::optional<std::string> cursor;  // the file that remembers how far was read
+  bool critical = false;              // critical ones alone
+  bool follow = false;
+  bool full = false;
+};
+struct WatchRequest {};
 struct HealthRequest {};
 struct QuitRequest {};
 struct VersionRequest {};
@@ -69,7 +99,8 @@ struct CallRequest {
 };
 using Request =
     std::variant<VolumesRequest, ListRequest, CreateRequest, SafetyRequest, DeleteRequest, ProtectRequest, TagRequest,
-                 MountRequest, UnmountRequest, LogRequest, HealthRequest, QuitRequest, VersionRequest, CallRequest>;
+                 MountRequest, UnmountRequest, LogRequest, ScheduleRequest, SettingsRequest, PlanRequest, SpaceRequest,
+                 NoticesRequest, WatchRequest, HealthRequest, QuitRequest, VersionRequest, CallRequest>;
 
 struct Invocation {
   bool json = false;

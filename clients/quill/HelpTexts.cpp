@@ -163,6 +163,98 @@ Examples:
   quill log --follow --lines 0
   quill log --json --cursor ~/.quill-seen | jq -r .detail)help"};
 
+const HelpEntry schedule{"schedule", "Show or change what is snapshotted by itself, and how many are kept",
+                         R"help(
+quill schedule                  the schedules of all volumes
+quill schedule -v VOLUME        all of one
+quill schedule on|off|set ...   changes it, and shows what was stored
+
+Cadences: freq (every quarter of an hour, keeps up to 4), hourly (24),
+daily (7), weekly (4), monthly (12). A snapshot of a cadence beyond the count
+is deleted, the oldest first; one that is protected never, and it isn't counted.
+A volume without a schedule begins with the usual one: freq, hourly and daily.
+
+--low-space lets old snapshots go, of any kind, where less than
+--low-space-bytes are free: 5GB or more, also as 28GiB or in bytes.
+--protect-foreign keeps the snapshots of other programs out of that.
+--tracked off leaves the volume out of everything that happens by itself.
+
+Columns: setting, state, how many are kept (or the bytes), off since when.
+
+Examples:
+  quill schedule on -v Data
+  quill schedule set --enable weekly --keep hourly=12,weekly=4
+  quill schedule set --disable freq --low-space-bytes 50GB -v Data
+  quill schedule off
+  quill plan                                  what that comes to)help"};
+
+const HelpEntry settings{"settings", "Show or change the helper's settings, which are the same for all volumes",
+                         R"help(
+quill settings                    all of them; --full cuts no list
+quill settings get KEY            one; of a list each entry on a line
+quill settings set KEY VALUE...   several values for a list, [] for an empty one
+quill settings edit -             what a JSON object on standard input names
+
+What isn't named stays as it is. It is shown what was stored. quill starts no
+editor: it runs with a right of its own, which no other program shall have.
+
+Examples:
+  quill settings set automaticDeletionEnabled false   nothing is deleted by itself
+  quill settings set safetySnapshotRetentionHours 72
+  quill settings set monitoredPaths /home/ida/letters /srv
+  quill settings --json >s.json; vi s.json; quill settings edit - <s.json)help"};
+
+const HelpEntry plan{"plan", "Show when each snapshot of a volume will go by itself, and what goes next",
+                     R"help(
+It deletes nothing. That of a snapshot which a schedule takes and counts is a
+forecast. The words of the last column: "count", beyond what the schedule keeps
+of its kind; "lifespan", its time is over.
+
+Columns: name, XID, kind, end (a time, or never, whenSpaceLow, external,
+unknown), why the scheduler's next pass deletes it.
+
+Examples:
+  quill plan
+  quill plan -v Data
+  quill plan --json | jq -r '.[] | select(.removal != "none") | .name')help"};
+
+const HelpEntry space{"space", "Show the free space of the volumes, as the helper measured it last",
+                      R"help(
+Columns: volume, size, free space, the least that shall be free, state (enough,
+near, low), when old snapshots may go for it next, when the volume was first
+seen on this machine, UUID. Sizes are bytes where no terminal shows them, and in
+powers of 1000 where one does. The minimum is set by: quill schedule set
+
+Example:
+  quill space)help"};
+
+const HelpEntry notices{"notices", "Show what the helper told people, the newest last",
+                        R"help(
+Reads the helper's notification log, which any user may; the helper isn't
+needed. What told of the end of a condition is a "resolve".
+
+On a terminal: time, category, volume, title, and the message below. Anywhere
+else each line has 8 words: time, kind (post, resolve), category, importance,
+volume, volume's UUID, title, message. With --json each line is a record.
+--since, --cursor and --follow are as of quill log.
+
+Examples:
+  quill notices -n 5
+  quill notices --critical --since 1w
+  quill notices --follow --lines 0)help"};
+
+const HelpEntry watch{"watch", "Show what the helper tells as it happens, until interrupted",
+                      R"help(
+Columns: time, event (snapshots, schedule, free-space, sizes, index, alarm,
+notice), volume, its UUID where no terminal shows it, detail. With --json each
+line is the message as it came: {"method":...,"params":[...]}.
+Ends at an interrupt, or when nobody reads on, with exit code 0; with 3 when
+the helper ends.
+
+Examples:
+  quill watch
+  quill watch --json | jq -c 'select(.method | startswith("snapshotsChanged"))')help"};
+
 const HelpEntry health{"health", "Show how the helper's parts are", R"help(
 States: healthy, degraded, unavailable. The exit code is 0 whatever they are.
 Below them stands what else an administrator should know, and how many records

@@ -15,7 +15,7 @@ struct HelpEntry {
 namespace HelpTexts {
 
 extern const HelpEntry program, volumes, list, create, safety, remove, protect, unprotect, tag, mount, unmount, log,
-    health, quit, version, call;
+    schedule, settings, plan, space, notices, watch, health, quit, version, call;
 extern const std::string_view volumeOption, logVolumeOption;
 
 }  // namespace HelpTexts

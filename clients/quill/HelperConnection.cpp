@@ -91,6 +91,19 @@ RpcReply HelperConnection::exchange(const std::string& request) {
   return std::move(incoming.reply);
 }
 
+RpcIncoming HelperConnection::nextPush() {
+  while (true) {
+    try {
+      RpcIncoming incoming = understood(channel_->receive(patience));
+      if (incoming.kind == RpcIncoming::Kind::push) return incoming;
+    } catch (const Error& error) {
+      if (error.domain() != posixErrorDomain) throw;
+      if (error.code() != ETIMEDOUT)
+        throw clientError(ClientFault::helperNotReachable, "The Quillmark helper has ended the connection.");
+    }
+  }
+}
+
 RpcIncoming HelperConnection::receiveAnswer() {
   const MonotonicTime deadline = clock_.monotonic() + patience;
   while (true) {

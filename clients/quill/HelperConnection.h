@@ -78,6 +78,9 @@ class HelperConnection final {
   // Any selector; params is the JSON text of an array. The value is JSON text.
   [[nodiscard]] Answer<std::optional<std::string>> callText(std::string_view selector, std::string_view params);
 
+  // What the helper tells next on its own, whenever that is. A helper that ends is helperNotReachable.
+  [[nodiscard]] RpcIncoming nextPush();
+
  private:
   // The reply to the request just numbered: its error, if any, says that the operation was completed.
   [[nodiscard]] RpcReply exchange(const std::string& request);

@@ -4,6 +4,7 @@
 
 #include "base/Text.h"
 #include "quill/Failures.h"
+#include "quill/Schedules.h"
 #include "quill/TimeText.h"
 #include "quill/VolumeChoice.h"
 
@@ -40,35 +41,38 @@ std::string uuidMeant(CommandContext& context, const std::string& text) {
   }
 }
 
-std::string nameOf(CommandContext& context, const std::string& uuid) {
-  for (const APFSVolume& volume : context.volumes.list(false)) {
-    if (equalsIgnoringAsciiCase(volume.id, uuid)) return volume.name;
-  }
-  return {};
-}
-
 }  // namespace
+
+VolumeOfRecords::VolumeOfRecords(CommandContext& context, const std::string& text)
+    : text_(text), uuid_(uuidMeant(context, text)), name_(uuid_.empty() ? text : volumeNameOf(context, uuid_)) {}
+
+bool VolumeOfRecords::isMeant(std::string_view recordedUUID, std::string_view recordedName) const {
+  if (!recordedUUID.empty() && !uuid_.empty()) return equalsIgnoringAsciiCase(recordedUUID, uuid_);
+  return equalsIgnoringAsciiCase(recordedName, text_) || (!name_.empty() && recordedName == name_);
+}
 
 LogFilter::LogFilter(CommandContext& context, const LogRequest& request) : failedOnly_(request.failed) {
   for (const std::string& kind : request.kinds) kinds_.insert(kindMeant(kind));
   if (request.since) since_ = momentMeant(context.clock, *request.since);
-  if (!request.volume) return;
-  const std::string uuid = uuidMeant(context, *request.volume);
-  volume_ = {*request.volume, uuid, uuid.empty() ? *request.volume : nameOf(context, uuid)};
-}
-
-bool LogFilter::isOn(const HelperEvent& event) const {
-  if (!event.volumeUUID.empty() && !volume_->uuid.empty())
-    return equalsIgnoringAsciiCase(event.volumeUUID, volume_->uuid);
-  return equalsIgnoringAsciiCase(event.volumeName, volume_->text) ||
-         (!volume_->name.empty() && event.volumeName == volume_->name);
+  if (request.volume) volume_.emplace(context, *request.volume);
 }
 
 bool LogFilter::wants(const HelperEvent& event) const {
   if (failedOnly_ && event.succeeded) return false;
   if (!kinds_.empty() && !kinds_.contains(event.kind)) return false;
   if (since_ && event.timestamp < *since_) return false;
-  return !volume_ || isOn(event);
+  return !volume_ || volume_->isMeant(event.volumeUUID, event.volumeName);
+}
+
+NoticeFilter::NoticeFilter(CommandContext& context, const NoticesRequest& request) : criticalOnly_(request.critical) {
+  if (request.since) since_ = momentMeant(context.clock, *request.since);
+  if (request.volume) volume_.emplace(context, *request.volume);
+}
+
+bool NoticeFilter::wants(const HelperNotification& notice) const {
+  if (criticalOnly_ && notice.importance != NotificationImportance::critical) return false;
+  if (since_ && notice.timestamp < *since_) return false;
+  return !volume_ || volume_->isMeant(notice.volumeUUID.value_or(""), notice.volumeName.value_or(""));
 }
 
 }  // namespace quillmark::cli

@@ -8,9 +8,6 @@
 namespace quillmark::cli {
 namespace {
 
-constexpr std::size_t firstRows = 200;
-constexpr std::size_t enoughToWrite = 16 * 1024;
-
 // The person; the program too, where it isn't the usual one of a reader of this.
 std::string who(const HelperEvent& event) {
   const std::string client(label(event.client));
@@ -36,7 +33,7 @@ Cell detailOf(const HelperEvent& event) {
   return {std::string(restOf(event))};
 }
 
-Table emptyTable(bool full, std::size_t width) {
+Table columnsOfLog(bool full, std::size_t width) {
   const bool mayBeCut = !full && width > 0;
   const bool isNarrow = mayBeCut && width < 100;
   return {{{.head = "TIME"},
@@ -48,28 +45,30 @@ Table emptyTable(bool full, std::size_t width) {
           {}};
 }
 
+Table columnsOfNotices(bool full, std::size_t width) {
+  const bool mayBeCut = !full && width > 0;
+  return {{{.head = "TIME"},
+           {.head = "ABOUT", .least = 12},
+           {.head = "VOLUME", .mayBeCut = mayBeCut},
+           {.head = "NOTICE", .mayBeCut = mayBeCut, .least = 30}},
+          {}};
+}
+
+Tone toneOf(const HelperNotification& notice) {
+  if (notice.kind == HelperNotification::Kind::resolve) return Tone::good;
+  return notice.importance == NotificationImportance::critical ? Tone::bad : Tone::plain;
+}
+
 }  // namespace
 
+LogPrinter::LogPrinter(Output& output, Clock& clock, bool full)
+    : output_(output), clock_(clock), full_(full), rows_(output, columnsOfLog(full, output.style().width)) {}
+
 void LogPrinter::add(const HelperEvent& event) {
-  printedAny_ = true;
-  if (output_.json()) {
-    text_ += jsonLine(event);
-  } else if (output_.forTerminal()) {
-    addRow(rowOf(event));
-  } else {
-    text_ += plainLine(event);
-  }
-  if (text_.size() >= enoughToWrite) flush();
+  if (output_.json()) return rows_.add(shownJson(encodeJson(event)) + "\n");
+  if (!output_.forTerminal()) return rows_.add(plainLine(event));
+  rows_.add(rowOf(event));
 }
-
-void LogPrinter::flush() {
-  if (!first_.empty()) layOut(first_);
-  first_.clear();
-  if (!text_.empty()) output_.laidOut(text_);
-  text_.clear();
-}
-
-std::string LogPrinter::jsonLine(const HelperEvent& event) const { return shownJson(encodeJson(event)) + "\n"; }
 
 std::string LogPrinter::plainLine(const HelperEvent& event) const {
   return plainRow({{plainTime(clock_, event.timestamp)},
@@ -85,38 +84,44 @@ std::string LogPrinter::plainLine(const HelperEvent& event) const {
                    {event.errorMessage.value_or("")}});
 }
 
-LogPrinter::Row LogPrinter::rowOf(const HelperEvent& event) const {
+LogRows::Row LogPrinter::rowOf(const HelperEvent& event) const {
   const std::string snapshot = event.snapshotName.value_or("");
-  Row row{{{shownTime(clock_, event.timestamp)},
-           {std::string(label(event.kind))},
-           {who(event)},
-           {event.volumeName},
-           {full_ ? snapshot : shortName(snapshot)},
-           detailOf(event)},
-          {}};
-  if (!event.succeeded) row.failure = event.errorMessage.value_or("");
+  LogRows::Row row{{{shownTime(clock_, event.timestamp)},
+                    {std::string(label(event.kind))},
+                    {who(event)},
+                    {event.volumeName},
+                    {full_ ? snapshot : shortName(snapshot)},
+                    detailOf(event)}};
+  if (!event.succeeded) row.below = {event.errorMessage.value_or(""), std::nullopt, Tone::bad};
   return row;
 }
 
-void LogPrinter::addRow(Row row) {
-  if (layout_) return layOut({std::move(row)});
-  first_.push_back(std::move(row));
-  if (first_.size() < firstRows) return;
-  layOut(first_);
-  first_.clear();
+NoticePrinter::NoticePrinter(Output& output, Clock& clock, bool full)
+    : output_(output), clock_(clock), rows_(output, columnsOfNotices(full, output.style().width)) {}
+
+void NoticePrinter::add(const HelperNotification& notice) {
+  if (output_.json()) return rows_.add(shownJson(encodeJson(notice)) + "\n");
+  if (!output_.forTerminal()) return rows_.add(plainLine(notice));
+  rows_.add(rowOf(notice));
 }
 
-void LogPrinter::layOut(const std::vector<Row>& rows) {
-  if (!layout_) {
-    Table first = emptyTable(full_, output_.style().width);
-    for (const Row& row : rows) first.rows.push_back(row.cells);
-    layout_.emplace(first, output_.style());
-    text_ += layout_->head();
-  }
-  for (const Row& row : rows) {
-    text_ += layout_->row(row.cells);
-    if (!row.failure.empty()) text_ += "  " + toned(shownText(row.failure), Tone::bad, output_.style().color) + "\n";
-  }
+std::string NoticePrinter::plainLine(const HelperNotification& notice) const {
+  return plainRow({{plainTime(clock_, notice.timestamp)},
+                   {std::string(word(notice.kind))},
+                   {std::string(word(notice.category))},
+                   {std::string(word(notice.importance))},
+                   {notice.volumeName.value_or("")},
+                   {notice.volumeUUID.value_or("")},
+                   {notice.title},
+                   {notice.message}});
+}
+
+LogRows::Row NoticePrinter::rowOf(const HelperNotification& notice) const {
+  return {{{shownTime(clock_, notice.timestamp)},
+           {std::string(word(notice.category))},
+           {notice.volumeName.value_or("")},
+           {notice.title, std::nullopt, toneOf(notice)}},
+          {notice.message}};
 }
 
 }  // namespace quillmark::cli

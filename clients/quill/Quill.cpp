@@ -13,8 +13,9 @@ namespace {
 int runInvocation(const Invocation& invocation, World& world, Output& output) {
   const auto advice = [&] { return adviceOnAdmission(world.admission(), world.paths.helperLog); };
   HelperAccess helper([&] { return world.connect(invocation.socket); }, world.clock, advice);
-  CommandContext context{helper,     world.volumes, world.clock,  output,        world.paths,
-                         world.busy, world.posix,   world.random, world.confirm, world.waitForMore};
+  CommandContext context{helper,        world.volumes,     world.clock, output,
+                         world.paths,   world.busy,        world.posix, world.random,
+                         world.confirm, world.waitForMore, world.input, world.endAtInterrupt};
   return std::visit([&](const auto& request) { return run(context, request); }, invocation.request);
 }
 

@@ -34,6 +34,8 @@ struct World {
   Random& random;
   std::function<bool(const std::string& question)> confirm;  // empty where nobody can be asked
   std::function<bool()> waitForMore;
+  std::function<std::string()> input;
+  std::function<void()> endAtInterrupt;
   std::function<Admission()> admission;
 };
 

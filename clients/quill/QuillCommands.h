@@ -32,6 +32,10 @@ struct CommandContext {
   std::function<bool(const std::string& question)> confirm;
   // Waits for more in the shared directory, at most a moment. False once the person has had enough, or is gone.
   std::function<bool()> waitForMore;
+  // All of standard input. Throws wrongUse for more than any input is.
+  std::function<std::string()> input;
+  // From here on an interrupt ends the process, and is no failure.
+  std::function<void()> endAtInterrupt;
 };
 
 [[nodiscard]] int run(CommandContext& context, const VolumesRequest& request);
@@ -44,6 +48,12 @@ struct CommandContext {
 [[nodiscard]] int run(CommandContext& context, const MountRequest& request);
 [[nodiscard]] int run(CommandContext& context, const UnmountRequest& request);
 [[nodiscard]] int run(CommandContext& context, const LogRequest& request);
+[[nodiscard]] int run(CommandContext& context, const ScheduleRequest& request);
+[[nodiscard]] int run(CommandContext& context, const SettingsRequest& request);
+[[nodiscard]] int run(CommandContext& context, const PlanRequest& request);
+[[nodiscard]] int run(CommandContext& context, const SpaceRequest& request);
+[[nodiscard]] int run(CommandContext& context, const NoticesRequest& request);
+[[nodiscard]] int run(CommandContext& context, const WatchRequest& request);
 [[nodiscard]] int run(CommandContext& context, const HealthRequest& request);
 [[nodiscard]] int run(CommandContext& context, const QuitRequest& request);
 [[nodiscard]] int run(CommandContext& context, const VersionRequest& request);

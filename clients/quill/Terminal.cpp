@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <csignal>
 #include <cstdlib>
 
 #include "base/Text.h"
@@ -90,6 +91,26 @@ void DescriptorSink::write(Stream stream, std::string_view text) {
   readerGone_ = true;
   if (error != EPIPE)
     throw clientError(ClientFault::outputFailed, "The output could not be written: " + errnoText(error));
+}
+
+std::string standardInput() {
+  constexpr std::size_t most = std::size_t{4} << 20;
+  std::string all;
+  char buffer[4096];
+  ssize_t count;
+  while ((count = ::read(STDIN_FILENO, buffer, sizeof buffer)) != 0) {
+    if (count < 0 && errno == EINTR) continue;
+    if (count < 0) throw wrongUse("Standard input can't be read: " + errnoText(errno));
+    all.append(buffer, static_cast<std::size_t>(count));
+    if (all.size() > most) throw wrongUse("Standard input holds more than settings can be.");
+  }
+  return all;
+}
+
+void endAtInterrupt() {
+  struct sigaction action = {};
+  action.sa_handler = [](int) { ::_exit(exitDone); };
+  for (const int signal : {SIGINT, SIGTERM, SIGHUP}) ::sigaction(signal, &action, nullptr);
 }
 
 std::function<bool(const std::string&)> personToAsk(TextSink& sink, const TerminalFacts& facts) {

@@ -24,6 +24,12 @@ class DescriptorSink final : public TextSink {
   bool readerGone_ = false;  // of standard output
 };
 
+// All of standard input. Throws wrongUse past 4 MiB, which no request may exceed either.
+[[nodiscard]] std::string standardInput();
+
+// From here on SIGINT, SIGTERM and SIGHUP end the process with exit code 0: what was written stands, nothing waits.
+void endAtInterrupt();
+
 // Asks with a text that was made harmless, and reads a line: true for "y" and "yes". Empty unless somebody sits at
 // standard input and sees one of the other two. Borrows the sink.
 [[nodiscard]] std::function<bool(const std::string& question)> personToAsk(TextSink& sink, const TerminalFacts& facts);

@@ -1,6 +1,8 @@
 // quill: the command line client of the snapshot service.
 #include <csignal>
+#include <cstdio>
 #include <cstdlib>
+#include <exception>
 
 #include "platform/linux/Clock.h"
 #include "platform/linux/Dispatch.h"
@@ -9,6 +11,7 @@
 #include "platform/linux/ServiceHost.h"
 #include "platform/linux/TransportClient.h"
 #include "quill/EarlyConnection.h"
+#include "quill/Failures.h"
 #include "quill/FollowWait.h"
 #include "quill/LinuxLocalVolumes.h"
 #include "quill/ProgressSign.h"
@@ -71,6 +74,8 @@ int start(const std::vector<std::string>& arguments, EarlyConnection early, Host
               .random = random,
               .confirm = personToAsk(sink, terminal),
               .waitForMore = waitForMore,
+              .input = standardInput,
+              .endAtInterrupt = endAtInterrupt,
               .admission = admissionHere};
   return runQuill(arguments, world);
 }
@@ -85,5 +90,10 @@ int main(int count, char** words) {
   HostPaths paths;
   cli::EarlyConnection early = cli::connectAndDropGroup(paths.socket);
   ::signal(SIGPIPE, SIG_IGN);
-  return cli::start({words + std::min(count, 1), words + count}, std::move(early), std::move(paths));
+  try {
+    return cli::start({words + std::min(count, 1), words + count}, std::move(early), std::move(paths));
+  } catch (const std::exception& failure) {
+    std::fprintf(stderr, "quill: %s\n", failure.what());
+    return cli::exitFailed;
+  }
 }

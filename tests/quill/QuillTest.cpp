@@ -282,8 +282,9 @@ TEST(Quill, wrongUsePointsToTheFittingHelp) {
 TEST(Quill, helpIsThereForEveryCommand) {
   QuillWorld world;
   const std::string program = world.run({"--help"}).output;
-  for (const std::string name : {"volumes", "list", "create", "safety", "delete", "protect", "unprotect", "tag",
-                                 "mount", "unmount", "log", "health", "quit", "version", "call"}) {
+  for (const std::string name : {"volumes", "list",    "create",  "safety", "delete",   "protect",  "unprotect",
+                                 "tag",     "mount",   "unmount", "log",    "schedule", "settings", "plan",
+                                 "space",   "notices", "watch",   "health", "quit",     "version",  "call"}) {
     EXPECT_THAT(program, HasSubstr("  " + name + " "));
     const Result help = world.run({name, "--help"});
     EXPECT_EQ(help.exitCode, 0);

@@ -6,6 +6,7 @@
 #include <filesystem>
 #include <fstream>
 
+#include "base/Text.h"
 #include "wire/Json.h"
 #include "wire/QuillmarkXPC.h"
 
@@ -53,6 +54,7 @@ std::vector<std::string> ScriptedHelper::reply(const std::string& line) {
     reply.error = error;
   }
   lines.push_back(encodeReply(*call.id, reply));
+  lines.insert(lines.end(), later.begin(), later.end());
   return lines;
 }
 
@@ -61,6 +63,8 @@ void HelperEnd::send(std::string_view line) {
 }
 
 std::string HelperEnd::receive(std::chrono::nanoseconds) {
+  if (waiting_.empty() && !helper_.later.empty())
+    throw Error(std::string(posixErrorDomain), EPIPE, "The Quillmark helper closed the connection.");
   if (waiting_.empty())
     throw Error(std::string(posixErrorDomain), ETIMEDOUT, "The Quillmark helper did not answer in time.");
   std::string line = std::move(waiting_.front());
@@ -88,6 +92,7 @@ QuillWorld::QuillWorld() {
   helper.on<RequestQuit>([](auto&) { return RpcReply{"true", {}}; });
   helper.on<GetAuditLogHealth>([](auto&) { return RpcReply{encodeJson(AuditLogHealth()), {}}; });
   serveBatches();
+  serveSchedules();
   paths.sharedDirectory = posix.root() + "/shared";
 }
 
@@ -112,6 +117,24 @@ void QuillWorld::serveBatches() {
   });
 }
 
+void QuillWorld::serveSchedules() {
+  helper.on<ListSchedules>([&](auto&) { return RpcReply{encodeJson(schedules), {}}; });
+  helper.on<SetSchedule>([&](const SetSchedule& call) {
+    const std::string key = asciiLower(call.volumeUUID);
+    const auto found = schedules.find(key);
+    const auto previous = found == schedules.end() ? std::nullopt : std::optional(found->second);
+    const auto policy = decodeJson<SchedulePolicy>(call.policy.text).normalized();
+    schedules[key] = policy.stamped(previous, Date::from1970(1'772'355'600));
+    return RpcReply{encodeJson(schedules[key]), {}};
+  });
+  helper.on<GetHelperSettings>([&](auto&) { return RpcReply{encodeJson(settings), {}}; });
+  helper.on<SetHelperSettings>([&](const SetHelperSettings& call) {
+    settings = decodeJson<HelperSettings>(call.settings.text).normalized();
+    return RpcReply{encodeJson(settings), {}};
+  });
+  helper.on<GetFreeSpaceStates>([&](auto&) { return RpcReply{encodeJson(freeSpace), {}}; });
+}
+
 Result QuillWorld::run(const std::vector<std::string>& arguments) {
   TextInMemory sink;
   sink.reads = reads;
@@ -120,8 +143,20 @@ Result QuillWorld::run(const std::vector<std::string>& arguments) {
     return std::make_unique<HelperEnd>(helper);
   };
   const auto busy = [](const std::string&) { return nullptr; };
-  World world{sink, terminal, simulation.clock(),  volumes, paths,        connect,
-              busy, posix,    simulation.random(), {},      whileWaiting, [&] { return admission; }};
+  World world{sink,
+              terminal,
+              simulation.clock(),
+              volumes,
+              paths,
+              connect,
+              busy,
+              posix,
+              simulation.random(),
+              {},
+              whileWaiting,
+              [&] { return input; },
+              [] {},
+              [&] { return admission; }};
   if (answer) world.confirm = [&](const std::string& question) { return questions.push_back(question), *answer; };
   const int exitCode = runQuill(arguments, world);
   return {exitCode, sink.output, sink.errors};

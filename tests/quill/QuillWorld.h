@@ -11,6 +11,9 @@
 #include "platform/sim/SimPosix.h"
 #include "platform/sim/Simulation.h"
 #include "quill/Quill.h"
+#include "scheduling/VolumeFreeSpaceState.h"
+#include "scheduling/rules/HelperSettings.h"
+#include "scheduling/rules/SchedulePolicy.h"
 #include "wire/Commands.h"
 #include "wire/Records.h"
 #include "wire/Rpc.h"
@@ -53,6 +56,7 @@ struct ScriptedHelper {
   std::map<std::string, std::function<RpcReply(const RpcCall&)>> answers;
   std::vector<std::string> calls;        // selectors, the protocol's version left out
   std::vector<std::string> pushes;       // sent before each reply
+  std::vector<std::string> later;        // sent behind the first reply; the connection ends after the last of them
   std::optional<Error> unreachable;      // thrown on connecting
   std::size_t callsUntilGone = 1000000;  // the connection then ends without a reply
 };
@@ -94,6 +98,10 @@ class QuillWorld {
   FakeVolumes volumes;
   ScriptedHelper helper;
   std::vector<SnapshotRecord> snapshots;
+  std::map<std::string, SchedulePolicy> schedules;  // by lower-case UUID, as the helper keeps them
+  HelperSettings settings;
+  std::vector<VolumeFreeSpaceState> freeSpace;
+  std::string input;  // standard input
   TerminalFacts terminal;
   sim::Simulation simulation;
   sim::SimPosix posix;
@@ -109,6 +117,7 @@ class QuillWorld {
 
  private:
   void serveBatches();
+  void serveSchedules();
 };
 
 }  // namespace quillmark::cli
