@@ -56,8 +56,8 @@ class Quickstart(unittest.TestCase):
         self.assertEqual(traces(), [])
         self.addCleanup(self.clean)
 
-    def start(self):
-        return subprocess.Popen(["./quickstart", "--programs", helper.PROGRAMS], cwd=HOME, stdin=subprocess.DEVNULL,
+    def start(self, *options):
+        return subprocess.Popen(["./quickstart", "--programs", helper.PROGRAMS, *options], cwd=HOME, stdin=subprocess.DEVNULL,
                                 stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True, start_new_session=True)
 
     def clean(self):
@@ -65,13 +65,14 @@ class Quickstart(unittest.TestCase):
         self.assertEqual(done.returncode, 0, done.stdout + done.stderr)
         return done.stdout
 
-    def walk(self):
-        said, _ = (process := self.start()).communicate(timeout=90)
+    def walk(self, *options):
+        said, _ = (process := self.start(*options)).communicate(timeout=180)
         self.assertEqual(process.returncode, 0, said)
         return said
 
     def test_it_walks_through_leaves_a_helper_and_takes_everything_away_again(self):
         said = self.walk()
+        self.assertIn("auto.hourly.", said)
         self.assertEqual(said.count("Dear Ida"), 2, said)
         for told in ("Refusing to delete a protected snapshot", "(exit code 4)", "with the letter", "you (quillmark-demo) are none",
                      f"{VISITOR} ", "(force)"):
@@ -79,7 +80,7 @@ class Quickstart(unittest.TestCase):
         self.assertFalse(is_known("passwd", VISITOR), "it leaves with the walk")
         [pid] = helpers()
         self.assertIn(f"(pid {pid})", said)
-        again = self.walk()  # takes the first one away by itself
+        again = self.walk("--brief")  # takes the first one away by itself
         self.assertIn("An earlier quickstart left something behind", again)
         self.assertEqual(len(helpers()), 1)
         self.clean()
@@ -92,7 +93,7 @@ class Quickstart(unittest.TestCase):
         draw = random.Random(7)
         for line in [4, 5, 6, 7, *(draw.randrange(8, 150) for _ in range(6))]:
             with self.subTest(line=line):
-                process = self.start()
+                process = self.start("--brief")
                 for _ in range(line):
                     process.stdout.readline()
                 os.killpg(process.pid, signal.SIGKILL)
@@ -106,7 +107,7 @@ class Quickstart(unittest.TestCase):
             sandbox.run("groupadd", "--system", name)
         sandbox.run("useradd", "--system", "-M", VISITOR)
         self.addCleanup(sandbox.run, "userdel", VISITOR)
-        self.assertIn("left out: the user quillmark-demo", self.walk())
+        self.assertIn("left out: the user quillmark-demo", self.walk("--brief"))
         self.clean()
         self.assertTrue(is_known("passwd", VISITOR))
         for name in GROUPS:
@@ -117,7 +118,7 @@ class Quickstart(unittest.TestCase):
         for path in kept:
             os.makedirs(os.path.dirname(path), exist_ok=True)
             Path(path).write_text("{}\n")
-        self.walk()
+        self.walk("--brief")
         self.clean()
         for path in kept:
             self.assertTrue(os.path.exists(path), path)
