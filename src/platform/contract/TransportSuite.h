@@ -67,8 +67,8 @@ class TestServer final {
   [[nodiscard]] std::vector<std::string> all() { return state_->events.all(); }
 
   static std::string name(CloseReason reason) {
-    static constexpr const char* names[] = {"[peer closed]", "[closed by us]", "[line too long]", "[stalled]",
-                                            "[not the peer]", "[failed]"};
+    static constexpr const char* names[] = {"[peer closed]", "[closed by us]", "[line too long]",
+                                            "[stalled]",     "[not the peer]", "[failed]"};
     return names[static_cast<int>(reason)];
   }
   static void echo(const std::shared_ptr<TransportConnection>& connection, std::string line) {
