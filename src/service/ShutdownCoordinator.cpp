@@ -7,7 +7,8 @@
 namespace quillmark {
 
 ShutdownCoordinator::ShutdownCoordinator(Dispatch& dispatch, HelperLog& log, Hooks hooks)
-    : dispatch_(dispatch), log_(log), hooks_(std::move(hooks)), lock_(dispatch) {}
+    : dispatch_(dispatch), log_(log), hooks_(std::move(hooks)),
+      queue_(dispatch.makeQueue({.label = "com.harrowfern.quillmark.helper.drain"})), lock_(dispatch) {}
 
 void ShutdownCoordinator::add(const Uuid& id, std::vector<std::shared_ptr<Queue>> queues) {
   MutexLock lock(lock_);
@@ -50,9 +51,7 @@ bool ShutdownCoordinator::requestQuit(FunctionRef<void(bool)> tell, std::chrono:
   }
   log_.info(fmt::format("quit requested: draining outstanding work (timeout {}s)", timeout.count()));
   tell(true);
-  dispatch_.global(QualityOfService::userInitiated)->async([this, queues = std::move(*queues), timeout] {
-    drain(queues, timeout);
-  });
+  queue_->async([this, queues = std::move(*queues), timeout] { drain(queues, timeout); });
   return true;
 }
 

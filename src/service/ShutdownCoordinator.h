@@ -50,6 +50,9 @@ class ShutdownCoordinator final {
   HelperLog& log_;
   const Hooks hooks_;
 
+  // Serial, so that it gets a thread even while all of the pool's are blocked.
+  const std::shared_ptr<Queue> queue_;
+
   Mutex lock_;
   bool draining_ GUARDED_BY(lock_) = false;
   std::map<Uuid, std::vector<std::shared_ptr<Queue>>> registrations_ GUARDED_BY(lock_);
