@@ -16,10 +16,13 @@
 #include "platform/PlatformLog.h"
 #include "platform/PropertyList.h"
 #include "platform/linux/BtrfsCalls.h"
+#include "platform/linux/DirectoryReader.h"
 #include "platform/linux/FileWork.h"
+#include "platform/linux/PowerSources.h"
 #include "platform/linux/PropertyList.h"
 #include "platform/linux/Random.h"
 #include "platform/linux/SnapshotNames.h"
+#include "platform/linux/ThreadIdentity.h"
 #include "platform/linux/Users.h"
 #include "platform/linux/VolumeAttributes.h"
 #include "platform/sim/SimPlatform.h"
@@ -151,6 +154,9 @@ class FullVolume final {
   sim::SimPeerIdentities peers_;
   sim::SimThisProcess process_{1};
   os::LinuxUsers users_;
+  os::LinuxPowerSources power_;
+  os::LinuxDirectoryReader directories_;
+  os::LinuxThreadIdentity threadIdentities_;
   HelperEnvironment environment{{.dispatch = machine.dispatch,
                                  .clock = machine.clock,
                                  .random = random,
@@ -166,6 +172,9 @@ class FullVolume final {
                                  .log = log,
                                  .process = process_,
                                  .users = users_,
+                                 .power = power_,
+                                 .directories = directories_,
+                                 .threadIdentities = threadIdentities_,
                                  .paths = paths,
                                  .bundle = {}},
                                 log,

@@ -10,15 +10,18 @@
 #include "bench/Echo.h"
 #include "platform/linux/Clock.h"
 #include "platform/linux/DeviceNames.h"
+#include "platform/linux/DirectoryReader.h"
 #include "platform/linux/Disks.h"
 #include "platform/linux/Dispatch.h"
 #include "platform/linux/FileWork.h"
 #include "platform/linux/Posix.h"
+#include "platform/linux/PowerSources.h"
 #include "platform/linux/Processes.h"
 #include "platform/linux/PropertyList.h"
 #include "platform/linux/Random.h"
 #include "platform/linux/SnapshotCalls.h"
 #include "platform/linux/ThisProcess.h"
+#include "platform/linux/ThreadIdentity.h"
 #include "platform/linux/Transport.h"
 #include "platform/linux/TransportSocket.h"
 #include "platform/linux/Users.h"
@@ -81,24 +84,14 @@ class ServedHelper final {
   sim::SimPlatformLog log_;
   sim::SimThisProcess process_{1};
   os::LinuxUsers users_;
-  HelperProcess helper_{{dispatch_,
-                         clock_,
-                         random_,
-                         posix_,
-                         fileWork_,
-                         snapshots_,
-                         attributes_,
-                         disks_,
-                         processes_,
-                         propertyLists_,
-                         listener_,
-                         peers_,
-                         log_,
-                         process_,
-                         users_,
-                         paths_,
-                         {}},
-                        {.exitProcess = [] {}}};
+  os::LinuxPowerSources power_;
+  os::LinuxDirectoryReader directories_;
+  os::LinuxThreadIdentity threadIdentities_;
+  HelperProcess helper_{
+      {dispatch_,      clock_,    random_, posix_, fileWork_, snapshots_, attributes_, disks_,       processes_,
+       propertyLists_, listener_, peers_,  log_,   process_,  users_,     power_,      directories_, threadIdentities_,
+       paths_,         {}},
+      {.exitProcess = [] {}}};
   UniqueFd client_;
 };
 

@@ -9,10 +9,15 @@ if(QUILLMARK_CCACHE)
     CCACHE_SLOPPINESS=pch_defines,time_macros,include_file_mtime,include_file_ctime ${QUILLMARK_CCACHE})
 endif()
 
+# As ccache, which makes paths relative, has the compiler see them.
+file(RELATIVE_PATH quillmark_from_build ${CMAKE_BINARY_DIR} ${CMAKE_SOURCE_DIR})
+string(REGEX REPLACE "/$" "" quillmark_from_build ${quillmark_from_build})
+
 add_library(quillmark_options INTERFACE)
 target_compile_options(quillmark_options INTERFACE
   -Wall -Wextra -Wno-missing-field-initializers -Wpedantic -Wshadow -Wnon-virtual-dtor -Woverloaded-virtual -Wcast-qual -Wimplicit-fallthrough -Wvla -Werror
   -ffile-prefix-map=${CMAKE_SOURCE_DIR}/= -ffile-prefix-map=${CMAKE_SOURCE_DIR}/src/=
+  -ffile-prefix-map=${quillmark_from_build}/= -ffile-prefix-map=${quillmark_from_build}/src/=
   -fno-omit-frame-pointer -fstack-protector-strong)
 target_compile_definitions(quillmark_options INTERFACE _GNU_SOURCE _FILE_OFFSET_BITS=64)
 if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
@@ -104,7 +109,7 @@ function(qm_test name)
   endforeach()
   if(NOT arg_NO_CTEST)
     if(NOT arg_TIMEOUT)
-      set(arg_TIMEOUT 120)
+      set(arg_TIMEOUT 600)
     endif()
     add_test(NAME ${name} COMMAND ${name})
     set_tests_properties(${name} PROPERTIES LABELS "${arg_LABELS}" TIMEOUT ${arg_TIMEOUT})

@@ -39,6 +39,8 @@ class Grammar {
   CLI::App* addOnVolume(const HelpEntry& entry);
   void addEverywhere();
   void addSnapshotCommands();
+  void addIndex();
+  void addDiff();
   void addMountCommands();
   void addLog();
   void addLogOptions(CLI::App* command);
@@ -52,6 +54,8 @@ class Grammar {
   [[nodiscard]] LogRequest logRequest() const;
   [[nodiscard]] ScheduleRequest scheduleRequest() const;
   [[nodiscard]] SettingsRequest settingsRequest() const;
+  [[nodiscard]] IndexRequest indexRequest() const;
+  [[nodiscard]] DiffRequest diffRequest() const;
   [[nodiscard]] static std::optional<std::string> given(const std::string& text);
   [[nodiscard]] std::optional<std::string> volume() const;
   [[nodiscard]] Error misused(const CLI::ParseError& error) const;
@@ -77,8 +81,16 @@ class Grammar {
   bool failed_ = false;
   bool critical_ = false;
   bool follow_ = false;
+  bool waitIndex_ = false;
+  bool all_ = false;
+  bool local_ = false;
+  bool fullScan_ = false;
+  bool stat_ = false;
+  bool nameOnly_ = false;
+  bool tree_ = false;
   CLI::App *volumes_, *list_, *create_, *safety_, *delete_, *protect_, *unprotect_, *tag_, *mount_, *unmount_, *log_,
-      *schedules_, *settings_, *plan_, *space_, *notices_, *watch_, *health_, *quit_, *version_, *call_;
+      *schedules_, *settings_, *plan_, *space_, *notices_, *watch_, *index_, *diff_, *health_, *quit_, *version_,
+      *call_;
   CLI::Option* tagText_;
 };
 
@@ -116,6 +128,7 @@ void Grammar::addSnapshotCommands() {
   list_->add_flag("--full", full_, "Show whole names, also on a terminal");
   create_ = addOnVolume(HelpTexts::create);
   create_->add_option("label", word_, "What to remember it by")->type_name("LABEL");
+  create_->add_flag("--wait-index", waitIndex_, "Wait until it is indexed, and show how that goes on");
   safety_ = addOnVolume(HelpTexts::safety);
   safety_->add_option("label", word_, "What to remember it by")->type_name("LABEL");
   delete_ = addOnVolume(HelpTexts::remove);
@@ -130,6 +143,32 @@ void Grammar::addSnapshotCommands() {
   tag_->add_option("snapshot", word_, "What to tag")->type_name("SNAPSHOT")->required();
   tagText_ = tag_->add_option("text", text_, "The tag; without it the tag is printed")->type_name("TEXT");
   tag_->add_flag("--clear", clear_, "Take the tag away")->excludes(tagText_);
+}
+
+void Grammar::addIndex() {
+  index_ = addOnVolume(HelpTexts::index);
+  index_->add_option("action", word_, "\"status\", \"snapshot\" or \"rebuild\"; without it the state is shown")
+      ->type_name("ACTION");
+  index_->add_option("what", text_, "The snapshot, or the volume to rebuild")->type_name("SNAPSHOT|VOLUME");
+  index_->add_flag("--all", all_, "Rebuild every volume");
+}
+
+void Grammar::addDiff() {
+  diff_ = addOnVolume(HelpTexts::diff);
+  diff_->add_option("what", words_, "Two snapshots, or with --local two files or directories")->type_name("A B");
+  CLI::Option* local = diff_->add_flag("--local", local_, "Compare two paths as they are now");
+  diff_->add_flag("--full-scan", fullScan_, "Read both whole, with what is left out of indexes");
+  CLI::Option* subtree = diff_->add_option("--subtree", text_, "Only what changed there, by the index");
+  subtree->type_name("PATH")->excludes(local);
+  CLI::Option* stat = diff_->add_flag("--stat", stat_, "Only how many changes of each kind");
+  CLI::Option* names = diff_->add_flag("--name-only", nameOnly_, "Only the paths")->excludes(stat);
+  CLI::Option* tree = diff_->add_flag("--tree", tree_, "What didn't change, too");
+  tree->excludes(stat)->excludes(names)->excludes(local)->excludes(subtree);
+  diff_->add_option("--kind", kinds_, "Only these: added, deleted, modified, replaced, moved")
+      ->type_name("KIND,...")
+      ->expected(1)
+      ->delimiter(',')
+      ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll);
 }
 
 void Grammar::addMountCommands() {
@@ -210,6 +249,8 @@ void Grammar::addServiceCommands() {
 Grammar::Grammar() {
   addEverywhere();
   addSnapshotCommands();
+  addIndex();
+  addDiff();
   addMountCommands();
   addLog();
   addSchedule();
@@ -338,10 +379,47 @@ SettingsRequest Grammar::settingsRequest() const {
   return request;
 }
 
+IndexRequest Grammar::indexRequest() const {
+  const auto misuse = [](std::string message) { return wrongUse(std::move(message), "See: quill index --help"); };
+  const std::string action = unguarded(word_);
+  IndexRequest request{.volume = volume(), .action = IndexAction::status, .snapshot = {}, .all = all_};
+  if (action == "snapshot") {
+    if (text_.empty()) throw misuse("It isn't said which snapshot to index.");
+    request.action = IndexAction::snapshot;
+    request.snapshot = name(text_);
+  } else if (action == "rebuild") {
+    request.action = IndexAction::rebuild;
+    if (!text_.empty() && request.volume) throw misuse("The volume is named twice.");
+    if (!text_.empty()) request.volume = path(text_);
+    if (request.all && request.volume) throw misuse("Either one volume or all.");
+  } else if (!action.empty() && action != "status") {
+    throw misuse("What to do with the index is \"status\", \"snapshot\" or \"rebuild\", not \"" + nameText(action) +
+                 "\".");
+  } else if (!text_.empty()) {
+    throw misuse("Only \"snapshot\" and \"rebuild\" go with \"" + nameText(unguarded(text_)) + "\".");
+  }
+  if (request.all && request.action != IndexAction::rebuild) throw misuse("Only \"rebuild\" goes with --all.");
+  return request;
+}
+
+DiffRequest Grammar::diffRequest() const {
+  DiffRequest request{.volume = volume(), .words = {}, .local = local_, .fullScan = fullScan_, .subtree = given(text_)};
+  const auto misuse = [](std::string message) { return wrongUse(std::move(message), "See: quill diff --help"); };
+  if (local_ && request.volume) throw misuse("Two paths are compared where they are: no volume goes with --local.");
+  if (fullScan_ && request.subtree) throw misuse("--subtree goes by the index: --full-scan can't go with it.");
+  if (words_.size() != 2) throw misuse(local_ ? "Name two paths to compare." : "Name two snapshots to compare.");
+  for (const std::string& word : words_) request.words.push_back(local_ ? path(word) : name(word));
+  for (const std::string& kind : kinds_) request.kinds.push_back(unguarded(kind));
+  if (stat_) request.form = DiffForm::summary;
+  if (nameOnly_) request.form = DiffForm::names;
+  if (tree_) request.form = DiffForm::tree;
+  return request;
+}
+
 Request Grammar::request() const {
   if (*volumes_) return VolumesRequest{full_};
   if (*list_) return ListRequest{volume(), full_};
-  if (*create_) return CreateRequest{volume(), path(word_)};
+  if (*create_) return CreateRequest{volume(), path(word_), waitIndex_};
   if (*safety_) return SafetyRequest{volume(), path(word_)};
   if (*tag_) return tagRequest();
   if (*log_) return logRequest();
@@ -353,6 +431,8 @@ Request Grammar::request() const {
   if (*notices_) {
     return NoticesRequest{volume(), lines_, given(since_), given(cursor_), critical_, follow_, full_};
   }
+  if (*index_) return indexRequest();
+  if (*diff_) return diffRequest();
   if (*health_) return HealthRequest{};
   if (*quit_) return QuitRequest{};
   if (*version_) return VersionRequest{};

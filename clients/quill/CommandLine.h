@@ -9,6 +9,8 @@
 #include <variant>
 #include <vector>
 
+#include "quill/DiffText.h"
+
 namespace quillmark::cli {
 
 struct VolumesRequest {
@@ -21,6 +23,23 @@ struct ListRequest {
 struct CreateRequest {
   std::optional<std::string> volume;
   std::string label;
+  bool waitIndex = false;
+};
+struct DiffRequest {
+  std::optional<std::string> volume;
+  std::vector<std::string> words;  // two snapshots, or two paths
+  bool local = false;              // paths of this machine
+  bool fullScan = false;           // what is excluded too
+  std::optional<std::string> subtree;
+  DiffForm form = DiffForm::rows;
+  std::vector<std::string> kinds;  // as typed; none means all
+};
+enum class IndexAction { status, snapshot, rebuild };
+struct IndexRequest {
+  std::optional<std::string> volume;
+  IndexAction action = IndexAction::status;
+  std::string snapshot;  // of the action of that name
+  bool all = false;      // of rebuild: every volume
 };
 struct SafetyRequest {
   std::optional<std::string> volume;
@@ -97,10 +116,10 @@ struct CallRequest {
   std::string selector;
   std::vector<std::string> arguments;  // each JSON text
 };
-using Request =
-    std::variant<VolumesRequest, ListRequest, CreateRequest, SafetyRequest, DeleteRequest, ProtectRequest, TagRequest,
-                 MountRequest, UnmountRequest, LogRequest, ScheduleRequest, SettingsRequest, PlanRequest, SpaceRequest,
-                 NoticesRequest, WatchRequest, HealthRequest, QuitRequest, VersionRequest, CallRequest>;
+using Request = std::variant<VolumesRequest, ListRequest, CreateRequest, SafetyRequest, DeleteRequest, ProtectRequest,
+                             TagRequest, MountRequest, UnmountRequest, LogRequest, ScheduleRequest, SettingsRequest,
+                             PlanRequest, SpaceRequest, NoticesRequest, WatchRequest, IndexRequest, DiffRequest,
+                             HealthRequest, QuitRequest, VersionRequest, CallRequest>;
 
 struct Invocation {
   bool json = false;

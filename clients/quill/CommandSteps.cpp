@@ -23,6 +23,10 @@ SnapshotRecord snapshotMeant(const std::vector<SnapshotRecord>& snapshots, const
   return resolveReference(snapshots, reference);
 }
 
+std::string shownNameOf(const SnapshotRecord& snapshot) {
+  return snapshot.displayName && !snapshot.displayName->empty() ? *snapshot.displayName : shortName(snapshot.name);
+}
+
 void printResult(CommandContext& context, const std::string& key, const std::string& value,
                  const std::optional<Error>& warning) {
   if (context.output.json()) {

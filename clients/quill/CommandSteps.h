@@ -26,6 +26,9 @@ template <class Command>
 // that the helper's refusal reaches the person.
 [[nodiscard]] SnapshotRecord snapshotMeant(const std::vector<SnapshotRecord>& snapshots, const std::string& reference);
 
+// What a terminal shows of a snapshot: its label where it has one, else its name without what all of ours begin with.
+[[nodiscard]] std::string shownNameOf(const SnapshotRecord& snapshot);
+
 // Prints the value of a completed operation: the text, or {"<key>":…} with "warning" where there is one. The warning
 // goes to standard error as well.
 void printResult(CommandContext& context, const std::string& key, const std::string& value,

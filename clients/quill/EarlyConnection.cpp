@@ -41,7 +41,12 @@ bool isHarmless(std::string_view value, std::string_view punctuation) {
 
 }  // namespace
 
-void keepHarmlessEnvironment() {
+PagerWish keepHarmlessEnvironment() {
+  const auto valueOf = [](const char* name) {
+    const char* value = std::getenv(name);
+    return value ? std::optional<std::string>(value) : std::nullopt;
+  };
+  PagerWish pager{valueOf("PAGER"), valueOf("LESS")};
   std::vector<std::pair<const char*, std::string>> harmless;
   for (const Variable& variable : kept) {
     const char* value = std::getenv(variable.name);
@@ -50,6 +55,7 @@ void keepHarmlessEnvironment() {
   ::clearenv();
   for (const auto& [name, value] : harmless) ::setenv(name, value.c_str(), 1);
   ::setenv("PATH", "/usr/local/bin:/usr/bin:/bin", 1);
+  return pager;
 }
 
 EarlyConnection connectAndDropGroup(const std::string& socket) {

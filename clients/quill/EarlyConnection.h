@@ -8,12 +8,14 @@
 
 #include "base/Error.h"
 #include "platform/Transport.h"
+#include "quill/Pager.h"
 
 namespace quillmark::cli {
 
 // Leaves of the environment what the output is chosen by, each in its plain form: the terminal's kind, whether colours are
 // unwanted, language and time zone. Nothing in it names a file, a program or a library. Call before anything reads it.
-void keepHarmlessEnvironment();
+// The person's pager is no part of it: it comes back, for when the group is given up.
+[[nodiscard]] PagerWish keepHarmlessEnvironment();
 
 struct EarlyConnection {
   std::unique_ptr<ClientChannel> channel;

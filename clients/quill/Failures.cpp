@@ -60,6 +60,12 @@ constexpr std::array clientCodes{
     CodeFacts{static_cast<long>(ClientFault::outputFailed), "outputFailed"},
     CodeFacts{static_cast<long>(ClientFault::declined), "declined"},
     CodeFacts{static_cast<long>(ClientFault::logUnreadable), "logUnreadable"},
+    CodeFacts{static_cast<long>(ClientFault::notIndexed), "notIndexed"},
+};
+
+// The helper's texts for people; they call it "Re-index Snapshots".
+constexpr std::array historyCodes{
+    CodeFacts{20, "snapshotHistory", exitFailed, "To build the index of a whole volume anew: quill index rebuild"},
 };
 
 constexpr std::array rpcCodes{
@@ -79,6 +85,7 @@ const CodeFacts* factsOf(const Error& error) {
   if (const auto code = QuillmarkError::codeOf(error)) return find(serviceCodes, static_cast<long>(*code));
   if (error.domain() == clientErrorDomain) return find(clientCodes, error.code());
   if (error.domain() == rpcErrorDomain) return find(rpcCodes, error.code());
+  if (error.domain() == historyErrorDomain) return find(historyCodes, error.code());
   return nullptr;
 }
 

@@ -15,6 +15,7 @@ enum ExitCode : int {
   exitWrongUse = 2,
   exitNotReachable = 3,
   exitRefused = 4,
+  exitInterrupted = 130,  // as shells call an end by SIGINT
 };
 
 // Errors that quill makes itself.
@@ -27,12 +28,15 @@ enum class ClientFault : long {
   outputFailed = 5,
   declined = 6,  // by the person, when asked
   logUnreadable = 7,
+  notIndexed = 8,  // a snapshot whose index was waited for
 };
 [[nodiscard]] Error clientError(ClientFault fault, std::string message, std::string suggestion = {});
 [[nodiscard]] Error wrongUse(std::string message, std::string suggestion = {});
 
 // Errors by which the helper says that a call is malformed; the codes are JSON-RPC's.
 inline constexpr std::string_view rpcErrorDomain = "JSON-RPC";
+// Errors of the helper's change history.
+inline constexpr std::string_view historyErrorDomain = "Quillmark.SnapshotHistory";
 
 [[nodiscard]] ExitCode exitCodeOf(const Error& error);
 // "protectedSnapshot", "ENOENT", "methodNotFound"; "other" for a code of a domain that isn't known.

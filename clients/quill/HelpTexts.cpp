@@ -18,6 +18,8 @@ Examples:
   quill protect before-upgrade        nobody deletes it by accident
   quill delete latest~3               the third before the newest
   quill log -n 5                      what was done last, and by whom
+  quill index                         what is indexed
+  quill diff latest~1 latest          what changed between the last two
 
 A SNAPSHOT is named by its full name, its XID, its label, the end of its name
 from a dot on, "latest", or "latest~N": the N-th before the newest.
@@ -32,7 +34,9 @@ Exit codes: 0 done, 1 failed, 2 wrong use or malformed, 3 helper not reachable,
 const HelpEntry volumes{"volumes", "List the volumes of this machine with their space and devices",
                         R"help(
 Columns: name, device, size, used, free, bus, mount point, UUID. Sizes are
-bytes where they aren't shown on a terminal. The helper isn't needed.
+bytes where they aren't shown on a terminal. The helper isn't needed; where it
+runs, a terminal also shows which subvolumes no snapshot holds, and snapshots
+whose volume is gone, with what to do. With --json: "unservedSubvolumes".
 
 Examples:
   quill volumes
@@ -52,10 +56,12 @@ Examples:
 
 const HelpEntry create{"create", "Take a snapshot and print its name",
                        R"help(
-The label may have up to 127 bytes, without slashes and control characters.
+The label may have up to 127 bytes, without slashes and control characters. The
+helper indexes the snapshot afterwards by itself; --wait-index waits for that.
 
 Examples:
   quill create
+  quill create --wait-index "before upgrade"
   quill create "before upgrade" -v Data)help"};
 
 const HelpEntry safety{"safety", "Take a safety snapshot, for the time of a risky work, and print its name",
@@ -66,6 +72,55 @@ whatever prunes old snapshots may take it. To keep it: quill protect.
 Examples:
   quill safety
   quill safety "moving the photographs" -v Data)help"};
+
+const HelpEntry index{"index", "Show what is indexed, or index snapshots anew",
+                      R"help(
+quill index                          what is indexed, of all volumes or of -v
+quill index snapshot SNAPSHOT        reads one snapshot anew: the newest that is
+                                     indexed, or one that is newer
+quill index rebuild [VOLUME|--all]   throws the index of a volume away and reads
+                                     all its snapshots, the oldest first
+
+The index is what comparing, browsing and searching old states go by. It is made
+from the snapshots by itself, grows with what changes, and nothing is lost by a
+rebuild but time. Both show how it goes on. Interrupted, quill ends with exit
+code 130 and the helper goes on.
+
+Columns: volume, state (current, indexing, waiting, partial, off, untracked,
+empty, unavailable), snapshots, how many of them are indexed, how many wait, UUID
+where no terminal shows it, detail. "partial": some are older than what is
+indexed and can't join; a rebuild takes them in.
+
+Examples:
+  quill index
+  quill index snapshot latest
+  quill index rebuild -v Data)help"};
+
+const HelpEntry diff{"diff", "Show what changed between two snapshots, or what two directories differ in",
+                     R"help(
+The older snapshot is always the state before. What is indexed is compared in a
+moment; what isn't is indexed, or read for this once. Paths are those within the
+volume, by name. Left out is what the settings exclude, unless --full-scan is
+given: that reads both snapshots whole.
+
+Signs: + added, - deleted, ~ modified, ↻ replaced (another kind of thing with
+the same name), > moved. On a terminal long output is paged (PAGER, LESS).
+Anywhere else each line has 8 words: kind, type, path, old path, old size, new
+size, old and new time of modification in nanoseconds since 1970; --stat has 3:
+kind, changes, bytes by which files grew. With --json: rows, treeEntries,
+truncated, totalRowCount. At most 250,000 rows come.
+
+--subtree takes a path as it is on the volume now, or was, and tells what the
+index knows of it: you must be able to read it. --local compares two paths of
+this machine as they are, you must be able to read both; directories of mounted
+snapshots too.
+
+Examples:
+  quill diff latest~1 latest
+  quill diff before-upgrade latest --stat
+  quill diff 4587521 latest --kind deleted --name-only
+  quill diff latest~3 latest --subtree ~/letters
+  quill diff --local "$(quill mount latest)/ida" /home/ida)help"};
 
 const HelpEntry remove{"delete", "Delete snapshots and print their names",
                        R"help(
@@ -143,7 +198,7 @@ The helper keeps the last 32 MiB or more, years for most.
 
 On a terminal: the time, the event, who asked (and with which program if it
 wasn't quill), volume, snapshot, more detail; why something failed stands
-below it.
+below it, and on one of less than 100 columns the snapshot too.
 Anywhere else each line has 11 words: time, kind, "ok" or "failed", client,
 user, volume, volume's UUID, snapshot, milliseconds, detail, error. With --json
 each line is a record.

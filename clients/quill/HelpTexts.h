@@ -14,8 +14,8 @@ struct HelpEntry {
 
 namespace HelpTexts {
 
-extern const HelpEntry program, volumes, list, create, safety, remove, protect, unprotect, tag, mount, unmount, log,
-    schedule, settings, plan, space, notices, watch, health, quit, version, call;
+extern const HelpEntry program, volumes, list, create, safety, index, diff, remove, protect, unprotect, tag, mount,
+    unmount, log, schedule, settings, plan, space, notices, watch, health, quit, version, call;
 extern const std::string_view volumeOption, logVolumeOption;
 
 }  // namespace HelpTexts

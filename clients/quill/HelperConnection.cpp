@@ -2,6 +2,7 @@
 
 #include <fmt/format.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
 
@@ -15,6 +16,8 @@ namespace {
 
 // A snapshot waits for all that was written before it: minutes on a slow disk.
 constexpr std::chrono::minutes patience{30};
+// How long nothing comes before a listener hears of that.
+constexpr std::chrono::milliseconds moment{300};
 
 Error notReachable(const Error& cause, const HelperConnection::AdmissionAdvice& advice) {
   const auto says = [&](const std::string& message, std::string suggestion) {
@@ -93,23 +96,47 @@ RpcReply HelperConnection::exchange(const std::string& request) {
 
 RpcIncoming HelperConnection::nextPush() {
   while (true) {
-    try {
-      RpcIncoming incoming = understood(channel_->receive(patience));
-      if (incoming.kind == RpcIncoming::Kind::push) return incoming;
-    } catch (const Error& error) {
-      if (error.domain() != posixErrorDomain) throw;
-      if (error.code() != ETIMEDOUT)
-        throw clientError(ClientFault::helperNotReachable, "The Quillmark helper has ended the connection.");
-    }
+    std::optional<RpcIncoming> incoming = receive(patience);
+    if (incoming && incoming->kind == RpcIncoming::Kind::push) return *std::move(incoming);
+  }
+}
+
+bool HelperConnection::hear(std::chrono::nanoseconds most) {
+  const std::optional<RpcIncoming> incoming = receive(most);
+  if (!incoming || incoming->kind != RpcIncoming::Kind::push) return false;
+  if (listener_) listener_->told(*incoming);
+  return true;
+}
+
+std::optional<RpcIncoming> HelperConnection::receive(std::chrono::nanoseconds most) {
+  try {
+    return understood(channel_->receive(most));
+  } catch (const Error& error) {
+    if (error.domain() != posixErrorDomain) throw;
+    if (error.code() == ETIMEDOUT) return std::nullopt;
+    throw clientError(ClientFault::helperNotReachable, "The Quillmark helper has ended the connection.");
   }
 }
 
 RpcIncoming HelperConnection::receiveAnswer() {
-  const MonotonicTime deadline = clock_.monotonic() + patience;
+  MonotonicTime deadline = clock_.monotonic() + patience;
   while (true) {
-    RpcIncoming incoming = understood(channel_->receive(deadline - clock_.monotonic()));
-    if (incoming.kind == RpcIncoming::Kind::push) continue;
-    if (!incoming.id || *incoming.id == lastId_) return incoming;
+    const std::chrono::nanoseconds left = deadline - clock_.monotonic();
+    RpcIncoming incoming;
+    try {
+      incoming = understood(channel_->receive(listener_ ? std::min<std::chrono::nanoseconds>(left, moment) : left));
+    } catch (const Error& error) {
+      if (!listener_ || left <= moment || error.domain() != posixErrorDomain || error.code() != ETIMEDOUT) throw;
+      listener_->quiet();
+      continue;
+    }
+    if (incoming.kind == RpcIncoming::Kind::push) {
+      if (!listener_) continue;
+      listener_->told(incoming);
+      deadline = clock_.monotonic() + patience;
+    } else if (!incoming.id || *incoming.id == lastId_) {
+      return incoming;
+    }
   }
 }
 

@@ -8,6 +8,7 @@
 //            that fails as helperNotReachable before the first answer, as answerLost after that.
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -52,6 +53,13 @@ struct ReplyValue<ReplyKind::boolean> {
 
 class HelperConnection final {
  public:
+  // Hears what the helper tells on its own, also while a call waits for its answer. Must not call the helper itself.
+  class Listener {
+   public:
+    virtual ~Listener() = default;
+    virtual void told(const RpcIncoming& push) = 0;
+    virtual void quiet() = 0;  // nothing came for a moment
+  };
   // What one who isn't let in can do.
   using AdmissionAdvice = std::function<std::string()>;
 
@@ -80,18 +88,26 @@ class HelperConnection final {
 
   // What the helper tells next on its own, whenever that is. A helper that ends is helperNotReachable.
   [[nodiscard]] RpcIncoming nextPush();
+  // Null ends it: pushes are then passed over. A call that is listened to waits as long as pushes go on coming.
+  void listen(Listener* listener) { listener_ = listener; }
+  // Passes on to the listener what comes first; false when nothing came in that time. A helper that ends is
+  // helperNotReachable.
+  bool hear(std::chrono::nanoseconds most);
 
  private:
   // The reply to the request just numbered: its error, if any, says that the operation was completed.
   [[nodiscard]] RpcReply exchange(const std::string& request);
-  // The answer to the latest request; pushes on the way are passed over.
+  // The answer to the latest request; pushes on the way go to the listener.
   [[nodiscard]] RpcIncoming receiveAnswer();
+  // What comes first; absent when nothing does in that time.
+  [[nodiscard]] std::optional<RpcIncoming> receive(std::chrono::nanoseconds most);
 
   const std::unique_ptr<ClientChannel> channel_;
   Clock& clock_;
   const AdmissionAdvice advice_;
   std::uint64_t lastId_ = 0;
   bool answered_ = false;
+  Listener* listener_ = nullptr;
 };
 
 // HelperAccess: the connection, made when it is first needed.

@@ -20,11 +20,6 @@ std::string flagsOf(const SnapshotRecord& snapshot) {
   return join(flags, ",");
 }
 
-std::string shownNameOf(const SnapshotRecord& snapshot, bool full) {
-  if (full) return snapshot.name;
-  return snapshot.displayName && !snapshot.displayName->empty() ? *snapshot.displayName : shortName(snapshot.name);
-}
-
 Table tableOf(const std::vector<SnapshotRecord>& snapshots, Clock& clock, bool full) {
   Table table{{{.head = "NAME", .mayBeCut = !full},
                {.head = "XID", .align = Column::Align::right},
@@ -34,7 +29,7 @@ Table tableOf(const std::vector<SnapshotRecord>& snapshots, Clock& clock, bool f
               {}};
   for (const SnapshotRecord& snapshot : snapshots) {
     const auto& bytes = snapshot.reclaimSizeBytes;
-    table.rows.push_back({{shownNameOf(snapshot, full), snapshot.name},
+    table.rows.push_back({{full ? snapshot.name : shownNameOf(snapshot), snapshot.name},
                           {std::to_string(snapshot.xid.value)},
                           {shownTime(clock, snapshot.createdAt), plainTime(clock, snapshot.createdAt)},
                           {flagsOf(snapshot), std::nullopt, snapshot.isProtected ? Tone::good : Tone::plain},

@@ -33,16 +33,19 @@ Cell detailOf(const HelperEvent& event) {
   return {std::string(restOf(event))};
 }
 
+// Names of snapshots fit into no column of such a terminal; their middle is what tells them apart.
+bool isNarrow(bool full, std::size_t width) { return !full && width > 0 && width < 100; }
+
 Table columnsOfLog(bool full, std::size_t width) {
   const bool mayBeCut = !full && width > 0;
-  const bool isNarrow = mayBeCut && width < 100;
-  return {{{.head = "TIME"},
-           {.head = "EVENT", .least = 16},
-           {.head = "BY", .mayBeCut = mayBeCut},
-           {.head = "VOLUME", .mayBeCut = mayBeCut, .mayBeLeft = isNarrow},
-           {.head = "SNAPSHOT", .mayBeCut = mayBeCut, .least = 30},
-           {.head = "DETAIL", .mayBeCut = mayBeCut, .least = 12}},
-          {}};
+  Table table{{{.head = "TIME"},
+               {.head = "EVENT", .least = 16},
+               {.head = "BY", .mayBeCut = mayBeCut},
+               {.head = "VOLUME", .mayBeCut = mayBeCut}},
+              {}};
+  if (!isNarrow(full, width)) table.columns.push_back({.head = "SNAPSHOT", .mayBeCut = mayBeCut, .least = 30});
+  table.columns.push_back({.head = "DETAIL", .mayBeCut = mayBeCut, .least = 12});
+  return table;
 }
 
 Table columnsOfNotices(bool full, std::size_t width) {
@@ -86,13 +89,12 @@ std::string LogPrinter::plainLine(const HelperEvent& event) const {
 
 LogRows::Row LogPrinter::rowOf(const HelperEvent& event) const {
   const std::string snapshot = event.snapshotName.value_or("");
-  LogRows::Row row{{{shownTime(clock_, event.timestamp)},
-                    {std::string(label(event.kind))},
-                    {who(event)},
-                    {event.volumeName},
-                    {full_ ? snapshot : shortName(snapshot)},
-                    detailOf(event)}};
-  if (!event.succeeded) row.below = {event.errorMessage.value_or(""), std::nullopt, Tone::bad};
+  LogRows::Row row{
+      {{shownTime(clock_, event.timestamp)}, {std::string(label(event.kind))}, {who(event)}, {event.volumeName}}};
+  std::vector<Cell>& namePlace = isNarrow(full_, output_.style().width) ? row.below : row.cells;
+  namePlace.push_back({full_ ? snapshot : shortName(snapshot)});
+  row.cells.push_back(detailOf(event));
+  if (!event.succeeded) row.below.push_back({event.errorMessage.value_or(""), std::nullopt, Tone::bad});
   return row;
 }
 
@@ -121,7 +123,7 @@ LogRows::Row NoticePrinter::rowOf(const HelperNotification& notice) const {
            {std::string(word(notice.category))},
            {notice.volumeName.value_or("")},
            {notice.title, std::nullopt, toneOf(notice)}},
-          {notice.message}};
+          {{notice.message}}};
 }
 
 }  // namespace quillmark::cli

@@ -49,8 +49,9 @@ void LogRows::layOut(const std::vector<Row>& rows) {
   }
   for (const Row& row : rows) {
     text_ += layout_->row(row.cells);
-    const Cell& below = row.below;
-    if (!below.text.empty()) text_ += "  " + toned(shownText(below.text), below.tone, output_.style().color) + "\n";
+    for (const Cell& below : row.below) {
+      if (!below.text.empty()) text_ += "  " + toned(shownText(below.text), below.tone, output_.style().color) + "\n";
+    }
   }
 }
 

@@ -16,7 +16,7 @@ class LogRows final {
  public:
   struct Row {
     std::vector<Cell> cells;
-    Cell below = {};  // stands below its line, where it isn't empty
+    std::vector<Cell> below = {};  // each stands on a line below, where it isn't empty
   };
 
   // The table gives the columns of a terminal.

@@ -47,6 +47,7 @@ PushLine scheduled(const Arguments& arguments) {
 }
 
 PushLine indexed(const Arguments& arguments) {
+  if (arguments.text(2) == "done") return {"index", arguments.text(0), "done"};
   return {"index", arguments.text(0),
           fmt::format("{} of {}: {} files", arguments.text(2), arguments.number(1), arguments.number(3))};
 }
@@ -70,6 +71,8 @@ PushLine notified(const Arguments& arguments) {
   return {"notice", notice.volumeUUID.value_or(""), notice.title + ": " + notice.message};
 }
 
+constexpr std::string_view indexProgress = "indexProgressWithVolumeUUID:snapshotXID:phase:filesScanned:";
+
 struct Form {
   std::string_view selector;
   PushLine (*lineOf)(const Arguments&);
@@ -77,7 +80,7 @@ struct Form {
 constexpr Form forms[] = {
     {"freeSpaceUpdateWithJsonStates:", freeSpace},
     {"scheduleEventWithVolumeUUID:cadenceRaw:eventRaw:message:", scheduled},
-    {"indexProgressWithVolumeUUID:snapshotXID:phase:filesScanned:", indexed},
+    {indexProgress, indexed},
     {"snapshotSizesUpdateWithVolumeUUID:jsonSizes:", measured},
     {"monitorAlarmWithVolumeUUID:volumeName:rootPath:eventCount:windowSeconds:snapshotName:snapshotError:", alarmed},
     {"snapshotsChangedWithVolumeUUID:", changed},
@@ -96,6 +99,18 @@ PushLine lineOf(const RpcIncoming& push) {
     // Another release's, or damaged: shown as it came.
   }
   return {push.selector, "", push.params};
+}
+
+std::optional<IndexPush> indexPushIn(const RpcIncoming& push) {
+  if (push.selector != indexProgress) return std::nullopt;
+  try {
+    const ParsedJson params(push.params);
+    const json::array& arguments = params.value().as_array();
+    return IndexPush{std::string(arguments.at(0).as_string()), Xid{arguments.at(1).to_number<std::uint64_t>()},
+                     std::string(arguments.at(2).as_string()), arguments.at(3).to_number<std::int64_t>()};
+  } catch (const std::exception&) {
+    return std::nullopt;
+  }
 }
 
 }  // namespace quillmark::cli

@@ -10,12 +10,30 @@
 namespace quillmark::cli {
 namespace {
 
+constexpr std::size_t usualColumns = 80;
+
 int runInvocation(const Invocation& invocation, World& world, Output& output) {
   const auto advice = [&] { return adviceOnAdmission(world.admission(), world.paths.helperLog); };
   HelperAccess helper([&] { return world.connect(invocation.socket); }, world.clock, advice);
-  CommandContext context{helper,        world.volumes,     world.clock, output,
-                         world.paths,   world.busy,        world.posix, world.random,
-                         world.confirm, world.waitForMore, world.input, world.endAtInterrupt};
+  const auto liveLine = [&]() -> std::unique_ptr<LiveLine> {
+    if (!world.terminal.errorsIsTerminal || !world.terminal.obeysEscapes) return nullptr;
+    return std::make_unique<LiveLine>(world.sink, world.terminal.columns > 0 ? world.terminal.columns : usualColumns);
+  };
+  CommandContext context{helper,
+                         world.volumes,
+                         world.clock,
+                         output,
+                         world.paths,
+                         world.busy,
+                         world.posix,
+                         world.random,
+                         world.confirm,
+                         world.waitForMore,
+                         world.input,
+                         world.endAtInterrupt,
+                         world.leaveIndexingAtInterrupt,
+                         world.page,
+                         liveLine};
   return std::visit([&](const auto& request) { return run(context, request); }, invocation.request);
 }
 

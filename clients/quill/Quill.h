@@ -36,7 +36,9 @@ struct World {
   std::function<bool()> waitForMore;
   std::function<std::string()> input;
   std::function<void()> endAtInterrupt;
+  std::function<void()> leaveIndexingAtInterrupt;
   std::function<Admission()> admission;
+  std::function<std::shared_ptr<void>()> page;
 };
 
 // Arguments as bytes, without the program's name.

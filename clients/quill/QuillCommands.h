@@ -13,6 +13,7 @@
 #include "platform/random.h"
 #include "quill/CommandLine.h"
 #include "quill/HelperConnection.h"
+#include "quill/LiveLine.h"
 #include "quill/LocalVolumes.h"
 #include "quill/Output.h"
 
@@ -36,12 +37,20 @@ struct CommandContext {
   std::function<std::string()> input;
   // From here on an interrupt ends the process, and is no failure.
   std::function<void()> endAtInterrupt;
+  // From here on an interrupt ends the process with exit code 130, and says that indexing goes on.
+  std::function<void()> leaveIndexingAtInterrupt;
+  // From here on standard output goes page by page, as long as the result lives; null where nothing changes.
+  std::function<std::shared_ptr<void>()> page;
+  // Null where nobody would see it.
+  std::function<std::unique_ptr<LiveLine>()> liveLine;
 };
 
 [[nodiscard]] int run(CommandContext& context, const VolumesRequest& request);
 [[nodiscard]] int run(CommandContext& context, const ListRequest& request);
 [[nodiscard]] int run(CommandContext& context, const CreateRequest& request);
 [[nodiscard]] int run(CommandContext& context, const SafetyRequest& request);
+[[nodiscard]] int run(CommandContext& context, const IndexRequest& request);
+[[nodiscard]] int run(CommandContext& context, const DiffRequest& request);
 [[nodiscard]] int run(CommandContext& context, const DeleteRequest& request);
 [[nodiscard]] int run(CommandContext& context, const ProtectRequest& request);
 [[nodiscard]] int run(CommandContext& context, const TagRequest& request);

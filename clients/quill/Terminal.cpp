@@ -59,6 +59,12 @@ int writeAll(int fd, std::string_view text) {
   return 0;
 }
 
+void onInterrupt(void (*handler)(int)) {
+  struct sigaction action = {};
+  action.sa_handler = handler;
+  for (const int signal : {SIGINT, SIGTERM, SIGHUP}) ::sigaction(signal, &action, nullptr);
+}
+
 }  // namespace
 
 void requireStandardDescriptors() {
@@ -108,9 +114,16 @@ std::string standardInput() {
 }
 
 void endAtInterrupt() {
-  struct sigaction action = {};
-  action.sa_handler = [](int) { ::_exit(exitDone); };
-  for (const int signal : {SIGINT, SIGTERM, SIGHUP}) ::sigaction(signal, &action, nullptr);
+  onInterrupt([](int) { ::_exit(exitDone); });
+}
+
+void leaveIndexingAtInterrupt() {
+  onInterrupt([](int) {
+    // A line that was being drawn ends where it is.
+    constexpr std::string_view words = "\nquill: The helper goes on indexing. See: quill index status\n";
+    (void)!::write(STDERR_FILENO, words.data(), words.size());
+    ::_exit(exitInterrupted);
+  });
 }
 
 std::function<bool(const std::string&)> personToAsk(TextSink& sink, const TerminalFacts& facts) {

@@ -29,6 +29,8 @@ class DescriptorSink final : public TextSink {
 
 // From here on SIGINT, SIGTERM and SIGHUP end the process with exit code 0: what was written stands, nothing waits.
 void endAtInterrupt();
+// From here on they say that indexing goes on without us, and end the process with exit code 130.
+void leaveIndexingAtInterrupt();
 
 // Asks with a text that was made harmless, and reads a line: true for "y" and "yes". Empty unless somebody sits at
 // standard input and sees one of the other two. Borrows the sink.

@@ -21,6 +21,12 @@ bool isObeyed(char32_t scalar) {
          u_hasBinaryProperty(code, UCHAR_BIDI_CONTROL);
 }
 
+// How many bytes in front no terminal obeys and no escape begins with.
+std::size_t harmlessFront(std::string_view text) {
+  const auto isPlain = [](char c) { return c >= ' ' && c <= '~'; };
+  return static_cast<std::size_t>(std::find_if_not(text.begin(), text.end(), isPlain) - text.begin());
+}
+
 // Appends the step at `at`, written out when a terminal would obey it.
 void appendShown(std::string& shown, std::string_view text, std::size_t at, const Utf8Step& step) {
   if (!step.scalar) {
@@ -75,6 +81,7 @@ std::string_view back(std::string_view text, std::size_t width) {
 }  // namespace
 
 std::string shownText(std::string_view text) {
+  if (harmlessFront(text) == text.size()) return std::string(text);
   const std::string named = displayName(text);
   std::string shown;
   for (std::size_t at = 0; at < named.size();) {
@@ -106,6 +113,10 @@ std::string shownJson(std::string_view json) {
   std::string shown;
   shown.reserve(json.size());
   for (std::size_t at = 0; at < json.size();) {
+    const std::size_t harmless = harmlessFront(json.substr(at));
+    shown.append(json, at, harmless);
+    at += harmless;
+    if (at == json.size()) break;
     const Utf8Step step = decodeUtf8(json, at);
     const bool blank = json[at] == '\n' || json[at] == '\t' || json[at] == '\r';
     if (step.scalar && isObeyed(*step.scalar) && !blank) {

@@ -40,7 +40,7 @@ std::unique_ptr<os::LinuxClock> personsClock() {
   return std::make_unique<os::LinuxClock>();
 }
 
-int start(const std::vector<std::string>& arguments, EarlyConnection early, HostPaths paths) {
+int start(const std::vector<std::string>& arguments, EarlyConnection early, HostPaths paths, const PagerWish& pager) {
   paths.diskutil = os::programDirectory() + "/diskutil";
   const auto clock = personsClock();
   os::LinuxDispatch dispatch(*clock);
@@ -76,7 +76,9 @@ int start(const std::vector<std::string>& arguments, EarlyConnection early, Host
               .waitForMore = waitForMore,
               .input = standardInput,
               .endAtInterrupt = endAtInterrupt,
-              .admission = admissionHere};
+              .leaveIndexingAtInterrupt = leaveIndexingAtInterrupt,
+              .admission = admissionHere,
+              .page = [&] { return terminal.obeysEscapes ? startPager(pager) : nullptr; }};
   return runQuill(arguments, world);
 }
 
@@ -86,12 +88,12 @@ int start(const std::vector<std::string>& arguments, EarlyConnection early, Host
 int main(int count, char** words) {
   using namespace quillmark;
   cli::requireStandardDescriptors();
-  cli::keepHarmlessEnvironment();
+  const cli::PagerWish pager = cli::keepHarmlessEnvironment();
   HostPaths paths;
   cli::EarlyConnection early = cli::connectAndDropGroup(paths.socket);
   ::signal(SIGPIPE, SIG_IGN);
   try {
-    return cli::start({words + std::min(count, 1), words + count}, std::move(early), std::move(paths));
+    return cli::start({words + std::min(count, 1), words + count}, std::move(early), std::move(paths), pager);
   } catch (const std::exception& failure) {
     std::fprintf(stderr, "quill: %s\n", failure.what());
     return cli::exitFailed;

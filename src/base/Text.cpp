@@ -5,6 +5,7 @@
 namespace quillmark {
 namespace {
 
+bool isAscii(char byte) { return static_cast<signed char>(byte) >= 0; }
 bool isContinuation(unsigned char byte) { return (byte & 0xC0) == 0x80; }
 
 char asciiLowered(char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c; }
@@ -64,6 +65,7 @@ bool isValidUtf8(std::string_view text) {
 }
 
 std::string repairUtf8(std::string_view bytes) {
+  if (std::all_of(bytes.begin(), bytes.end(), isAscii)) return std::string(bytes);
   std::string text;
   text.reserve(bytes.size());
   for (std::size_t at = 0; at < bytes.size();) {

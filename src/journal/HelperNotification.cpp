@@ -1,5 +1,6 @@
 #include "journal/HelperNotification.h"
 
+#include "base/Uuid.h"
 #include "wire/RecordCoding.h"
 
 namespace quillmark {
@@ -65,6 +66,9 @@ struct Description<HelperNotification> {
   static constexpr DateStyle dateStyle = DateStyle::iso8601;
   static void fields(auto& field, auto& notification) {
     field("id", notification.id);
+    if constexpr (!std::is_const_v<std::remove_reference_t<decltype(notification)>>) {
+      if (!Uuid::parse(notification.id)) throw malformedJson("$.id", "is no UUID");
+    }
     field("timestamp", notification.timestamp);
     lenientWord(field, "kind", notification.kind);
     field.lenient("title", notification.title);

@@ -44,7 +44,8 @@ bool HelperNotifications::notePosted(const std::string& key, Seconds cooldown) {
   loadLocked();
   const Date now = clock_.now();
   const auto [entry, isNew] = lastPostedByKey_.try_emplace(key, now);
-  if (!isNew && now - entry->second < cooldown) return false;
+  // A date ahead of a clock that was set back holds nothing back.
+  if (!isNew && now >= entry->second && now - entry->second < cooldown) return false;
   entry->second = now;
   saveLocked();
   return true;
@@ -61,12 +62,25 @@ void HelperNotifications::deliver(const HelperNotification& notification) {
 }
 
 void HelperNotifications::resolve(const std::string& key, const std::string& title, const std::string& message) {
-  {
-    MutexLock lock(lock_);
-    loadLocked();
-    lastPostedByKey_.erase(key);
-    saveLocked();
-  }
+  forget(key);
+  deliverResolution(key, title, message);
+}
+
+void HelperNotifications::resolveIfActive(const std::string& key, const std::string& title,
+                                          const std::string& message) {
+  if (forget(key)) deliverResolution(key, title, message);
+}
+
+bool HelperNotifications::forget(const std::string& key) {
+  MutexLock lock(lock_);
+  loadLocked();
+  const bool wasActive = lastPostedByKey_.erase(key) > 0;
+  saveLocked();
+  return wasActive;
+}
+
+void HelperNotifications::deliverResolution(const std::string& key, const std::string& title,
+                                            const std::string& message) {
   HelperNotification resolution;
   resolution.id = random_.uuid().upper();
   resolution.timestamp = clock_.now();

@@ -46,12 +46,17 @@ class HelperNotifications final {
   void deliver(const HelperNotification& notification);
   // Forgets the key, so that the condition is announced at once when it returns, and delivers its end.
   void resolve(const std::string& key, const std::string& title, const std::string& message) EXCLUDES(lock_);
+  // The same, unless the key isn't active: of several who find a condition over, one says so.
+  void resolveIfActive(const std::string& key, const std::string& title, const std::string& message) EXCLUDES(lock_);
   // True while the key was posted and not resolved.
   [[nodiscard]] bool isActive(const std::string& key) EXCLUDES(lock_);
   // To email alone.
   void offer(const HelperNotification& notification);
 
  private:
+  // True when it was active.
+  bool forget(const std::string& key) EXCLUDES(lock_);
+  void deliverResolution(const std::string& key, const std::string& title, const std::string& message);
   void loadLocked() REQUIRES(lock_);
   void saveLocked() REQUIRES(lock_);
   // Notes that the key is posted now; false within the cooldown.

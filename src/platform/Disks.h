@@ -12,6 +12,7 @@
 
 #include "base/UniqueFunction.h"
 #include "base/Uuid.h"
+#include "platform/MountLease.h"
 
 namespace quillmark {
 
@@ -44,7 +45,12 @@ struct VolumeCapacities {
 
 // Something was mounted, is no longer mounted, or is mounted otherwise than before.
 struct DiskEvent {
-  enum class Kind { appeared, disappeared, descriptionChanged } kind = Kind::appeared;
+  enum class Kind {
+    appeared,
+    disappeared,
+    descriptionChanged,
+    servedElsewhere,  // no disk at all: a network's or FUSE's file system was mounted, and nothing more is known of it
+  } kind = Kind::appeared;
   std::optional<std::string> volumePath;  // of what disappeared: where it was
   std::optional<std::string> volumeKind;
   std::optional<std::string> mediaBsdName;
@@ -74,10 +80,16 @@ class Disks {
   [[nodiscard]] virtual std::optional<std::vector<std::string>> mediaBsdNames() = 0;
   [[nodiscard]] virtual VolumeCapacities capacities(const std::string& volumePath) = 0;
   // What happens to mounts of disks' file systems from now on, one event for each mount; those of other kinds
-  // (containers', networks', the kernel's own) and of parts of a file system make none. The handler runs on the queue,
-  // which has to be serial. Null when the platform can't watch.
+  // (containers', the kernel's own) and of parts of a file system make none, those served elsewhere one when they come. The
+  // handler runs on the queue, which has to be serial. Null when the platform can't watch.
   [[nodiscard]] virtual std::unique_ptr<DiskWatch> watch(Dispatch& dispatch, std::shared_ptr<Queue> queue,
                                                          DiskEventHandler handler) = 0;
+  // A lease on the file system mounted at this mount point, for a mount of ours below the private root: the handler runs
+  // on the queue, once, when the last mount of it that lies elsewhere is gone. Null when nothing is mounted there, or
+  // when the platform can't watch.
+  [[nodiscard]] virtual std::unique_ptr<MountLease> lease(Dispatch& dispatch, std::shared_ptr<Queue> queue,
+                                                          const std::string& mountPoint, const std::string& privateRoot,
+                                                          UniqueFunction<void()> onRevoked) = 0;
 };
 
 }  // namespace quillmark

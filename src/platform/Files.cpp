@@ -4,6 +4,7 @@
 #include <vector>
 
 #include "base/Error.h"
+#include "base/Uuid.h"
 #include "platform/posix.h"
 #include "platform/random.h"
 
@@ -13,6 +14,7 @@ namespace {
 
 // Parents belong to the machine, not to us.
 constexpr std::uint32_t parentMode = 0755;
+constexpr std::string_view temporaryMark = ".tmp.";
 
 }  // namespace
 
@@ -94,7 +96,7 @@ void writeTemporary(Posix& posix, const std::string& path, std::string_view data
 }  // namespace
 
 void writeAtomically(Posix& posix, Random& random, const std::string& path, std::string_view data, std::uint32_t mode) {
-  const std::string temporary = path + ".tmp." + random.uuid().lower();
+  const std::string temporary = path + std::string(temporaryMark) + random.uuid().lower();
   try {
     writeTemporary(posix, temporary, data, mode);
     if (const SysStatus renamed = posix.rename(temporary, path); !renamed) {
@@ -105,6 +107,14 @@ void writeAtomically(Posix& posix, Random& random, const std::string& path, std:
     throw;
   }
   syncNamesIn(posix, parentDirectory(path));
+}
+
+bool isTemporaryName(std::string_view name) {
+  const auto mark = name.rfind(temporaryMark);
+  if (mark == std::string_view::npos || mark == 0) return false;
+  const std::string_view tail = name.substr(mark + temporaryMark.size());
+  const std::optional<Uuid> uuid = Uuid::parse(tail);
+  return uuid && uuid->lower() == tail;
 }
 
 void setAttributes(Posix& posix, const std::string& path, std::uint32_t mode, Ownership owner) {

@@ -39,6 +39,9 @@ void syncNamesIn(Posix& posix, const std::string& path);
 // may hold the new content then if only the directory couldn't be synced.
 void writeAtomically(Posix& posix, Random& random, const std::string& path, std::string_view data, std::uint32_t mode);
 
+// Whether this is the name of such a temporary file. One that is there when nobody writes was left by a process that died.
+[[nodiscard]] bool isTemporaryName(std::string_view name);
+
 // Sets mode and owner.
 void setAttributes(Posix& posix, const std::string& path, std::uint32_t mode, Ownership owner = {});
 

@@ -8,17 +8,20 @@
 namespace quillmark {
 
 class Clock;
+class DirectoryReader;
 class Disks;
 class Dispatch;
 class FileWork;
 class PeerIdentities;
 class PlatformLog;
 class Posix;
+class PowerSources;
 class Processes;
 class PropertyLists;
 class Random;
 class SnapshotCalls;
 class ThisProcess;
+class ThreadIdentity;
 class TransportListener;
 class Users;
 class VolumeAttributes;
@@ -39,6 +42,9 @@ struct Platform {
   PlatformLog& log;
   ThisProcess& process;
   Users& users;
+  PowerSources& power;
+  DirectoryReader& directories;
+  ThreadIdentity& threadIdentities;
   HostPaths paths;
   Bundle bundle;
 };

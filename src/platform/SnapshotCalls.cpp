@@ -42,6 +42,14 @@ void writeRecord(const SnapshotListEntry& entry, std::span<std::byte> into) {
 
 bool SnapshotCalls::waitForSpace(const std::string&, std::chrono::nanoseconds) { return true; }
 
+SysResult<std::map<Xid, std::uint64_t>> SnapshotCalls::changedSnapshots(OpenVolume&) {
+  return std::map<Xid, std::uint64_t>();
+}
+
+SysResult<std::uint64_t> SnapshotCalls::lastChange(const std::string&) { return std::uint64_t{0}; }
+
+SysResult<UnservedSubvolumes> SnapshotCalls::unservedSubvolumes(OpenVolume&) { return UnservedSubvolumes(); }
+
 SysResult<int> writeSnapshotRecords(std::span<const SnapshotListEntry> entries, std::size_t& next,
                                     const AttributeList& attributes, std::span<std::byte> buffer) {
   if (attributes.bitmapCount != bitmapCount || attributes.common != allAttributes) return Errno{EINVAL};

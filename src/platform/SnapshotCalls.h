@@ -8,13 +8,16 @@
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
+#include <map>
 #include <memory>
 #include <span>
 #include <string>
+#include <vector>
 
 #include "base/SysResult.h"
 #include "base/Uuid.h"
 #include "base/Xid.h"
+#include "platform/UnservedSubvolumes.h"
 
 namespace quillmark {
 
@@ -99,9 +102,18 @@ class SnapshotCalls {
   // With force the path goes at once; who has files open there goes on reading.
   [[nodiscard]] virtual SysStatus unmount(const std::string& path, bool force) = 0;
   [[nodiscard]] virtual SysResult<FileSystemStatus> statfs(const std::string& path) = 0;
+  // The same of every mounted volume and snapshot.
+  [[nodiscard]] virtual SysResult<std::vector<FileSystemStatus>> getmntinfo() = 0;
   // Waits until the space of the snapshots that were deleted on the volume mounted there is back, or can't be got back
   // now; false when the time passed first. At once where deleting gives it back.
   [[nodiscard]] virtual bool waitForSpace(const std::string& mountPoint, std::chrono::nanoseconds duration);
+  // Snapshots that somebody wrote to after they were made, by making them writable for a while: the number of the last
+  // change, which ascends. What was done in the last half minute may be missing.
+  [[nodiscard]] virtual SysResult<std::map<Xid, std::uint64_t>> changedSnapshots(OpenVolume& volume);
+  // The same of the snapshot mounted there, as it is now; 0 when it is as it was made.
+  [[nodiscard]] virtual SysResult<std::uint64_t> lastChange(const std::string& path);
+  // What listings of snapshots don't tell; empty where there can be no such thing.
+  [[nodiscard]] virtual SysResult<UnservedSubvolumes> unservedSubvolumes(OpenVolume& volume);
 };
 
 }  // namespace quillmark

@@ -4,21 +4,17 @@
 #include "base/Text.h"
 #include "platform/dispatch.h"
 #include "snapshots/MountNames.h"
-#include "snapshots/MountPinRegistry.h"
 
 namespace quillmark {
 
 DiskEventHandler::DiskEventHandler(const SchedulerServices& services) : services_(services), log_(services.dispatch) {}
 
-bool DiskEventHandler::isUserMountOfSnapshot(const std::string& path) const {
-  return path.starts_with(services_.paths.userMountRoot + "/") && path.find("@snap-") != std::string::npos;
-}
-
 bool DiskEventHandler::isSnapshotMountEvent(const DiskEvent& event) const {
   if (!event.volumePath) return false;
   const std::string& path = *event.volumePath;
   const std::string& root = services_.paths.userMountRoot;
-  if (path.starts_with(services_.paths.privateMountRoot + "/") || isUserMountOfSnapshot(path) ||
+  if (path.starts_with(services_.paths.privateMountRoot + "/") ||
+      (path.starts_with(root + "/") && path.find("@snap-") != std::string::npos) ||
       path.starts_with(root + "/com.apple.TimeMachine.localsnapshots/") || path.starts_with(root + "/.timemachine/")) {
     return true;
   }
@@ -27,6 +23,10 @@ bool DiskEventHandler::isSnapshotMountEvent(const DiskEvent& event) const {
 }
 
 bool DiskEventHandler::handle(const DiskEvent& event) {
+  if (event.kind == DiskEvent::Kind::servedElsewhere) {
+    if (services_.foreignAppeared) services_.foreignAppeared(event.volumePath.value_or(""));
+    return false;
+  }
   if (event.kind != DiskEvent::Kind::disappeared && isSnapshotMountEvent(event)) return false;
   if (services_.invalidateVolumeList) services_.invalidateVolumeList();
   if (const auto line = log_.line(event, services_.dispatch.clock().now())) services_.log.info(*line);
@@ -34,14 +34,6 @@ bool DiskEventHandler::handle(const DiskEvent& event) {
     services_.volumeAppeared(event.volumePath.value_or(""));
   }
   return true;
-}
-
-std::optional<std::string> DiskEventHandler::unmountDissent(const std::string& path) const {
-  if (!isUserMountOfSnapshot(path)) return std::nullopt;
-  const auto reason = services_.mountPins.activeReason(path);
-  if (!reason) return std::nullopt;
-  return "Quillmark: this snapshot is in use (" + *reason +
-         "). Close the window using it, or wait for the operation to finish, then eject again.";
 }
 
 }  // namespace quillmark

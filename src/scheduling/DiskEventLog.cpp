@@ -9,7 +9,7 @@
 namespace quillmark {
 
 std::string_view word(DiskEvent::Kind kind) {
-  constexpr std::array words{"disk-appeared", "disk-disappeared", "disk-description-changed"};
+  constexpr std::array words{"disk-appeared", "disk-disappeared", "disk-description-changed", "served-elsewhere"};
   return words.at(static_cast<std::size_t>(kind));
 }
 

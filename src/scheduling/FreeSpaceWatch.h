@@ -1,5 +1,5 @@
 // FreeSpaceWatch: measures all volumes, tells clients, warns early, and sends the low-space pass where it may run.
-// Threads: tick() is confined to the scheduler's queue; states() is thread-safe.
+// Threads: confined to the scheduler's queue.
 #pragma once
 
 #include <functional>

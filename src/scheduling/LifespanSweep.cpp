@@ -2,6 +2,7 @@
 
 #include <fmt/format.h>
 
+#include "platform/SnapshotCalls.h"
 #include "platform/dispatch.h"
 #include "scheduling/PeopleText.h"
 #include "scheduling/SchedulePersistence.h"
@@ -58,6 +59,7 @@ void LifespanSweep::run(const VolumeInfo& volume) {
 
 std::size_t LifespanSweep::remove(const VolumeInfo& volume, const std::vector<PruneRules::Snap>& expired,
                                   std::size_t remaining, std::int64_t safetyHours) {
+  const std::unique_ptr<DeletionBatch> deletions = services_.calls.beginDeletions();
   int deleted = 0;
   std::size_t automatic = 0;
   for (const PruneRules::Snap& snap : expired) {

@@ -11,6 +11,7 @@
 #include "scheduling/PeopleText.h"
 #include "scheduling/SchedulePersistence.h"
 #include "scheduling/SnapshotInventory.h"
+#include "snapshots/DiskutilFacts.h"
 
 namespace quillmark {
 namespace {
@@ -23,6 +24,11 @@ bool startsWithKind(std::string_view name, std::string_view kind) {
   return name.starts_with(std::string(SnapshotNameInfo::prefix) + std::string(kind) + ".");
 }
 
+// What deletions give back is there for all volumes of a container.
+std::string spaceOf(const VolumeInfo& volume) {
+  return volume.bsdName.empty() ? volume.key().text() : containerBSDName(volume.bsdName);
+}
+
 }  // namespace
 
 std::string_view word(PruneKind kind) { return pruneKindWords.at(static_cast<std::size_t>(kind)); }
@@ -32,9 +38,11 @@ PruneKind pruneKind(std::string_view name) {
   return SnapshotNameInfo::isOwned(name) ? PruneKind::automatic : PruneKind::foreign;
 }
 
-void LowSpacePass::run(const std::string& uuid) {
+void LowSpacePass::run(const std::string& uuid, Work again) {
   const auto volume = schedulableVolume(services_.apfs, uuid);
   if (!volume) return;
+  const auto turn = turns_.take(spaceOf(*volume), std::move(again));
+  if (!turn) return;
   // Read again: the pass may have waited, and the user changed his mind.
   const SchedulePolicy policy = services_.schedules.policy(volume->key());
   if (!policy.pruneOnLowSpace || policy.tracked == false) return;

@@ -13,6 +13,7 @@
 #include "scheduling/FreeSpaceMeter.h"
 #include "scheduling/ScheduleEvents.h"
 #include "scheduling/SnapshotDeleter.h"
+#include "scheduling/SpaceTurns.h"
 #include "scheduling/rules/PruneRules.h"
 #include "scheduling/rules/SchedulePolicy.h"
 
@@ -33,9 +34,11 @@ class LowSpacePass final {
 
   LowSpacePass(const SchedulerServices& services, const DeletionGate& gate, FreeSpaceMeter& meter,
                const SnapshotDeleter& deleter, ScheduleEvents& events)
-      : services_(services), gate_(gate), meter_(meter), deleter_(deleter), events_(events) {}
+      : services_(services), gate_(gate), meter_(meter), deleter_(deleter), events_(events), turns_(services.dispatch) {
+  }
 
-  void run(const std::string& uuid);
+  // Calls `again`, when it could be this volume's turn, if now it is the turn of another that shares its space.
+  void run(const std::string& uuid, Work again);
 
  private:
   struct Run {
@@ -67,6 +70,7 @@ class LowSpacePass final {
   FreeSpaceMeter& meter_;
   const SnapshotDeleter& deleter_;
   ScheduleEvents& events_;
+  SpaceTurns turns_;
 };
 
 }  // namespace quillmark

@@ -2,6 +2,7 @@
 
 #include <fmt/format.h>
 
+#include "platform/SnapshotCalls.h"
 #include "scheduling/SnapshotInventory.h"
 #include "snapshots/SnapshotMutationScope.h"
 
@@ -21,11 +22,11 @@ std::string reasonFor(const std::string& name) {
 class QuietBatch final {
  public:
   QuietBatch(const SchedulerServices& services, const std::string& volumeUUID)
-      : services_(services), volumeUUID_(volumeUUID) {
+      : services_(services), volumeUUID_(volumeUUID), deletions_(services.calls.beginDeletions()) {
     services_.mutations.enter(volumeUUID_);
   }
   ~QuietBatch() {
-    if (services_.mutations.leave(volumeUUID_) && changed) services_.scheduleSnapshotsChanged(volumeUUID_);
+    if (services_.mutations.leave(volumeUUID_, changed)) services_.scheduleSnapshotsChanged(volumeUUID_);
   }
   QuietBatch(const QuietBatch&) = delete;
   QuietBatch& operator=(const QuietBatch&) = delete;
@@ -35,6 +36,7 @@ class QuietBatch final {
  private:
   const SchedulerServices& services_;
   const std::string volumeUUID_;
+  const std::unique_ptr<DeletionBatch> deletions_;
 };
 
 }  // namespace

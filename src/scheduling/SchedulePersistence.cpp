@@ -40,6 +40,21 @@ std::map<std::string, SchedulePolicy> SchedulePersistence::allPolicies() {
 SchedulePolicy SchedulePersistence::setPolicy(const VolumeUuid& volume, const SchedulePolicy& policy) {
   MutexLock lock(lock_);
   loadLocked();
+  return setLocked(volume, policy);
+}
+
+SchedulePolicy SchedulePersistence::stampAndSetPolicy(const VolumeUuid& volume, const SchedulePolicy& policy,
+                                                      Date now) {
+  MutexLock lock(lock_);
+  loadLocked();
+  std::optional<SchedulePolicy> previous;
+  if (const auto stored = policies_.find(volume.text()); stored != policies_.end()) {
+    previous = stored->second.normalized();
+  }
+  return setLocked(volume, policy.stamped(previous, now));
+}
+
+SchedulePolicy SchedulePersistence::setLocked(const VolumeUuid& volume, const SchedulePolicy& policy) {
   if (loadFailureDescription_) {
     throw QuillmarkError::make(QuillmarkErrorCode::internalError,
                                "Schedule storage is degraded and cannot be overwritten: " + *loadFailureDescription_);

@@ -32,12 +32,16 @@ class SchedulePersistence final : public PolicySource {
   [[nodiscard]] std::map<std::string, SchedulePolicy> allPolicies() override EXCLUDES(lock_);
   // Answers what was stored: the policy, normalized. Throws Error, and then the old one stays in force.
   SchedulePolicy setPolicy(const VolumeUuid& volume, const SchedulePolicy& policy) EXCLUDES(lock_);
+  // The same with a client's policy, which is stamped by the stored one: one step, so that two clients at once don't
+  // both go by the same old one.
+  SchedulePolicy stampAndSetPolicy(const VolumeUuid& volume, const SchedulePolicy& policy, Date now) EXCLUDES(lock_);
   // Absent while the store is whole.
   [[nodiscard]] std::optional<std::string> loadFailureDescription() EXCLUDES(lock_);
 
  private:
   using Policies = std::map<std::string, SchedulePolicy>;
 
+  [[nodiscard]] SchedulePolicy setLocked(const VolumeUuid& volume, const SchedulePolicy& policy) REQUIRES(lock_);
   void loadLocked() REQUIRES(lock_);
   // False when there is a file that can't be read.
   [[nodiscard]] bool readLocked() REQUIRES(lock_);

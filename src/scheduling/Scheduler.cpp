@@ -132,9 +132,20 @@ void Scheduler::passAll(const std::vector<APFSVolume>& volumes) {
 }
 
 void Scheduler::freeSpaceTick(FreeSpaceTickReason reason) {
-  freeSpaceWatch_.tick(reason, [this](const std::string& uuid) {
-    onVolume(uuid, Job::lowSpacePass, [this, uuid] { lowSpacePass_.run(uuid); });
+  freeSpaceWatch_.tick(reason, [this](const std::string& uuid) { queueLowSpacePass(uuid); });
+}
+
+void Scheduler::queueLowSpacePass(const std::string& uuid) {
+  onVolume(uuid, Job::lowSpacePass, [this, uuid] {
+    lowSpacePass_.run(uuid, [weak = weak_from_this(), uuid] {
+      const auto self = weak.lock();
+      if (self && self->isRunning()) self->queueLowSpacePass(uuid);
+    });
   });
+}
+
+bool Scheduler::isRunning() {
+  return timers_.with([](const Timers& timers) { return timers.freeSpace != nullptr; });
 }
 
 void Scheduler::diskEvent(const DiskEvent& event) {

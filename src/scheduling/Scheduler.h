@@ -43,10 +43,6 @@ class Scheduler final : public std::enable_shared_from_this<Scheduler> {
   void bumpGeneration(const std::string& volumeUUID);
 
   [[nodiscard]] std::vector<VolumeFreeSpaceState> freeSpaceStates() { return meter_.states(); }
-  // See DiskEventHandler.
-  [[nodiscard]] std::optional<std::string> unmountDissent(const std::string& path) const {
-    return diskEvents_.unmountDissent(path);
-  }
 
  private:
   enum class Job { volumePass, lifespanSweep, lowSpacePass };
@@ -72,6 +68,8 @@ class Scheduler final : public std::enable_shared_from_this<Scheduler> {
   void timedFreeSpaceTick() { freeSpaceTick(FreeSpaceTickReason::timer); }
   void eventFreeSpaceTick() { freeSpaceTick(FreeSpaceTickReason::diskEvent); }
   void diskEvent(const DiskEvent& event);
+  void queueLowSpacePass(const std::string& uuid);
+  [[nodiscard]] bool isRunning();
   // On the volume's queue. One that still waits there is replaced: a volume that doesn't answer gathers no backlog.
   void onVolume(const std::string& volumeUUID, Job job, Work work);
   void runJob(const JobKey& key);

@@ -19,7 +19,6 @@ class AuditTrail;
 class Disks;
 class Dispatch;
 class HelperLog;
-class MountPinRegistry;
 class PlatformLog;
 class Random;
 class ScheduleEventNotifier;
@@ -49,7 +48,6 @@ struct SchedulerServices {
   APFSManager& apfs;
   VolumeQueueRegistry& volumeQueues;
   SnapshotMutationScope& mutations;
-  MountPinRegistry& mountPins;
   SnapshotProtection& protection;
   SnapshotDisplayNames& names;
   SnapshotTags& tags;
@@ -72,6 +70,8 @@ struct SchedulerServices {
   std::function<void()> invalidateVolumeList;
   // A file system was mounted: the volume layer hears of it, and history looks for work.
   std::function<void(const std::string& volumePath)> volumeAppeared;
+  // One was that no disk holds.
+  std::function<void(const std::string& path)> foreignAppeared = {};
 };
 
 }  // namespace quillmark

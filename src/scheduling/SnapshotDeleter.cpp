@@ -31,6 +31,8 @@ bool SnapshotDeleter::remove(const VolumeInfo& volume, const std::string& name, 
                               fmt::format("{} {}: {}", what, name, why));
   };
   const Target target{volume, name, xid};
+  // Before any lock: what reads it for the index stands aside.
+  const auto claim = services_.history ? services_.history->claim(volume.key(), name) : nullptr;
   try {
     removeUnlessProtected(target);
   } catch (const std::exception& exception) {

@@ -48,6 +48,8 @@ std::optional<std::string> CommandRun::item(const std::string& failureWords, Aud
   }
 }
 
+void CommandRun::refuse(const Error& error) { send({std::nullopt, error}); }
+
 void CommandRun::fail(const Error& error) {
   environment().log.error(command_ + " failed: " + error.description());
   if (!send_) return;  // answered already: what failed came after the command

@@ -38,6 +38,8 @@ class CommandRun final {
   [[nodiscard]] std::optional<std::string> item(const std::string& failureWords, AuditDraft draft,
                                                 FunctionRef<void(AuditAttempt&)> work);
 
+  // For a client that isn't let in: answers, and leaves no trace but the entry line.
+  void refuse(const Error& error);
   // The failure exit.
   void fail(const Error& error);
 

@@ -1,13 +1,13 @@
 #include <fmt/format.h>
 
 #include "base/HelperLog.h"
+#include "history/SnapshotHistoryManager.h"
 #include "platform/SnapshotCalls.h"
 #include "service/Handlers.h"
 #include "service/HelperEnvironment.h"
 #include "service/HelperService.h"
 #include "service/Validation.h"
 #include "snapshots/Refusals.h"
-#include "snapshots/SnapshotHistory.h"
 #include "wire/Json.h"
 #include "wire/QuillmarkError.h"
 
@@ -63,6 +63,7 @@ Xid deleteUnlessProtected(CommandRun& run, const Target& target, const std::stri
 // With all that was kept about the snapshot.
 Xid deleteWholly(CommandRun& run, const Target& target, const std::string& name, bool force) {
   HelperEnvironment& environment = run.environment();
+  const auto claim = environment.history ? environment.history->claim(target.volume.key(), name) : nullptr;
   const Xid xid = deleteUnlessProtected(run, target, name, force);
   environment.log.info("deleteSnapshot OK: " + name);
   environment.names.forgetDeleted(target.volume.key(), name);
@@ -116,7 +117,8 @@ void handle(CommandRun& run, const DeleteSnapshot& call) {
   refuseBackupVolume(volume, "delete snapshots");
   const Target target{std::move(volume), policyOf(run, call.volumeUUID)};
   const Xid xid = deleteWholly(run, target, call.name, call.force);
-  if (SnapshotHistory* history = run.environment().history) history->snapshotsDeleted(target.volume, {xid});
+  run.environment().diffCache.purge(target.volume.key(), {xid});
+  if (const auto& history = run.environment().history) history->snapshotsDeleted(target.volume, {xid});
   run.replyNothing(attempt.succeeded(detailOfDelete(call.name, call.force)));
 }
 
@@ -133,6 +135,7 @@ void handle(CommandRun& run, const DeleteSnapshots& call) {
   std::vector<SnapshotNameOutcome> outcomes;
   std::vector<Xid> deleted;
   for (const SnapshotDeleteSpec& spec : specs) outcomes.push_back(deleteItem(run, target, spec, deleted));
+  if (!deleted.empty()) environment.diffCache.purge(target.volume.key(), {deleted.begin(), deleted.end()});
   if (environment.history && !deleted.empty()) environment.history->snapshotsDeleted(target.volume, deleted);
   run.replyData(encodeJson(outcomes));
 }

@@ -20,6 +20,9 @@ void handle(CommandRun& run, const GetHelperSettings& call);
 void handle(CommandRun& run, const SetHelperSettings& call);
 void handle(CommandRun& run, const ForwardNotification& call);
 void handle(CommandRun& run, const ListSnapshots& call);
+void handle(CommandRun& run, const IndexedXIDs& call);
+void handle(CommandRun& run, const CompareLocalPaths& call);
+void handle(CommandRun& run, const CompareSubtree& call);
 void handle(CommandRun& run, const CreateSnapshot& call);
 void handle(CommandRun& run, const CreateSafetySnapshot& call);
 void handle(CommandRun& run, const DeleteSnapshot& call);
@@ -32,5 +35,10 @@ void handle(CommandRun& run, const UnmountSnapshot& call);
 void handle(CommandRun& run, const UnmountSnapshots& call);
 void handle(CommandRun& run, const PinSnapshotMounts& call);
 void handle(CommandRun& run, const UnpinSnapshotMounts& call);
+void handle(CommandRun& run, const DiffSnapshots& call);
+void handle(CommandRun& run, const ReindexVolume& call);
+void handle(CommandRun& run, const ReindexAllVolumes& call);
+void handle(CommandRun& run, const ReindexSnapshot& call);
+void handle(CommandRun& run, const ListUnservedSubvolumes& call);
 
 }  // namespace quillmark

@@ -1,5 +1,7 @@
 #include "service/HealthMonitor.h"
 
+#include <algorithm>
+
 #include "base/HelperLog.h"
 #include "base/Text.h"
 #include "notifications/HelperNotifications.h"
@@ -73,10 +75,14 @@ HelperHealthStatus HealthMonitor::evaluate() {
 void HealthMonitor::resolveLeftover(const Problem& problem) {
   {
     MutexLock lock(lock_);
-    if (std::exchange(evaluatedOnce_, true)) return;
+    if (evaluatedOnce_) return;
   }
-  if (problem || !notifications_.isActive(degradedKey)) return;
-  notifications_.resolve(degradedKey, recoveredTitle, "The background service started healthy.");
+  if (!problem && notifications_.isActive(degradedKey)) {
+    notifications_.resolveIfActive(degradedKey, recoveredTitle, "The background service started healthy.");
+  }
+  // Only now: who looks at the same time mustn't take the leftover for something that cleared during this run.
+  MutexLock lock(lock_);
+  evaluatedOnce_ = true;
 }
 
 std::string HealthMonitor::noteEpisode(const std::optional<std::string>& problem) {
@@ -101,7 +107,7 @@ void HealthMonitor::notify(const HelperHealthStatus& status, const Problem& prob
   const Step step = noteSpell(problem.has_value(), active);
   if (step == Step::post) notifications_.post(degradedNotice(status, *problem));
   if (!problem && active) {
-    notifications_.resolve(
+    notifications_.resolveIfActive(
         degradedKey, recoveredTitle,
         "The problem cleared on its own; the background service is healthy again. Automatic snapshot deletion, if it "
         "was paused, has resumed. Reference: " +
@@ -117,7 +123,8 @@ HealthMonitor::Step HealthMonitor::noteSpell(bool hasProblem, bool active) {
     return Step::nothing;
   }
   const Date now = clock_.now();
-  if (!degradedSince_) degradedSince_ = now;
+  // When the clock was set back, the time counts from then.
+  degradedSince_ = std::min(degradedSince_.value_or(now), now);
   if (active) return Step::nothing;
   if (now - *degradedSince_ >= patience) return Step::post;
   return std::exchange(recheckScheduled_, true) ? Step::nothing : Step::recheckLater;

@@ -4,12 +4,13 @@
 
 #include "base/HelperLog.h"
 #include "base/Text.h"
+#include "history/SnapshotHistoryManager.h"
 #include "platform/PlatformLog.h"
 #include "scheduling/Scheduler.h"
+#include "service/IndexProgressPush.h"
 #include "service/StateDirectory.h"
 #include "service/TemporaryDirectories.h"
 #include "snapshots/LogNames.h"
-#include "snapshots/SnapshotHistory.h"
 
 namespace quillmark {
 namespace {
@@ -60,16 +61,27 @@ HelperEnvironment::HelperEnvironment(const Platform& platformFacilities, HelperL
       snapshots{platform.snapshots, platform.disks, platform.posix, platform.log, platform.paths, identity, {}},
       apfs(snapshots, LogNames::apfs), volumes(platform.dispatch, platform.disks, platform.snapshots,
                                                platform.processes, platform.propertyLists, platform.paths),
+      homes(platform.dispatch, platform.users, platform.snapshots),
+      exclusions(settings, homes, platform.clock, hostExclusions(platform.paths)),
+      peerAuthorization(platform.dispatch, platform.threadIdentities, log),
+      safeFiles(platform.fileWork, platform.random, platform.process),
+      diffCache(platform.fileWork, safeFiles, platform.clock, platform.paths),
       health(platform.dispatch, platform.random, log, notifications, probes(std::move(hooks.healthNotes))),
       shutdown(platform.dispatch, log,
                {[this] { quiesce(); }, [this] { connections.flush(lastReplies); }, std::move(hooks.exitProcess)}),
       snapshotChanges(std::make_shared<SnapshotChangePush>(platform.dispatch, connections)),
-      mountPaths(platform.dispatch), scheduleNotices_(connections, notifications),
-      startedOnce_(platform.dispatch, false) {}
+      mountPaths(platform.dispatch),
+      localComparisons(platform.dispatch, platform.directories, platform.posix, platform.threadIdentities, log),
+      scheduleNotices_(connections, notifications), startedOnce_(platform.dispatch, false) {}
 
 HealthProbes HelperEnvironment::probes(std::vector<HealthNote> notes) {
   notes.insert(notes.begin(), [this] { return platform.bundle.anchorNote; });
   return {.audit = [this] { return healthOf(audit); },
+          .history =
+              [this] {
+                if (history) return history->health();
+                return HelperSubsystemHealth{HelperSubsystemState::unavailable, historyFailureDescription};
+              },
           .schedules = [this] { return healthOf(persistence.loadFailureDescription()); },
           .settings = [this] { return healthOf(settings.loadFailureDescription()); },
           .protection = [this] { return healthOf(protection); },
@@ -86,6 +98,7 @@ void HelperEnvironment::start() {
   secureStateDirectory(platform.posix, platform.paths);
   // Before anything can start new ones: what indexing left mounted when it was cut off.
   apfs.cleanStaleIndexMounts({});
+  openHistory();
   if (const auto failure = persistence.loadFailureDescription()) {
     log.error("Schedule storage is degraded; every automatic snapshot creation and deletion path is disabled: " +
               *failure);
@@ -97,12 +110,62 @@ void HelperEnvironment::start() {
   snapshots.callbacks.inventoryChanged = [this](const std::string& volumeUUID) {
     snapshotInventoryChanged(volumeUUID);
   };
+  installHistoryProviders();
   mergeNewDefaults();
+  startHistory();
   startScheduler();
   // Owns what it touches: nobody waits for it.
   platform.dispatch.global(QualityOfService::utility)->async([facilities = platform] {
     sweepTemporaryDirectories(facilities);
   });
+}
+
+void HelperEnvironment::openHistory() {
+  try {
+    history = SnapshotHistoryManager::make({.dispatch = platform.dispatch,
+                                            .random = platform.random,
+                                            .posix = platform.posix,
+                                            .calls = platform.snapshots,
+                                            .disks = platform.disks,
+                                            .directories = platform.directories,
+                                            .power = platform.power,
+                                            .platformLog = platform.log,
+                                            .log = log,
+                                            .paths = platform.paths,
+                                            .apfs = apfs,
+                                            .volumes = volumes,
+                                            .mountPins = mountPins,
+                                            .audit = audit,
+                                            .caches = &diffCache});
+  } catch (const std::exception& failure) {
+    historyFailureDescription = asError(failure).description();
+    log.error("Snapshot history is unavailable; snapshot management will continue without diff/index support: " +
+              *historyFailureDescription);
+  }
+}
+
+void HelperEnvironment::installHistoryProviders() {
+  if (!history) return;
+  const auto currentSettings = [this] { return settings.current().value_or(HelperSettings()); };
+  history->install({
+      .progressReporter =
+          [this](const ActiveIndexProgress& progress) {
+            connections.push(IndexProgressPush::selector, IndexProgressPush::arguments(progress));
+          },
+      .indexingMode = [currentSettings] { return currentSettings().indexingMode; },
+      .volumeTracked =
+          [this](const std::string& uuid) { return persistence.policy(VolumeUuid(uuid)).tracked.value_or(true); },
+      .indexOnBattery = [currentSettings] { return currentSettings().indexOnBattery; },
+      .exclusionRules = [this](const std::string& mountPoint) { return exclusions.rules(mountPoint); },
+      .restoreCleanupPass = {},
+      .pendingRestoreCleanups = {},
+  });
+}
+
+void HelperEnvironment::startHistory() {
+  if (!history) return;
+  if (history->needsExistingSnapshotBootstrap()) history->bootstrapLater();
+  history->startBackgroundWork();
 }
 
 void HelperEnvironment::mergeNewDefaults() {
@@ -125,7 +188,6 @@ void HelperEnvironment::startScheduler() {
       .apfs = apfs,
       .volumeQueues = volumeQueues,
       .mutations = mutations,
-      .mountPins = mountPins,
       .protection = protection,
       .names = names,
       .tags = tags,
@@ -134,23 +196,33 @@ void HelperEnvironment::startScheduler() {
       .settings = settings,
       .clocks = clocks,
       .notifier = scheduleNotices_,
-      .history = history,
+      .history = history.get(),
       .volumeList = [this] { return volumes.listVolumes(); },
       .automaticDeletionBlocked = [this] { return HealthMonitor::automaticDeletionBlocked(health.evaluate()); },
       .scheduleSnapshotsChanged = [this](const std::string& volumeUUID) { snapshotChanges->schedule(volumeUUID); },
-      .dropCachedXidData = {},
+      .dropCachedXidData = [this](const VolumeInfo& volume, Xid xid) { diffCache.purge(volume.key(), {xid}); },
       .invalidateVolumeList = {},
-      .volumeAppeared = {},
+      .volumeAppeared = [this](const std::string& volumePath) { volumeAppeared(volumePath); },
+      .foreignAppeared = [this](const std::string& path) { peerAuthorization.volumeRemounted(path); },
   });
   scheduler->start();
 }
 
 void HelperEnvironment::quiesce() {
   if (scheduler) scheduler->stop();
+  if (history) history->stopBackgroundWork();
+}
+
+void HelperEnvironment::volumeAppeared(const std::string& volumePath) {
+  if (!volumePath.empty()) peerAuthorization.volumeRemounted(volumePath);
+  if (!history) return;
+  for (const APFSVolume& volume : volumes.listVolumes()) {
+    if (volume.mountPath == volumePath) history->reconcile(VolumeUuid(volume.id));
+  }
 }
 
 void HelperEnvironment::snapshotInventoryChanged(const std::string& volumeUUID) {
-  if (!mutations.isOpen(volumeUUID)) snapshotChanges->schedule(volumeUUID);
+  if (!mutations.holdsBack(volumeUUID)) snapshotChanges->schedule(volumeUUID);
   if (scheduler) scheduler->bumpGeneration(volumeUUID);
   if (history) history->reconcile(VolumeUuid(volumeUUID));
 }

@@ -8,6 +8,9 @@
 #include <string>
 #include <vector>
 
+#include "history/DiffCache.h"
+#include "history/ExclusionPolicy.h"
+#include "history/LocalComparison.h"
 #include "journal/ActivityLog.h"
 #include "notifications/HelperNotifications.h"
 #include "platform/Platform.h"
@@ -20,7 +23,10 @@
 #include "service/ShutdownCoordinator.h"
 #include "service/SnapshotChangePush.h"
 #include "snapshots/APFSManager.h"
+#include "snapshots/HomeDirectories.h"
 #include "snapshots/MountPinRegistry.h"
+#include "snapshots/PeerAuthorization.h"
+#include "snapshots/SafeFS.h"
 #include "snapshots/SnapshotIdentity.h"
 #include "snapshots/SnapshotMutationScope.h"
 #include "snapshots/SnapshotNamePersistence.h"
@@ -33,7 +39,7 @@ namespace quillmark {
 
 class HelperLog;
 class Scheduler;
-class SnapshotHistory;
+class SnapshotHistoryManager;
 class SnapshotSizes;
 
 class HelperEnvironment final {
@@ -70,22 +76,33 @@ class HelperEnvironment final {
   SnapshotServices snapshots;
   APFSManager apfs;
   VolumeService volumes;
+  HomeDirectories homes;
+  ExclusionPolicy exclusions;
+  PeerAuthorization peerAuthorization;
+  SafeFS safeFiles;
+  DiffCache diffCache;
   HealthMonitor health;
   ShutdownCoordinator shutdown;
   const std::shared_ptr<SnapshotChangePush> snapshotChanges;
   // Held from the look at a user's mount path to the end of mounting or unmounting there, so that one client never
   // removes the directory on which another is about to mount.
   Mutex mountPaths;
+  LocalComparisons localComparisons;
 
   // Present from start() on.
   std::shared_ptr<Scheduler> scheduler;
-  SnapshotHistory* history = nullptr;
+  std::shared_ptr<SnapshotHistoryManager> history;
+  std::optional<std::string> historyFailureDescription;  // why there is none
   SnapshotSizes* sizes = nullptr;
 
  private:
   [[nodiscard]] HealthProbes probes(std::vector<HealthNote> notes);
   void mergeNewDefaults();
+  void openHistory();
+  void installHistoryProviders();
+  void startHistory();
   void startScheduler();
+  void volumeAppeared(const std::string& volumePath);
   void snapshotInventoryChanged(const std::string& volumeUUID);
 
   ScheduleNotices scheduleNotices_;

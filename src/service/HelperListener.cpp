@@ -87,13 +87,13 @@ std::optional<PeerDecision> HelperListener::decide(TransportConnection& connecti
 
 void HelperListener::serve(const std::shared_ptr<TransportConnection>& connection, const PeerDecision& decision) {
   HelperLog& log = environment_.log;
-  const int pid = connection->peer().pid;
+  const int pid = decision.pid;
   const std::optional<std::string> user = environment_.platform.users.userName(decision.peerUID);
   log.info(fmt::format("Peer pid={} classified as client={} user={}", pid, word(decision.client),
                        user.value_or("<unknown>")));
   // The service goes with its connection: the callbacks own it, and let go of it at the end.
   auto service = std::make_shared<std::shared_ptr<HelperService>>(std::make_shared<HelperService>(
-      environment_, connection, ClientIdentity{decision.client, user, decision.peerUID}));
+      environment_, connection, ClientIdentity{decision.client, user, decision.peerUID, connection->peer().groups}));
   environment_.connections.add(connection);
   log.info(fmt::format("Accepted XPC connection from pid={} (subject to codesign check)", pid));
   connection->start({.received = [service](const std::string& line) { (*service)->receive(line); },

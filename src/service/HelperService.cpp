@@ -27,6 +27,10 @@ std::shared_ptr<Queue> concurrentQueue(Dispatch& dispatch, const char* name) {
                              .width = connectionQueueWidth});
 }
 
+ConnectionProtocol protocolOf(HelperEvent::Client client) {
+  return client == HelperEvent::Client::finderSync ? ConnectionProtocol::finder : ConnectionProtocol::helper;
+}
+
 std::shared_ptr<const void> placeOf(const std::weak_ptr<TransportConnection>& connection) {
   const auto alive = connection.lock();
   return alive ? alive->userPlace() : nullptr;
@@ -51,22 +55,17 @@ HelperService::HelperService(HelperEnvironment& environment, std::weak_ptr<Trans
 
 HelperService::~HelperService() { environment_.shutdown.remove(shutdownRegistrationID_); }
 
-void HelperService::receive(const std::string& line) {
-  auto decoded = decodeCall(line);
-  if (const auto* refusal = std::get_if<RpcRefusal>(&decoded)) {
-    if (refusal->answered) send(encodeRefusal(*refusal));
-    return;
-  }
-  auto& call = std::get<RpcCall>(decoded);
-  if (isExported(*call.command)) return begin(std::move(call), line.size());
-  if (call.id) {
-    send(encodeRefusal(
-        {*call.id, RpcFault::methodNotFound, "Unknown selector \"" + std::string(call.command->selector) + "\"."}));
-  }
+PeerUser HelperService::requirePeer() const {
+  if (identity_.peerUID) return {*identity_.peerUID, identity_.groups};
+  throw QuillmarkError::make(QuillmarkErrorCode::internalError,
+                             "Could not securely resolve the requesting user's identity");
 }
 
-bool HelperService::isExported(const CommandSpec& command) const {
-  return identity_.client != HelperEvent::Client::finderSync || command.protocols == CommandProtocols::helperAndFinder;
+void HelperService::receive(const std::string& line) {
+  auto decoded = decodeCall(line, protocolOf(identity_.client));
+  if (auto* call = std::get_if<RpcCall>(&decoded)) return begin(std::move(*call), line.size());
+  const auto& refusal = std::get<RpcRefusal>(decoded);
+  if (refusal.answered) send(encodeRefusal(refusal));
 }
 
 void HelperService::begin(RpcCall call, std::size_t bytes) {

@@ -8,11 +8,13 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "base/Uuid.h"
 #include "journal/HelperEvent.h"
 #include "platform/dispatch.h"
 #include "snapshots/APFSManager.h"
+#include "snapshots/PeerAuthorization.h"
 #include "wire/Rpc.h"
 
 namespace quillmark {
@@ -24,12 +26,16 @@ struct ClientIdentity {
   HelperEvent::Client client = HelperEvent::Client::unknown;
   std::optional<std::string> user;  // from the password database
   std::optional<std::uint32_t> peerUID;
+  std::optional<std::vector<std::uint32_t>> groups = {};  // supplementary, as of its connect
 };
 
 class HelperService final : public std::enable_shared_from_this<HelperService> {
  public:
   HelperService(HelperEnvironment& environment, std::weak_ptr<TransportConnection> connection, ClientIdentity identity);
   ~HelperService();
+
+  // Tells this client alone.
+  void push(std::string_view selector, const ArgumentValues& arguments) { send(encodePush(selector, arguments)); }
 
   // One line of the client, on the delivery queue of its connection.
   void receive(const std::string& line);
@@ -39,6 +45,10 @@ class HelperService final : public std::enable_shared_from_this<HelperService> {
   [[nodiscard]] HelperEvent::Client client() const { return identity_.client; }
   [[nodiscard]] const std::optional<std::string>& user() const { return identity_.user; }
   [[nodiscard]] std::optional<std::uint32_t> peerUID() const { return identity_.peerUID; }
+  // Nobody waits for an answer any more.
+  [[nodiscard]] bool isClientGone() const { return connection_.expired(); }
+  // Whose rights count for what is asked. Throws internalError when that isn't known.
+  [[nodiscard]] PeerUser requirePeer() const;
 
  private:
   // The calls under way, with the bytes of their request lines.
@@ -49,7 +59,6 @@ class HelperService final : public std::enable_shared_from_this<HelperService> {
     [[nodiscard]] bool tooMany() const;
   };
 
-  [[nodiscard]] bool isExported(const CommandSpec& command) const;
   void begin(RpcCall call, std::size_t bytes);
   void enqueue(RpcCall call, std::size_t bytes);
   void run(const RpcCall& call, std::size_t bytes);

@@ -1,11 +1,11 @@
 #include <fmt/format.h>
 
 #include "base/HelperLog.h"
+#include "history/SnapshotHistoryManager.h"
 #include "service/Handlers.h"
 #include "service/HelperEnvironment.h"
 #include "service/HelperService.h"
 #include "service/Validation.h"
-#include "snapshots/SnapshotHistory.h"
 #include "snapshots/SnapshotSizes.h"
 #include "wire/Json.h"
 

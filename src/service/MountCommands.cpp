@@ -3,6 +3,7 @@
 #include <charconv>
 
 #include "base/HelperLog.h"
+#include "history/SnapshotHistoryManager.h"
 #include "platform/SnapshotCalls.h"
 #include "service/Handlers.h"
 #include "service/HelperEnvironment.h"
@@ -31,6 +32,8 @@ Mounted mountOrReuse(CommandRun& run, const VolumeInfo& volume, const std::strin
     throw QuillmarkError::make(invalidMountPath, fmt::format("Composed mount path \"{}\" failed validation", path));
   }
   if (!isMountPoint(platform.snapshots, path)) {
+    const auto& history = run.environment().history;
+    const auto claim = history ? history->claim(volume.key(), name) : nullptr;
     run.service().apfs().mountSnapshot(volume, {name, xid}, path);
     return {path, true};
   }
@@ -126,6 +129,18 @@ AuditDraft draftOfUnmount(CommandRun& run, const std::string& path) {
   return draft;
 }
 
+// What indexing reads there, it reads elsewhere afterwards.
+std::shared_ptr<const void> claimMountedAt(CommandRun& run, const std::string& path) {
+  constexpr std::size_t uuidLength = 36;
+  const auto& history = run.environment().history;
+  const auto status = run.environment().platform.snapshots.statfs(path);
+  const auto mark = path.rfind("@snap-");
+  if (!history || !status || mark == std::string::npos || mark < uuidLength) return nullptr;
+  const auto uuid = Uuid::parse(std::string_view(path).substr(mark - uuidLength, uuidLength));
+  const auto name = status->mntfromname.substr(0, status->mntfromname.rfind("@/dev/"));
+  return uuid ? history->claim(VolumeUuid(uuid->lower()), name) : nullptr;
+}
+
 // The error of a record that could not be stored.
 std::optional<Error> unmountOne(CommandRun& run, AuditAttempt& attempt, const std::string& path) {
   HelperEnvironment& environment = run.environment();
@@ -139,6 +154,7 @@ std::optional<Error> unmountOne(CommandRun& run, AuditAttempt& attempt, const st
       throw QuillmarkError::make(invalidMountPath,
                                  "Refusing to unmount a path that is not a read-only APFS snapshot mount");
     }
+    const auto claim = claimMountedAt(run, path);
     if (const auto reason = environment.mountPins.activeReason(path)) {
       throw QuillmarkError::make(snapshotInUse,
                                  fmt::format("This snapshot is in use: {}. Close the window using it (or wait for the "

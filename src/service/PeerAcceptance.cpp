@@ -76,7 +76,7 @@ std::optional<PeerDecision> PeerAcceptance::decide(TransportConnection& connecti
     log.error(unresolved(claim.pid));
     return std::nullopt;
   }
-  return PeerDecision{client, *user};
+  return PeerDecision{claim.pid, client, *user};
 }
 
 }  // namespace quillmark

@@ -18,6 +18,7 @@ class HelperLog;
 class TransportConnection;
 
 struct PeerDecision {
+  int pid = 0;  // of the token, where there is one
   HelperEvent::Client client = HelperEvent::Client::unknown;
   std::uint32_t peerUID = 0;
 };

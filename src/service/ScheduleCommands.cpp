@@ -1,3 +1,4 @@
+#include "history/SnapshotHistoryManager.h"
 #include "scheduling/Scheduler.h"
 #include "service/Handlers.h"
 #include "service/HelperEnvironment.h"
@@ -10,10 +11,10 @@ namespace quillmark {
 namespace {
 
 SchedulePolicy save(HelperEnvironment& environment, const VolumeUuid& volume, const SchedulePolicy& policy) {
-  SchedulePersistence& store = environment.persistence;
-  const auto previous = store.hasPolicy(volume) ? std::optional(store.policy(volume)) : std::nullopt;
-  const SchedulePolicy saved = store.setPolicy(volume, policy.stamped(previous, environment.platform.clock.now()));
+  const SchedulePolicy saved =
+      environment.persistence.stampAndSetPolicy(volume, policy, environment.platform.clock.now());
   if (environment.scheduler) environment.scheduler->bumpGeneration(volume.text());
+  if (environment.history && saved.tracked == false) environment.history->forgetRepairFailure(volume);
   return saved;
 }
 

@@ -13,9 +13,11 @@ namespace {
 
 using Client = HelperEvent::Client;
 
-void requireClient(CommandRun& run, std::initializer_list<Client> allowed, const char* refusal) {
-  if (std::find(allowed.begin(), allowed.end(), run.service().client()) != allowed.end()) return;
-  throw QuillmarkError::make(QuillmarkErrorCode::insufficientPrivileges, refusal);
+// False for any other kind of client, which has its answer then.
+bool admits(CommandRun& run, std::initializer_list<Client> allowed, const char* refusal) {
+  if (std::find(allowed.begin(), allowed.end(), run.service().client()) != allowed.end()) return true;
+  run.refuse(QuillmarkError::make(QuillmarkErrorCode::insufficientPrivileges, refusal));
+  return false;
 }
 
 HelperSettings currentOrDefaults(HelperEnvironment& environment) {
@@ -33,7 +35,7 @@ void handle(CommandRun& run, const GetHelperSettings&) {
 }
 
 void handle(CommandRun& run, const SetHelperSettings& call) {
-  requireClient(run, {Client::gui, Client::cli}, "This client is not authorized to change helper settings.");
+  if (!admits(run, {Client::gui, Client::cli}, "This client is not authorized to change helper settings.")) return;
   HelperEnvironment& environment = run.environment();
   const auto settings = decodeJson<HelperSettings>(call.settings.text);
   const HelperSettings previous = currentOrDefaults(environment);
@@ -45,7 +47,7 @@ void handle(CommandRun& run, const SetHelperSettings& call) {
 }
 
 void handle(CommandRun& run, const ForwardNotification& call) {
-  requireClient(run, {Client::gui}, "Only the Quillmark app may forward notifications.");
+  if (!admits(run, {Client::gui}, "Only the Quillmark app may forward notifications.")) return;
   run.environment().notifications.offer(decodeJson<HelperNotification>(call.notification.text));
   run.replyNothing();
 }

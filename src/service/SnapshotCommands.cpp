@@ -1,12 +1,12 @@
 #include <fmt/format.h>
 
 #include "base/HelperLog.h"
+#include "history/SnapshotHistoryManager.h"
 #include "service/Handlers.h"
 #include "service/HelperEnvironment.h"
 #include "service/HelperService.h"
 #include "service/Validation.h"
 #include "snapshots/Refusals.h"
-#include "snapshots/SnapshotHistory.h"
 #include "wire/QuillmarkError.h"
 
 namespace quillmark {
@@ -23,7 +23,7 @@ std::optional<Error> followUpOfCreate(const std::string& label, std::optional<Er
 }
 
 void registerForIndexing(CommandRun& run, const VolumeInfo& volume, const std::string& name) {
-  SnapshotHistory* history = run.environment().history;
+  const auto& history = run.environment().history;
   if (!history) return;
   try {
     for (const SnapshotRecord& snapshot : run.service().apfs().listSnapshots(volume)) {

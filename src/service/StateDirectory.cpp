@@ -25,9 +25,20 @@ bool isType(Posix& posix, const std::string& path, FileType type) {
   return status && status->type == type;
 }
 
+// Of a process that was killed while it replaced a store's file.
+void sweepTemporaryFiles(Posix& posix, const std::string& path) {
+  const auto names = posix.list(path);
+  if (!names) return;
+  for (const std::string& name : *names) {
+    const std::string file = path + "/" + name;
+    if (isTemporaryName(name) && isType(posix, file, FileType::regular)) (void)posix.unlink(file);
+  }
+}
+
 void secureDirectory(Posix& posix, const std::string& path) {
   if (!isType(posix, path, FileType::directory)) return;
   tryAttributes(posix, path, 0700);
+  sweepTemporaryFiles(posix, path);
   const auto names = posix.list(path);
   if (!names) return;
   for (const std::string& name : *names) {
@@ -39,10 +50,11 @@ void secureDirectory(Posix& posix, const std::string& path) {
 
 void secureStateDirectory(Posix& posix, const HostPaths& paths) {
   try {
-    createDirectories(posix, paths.stateDirectory, 0700);
+    createDirectoriesDurably(posix, paths.stateDirectory, 0700);
   } catch (const Error&) {
   }
   tryAttributes(posix, paths.stateDirectory, 0700);
+  if (isType(posix, paths.stateDirectory, FileType::directory)) sweepTemporaryFiles(posix, paths.stateDirectory);
   for (const char* name : files) {
     if (isType(posix, paths.state(name), FileType::regular)) tryAttributes(posix, paths.state(name), 0600);
   }

@@ -21,9 +21,14 @@ bool isValidVolumeUUID(std::string_view text) { return Uuid::parse(text).has_val
 
 bool isValidLabel(std::string_view text) { return text.size() <= 127 && hasOnlyNameScalars(text); }
 
-// An escape that no name encodes to could smuggle a "/" past the check.
+// Here and below: an escape that no name encodes to could smuggle a "/" or ".." past the check.
 bool isValidSnapshotName(std::string_view text) {
   return !text.empty() && text.size() <= 240 && hasOnlyNameScalars(text) && isNameText(text, NameEscapes::controls);
+}
+
+bool isValidItemPath(std::string_view text) {
+  return text.starts_with('/') && text.find("/../") == std::string_view::npos && !text.ends_with("/..") &&
+         text.find('\0') == std::string_view::npos && scalars(text).size() < 4096 && isNameText(text);
 }
 
 void requireVolumeUUID(std::string_view text) {

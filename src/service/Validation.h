@@ -13,6 +13,9 @@ namespace quillmark {
 // 1 to 240 bytes of UTF-8, every scalar above 31 and no "/".
 [[nodiscard]] bool isValidSnapshotName(std::string_view text);
 
+// An absolute path of names (platform/NameText.h) that stays where it seems to lead, of fewer than 4096 characters.
+[[nodiscard]] bool isValidItemPath(std::string_view text);
+
 // Throws invalidVolumeUUID with "Volume UUID is malformed".
 void requireVolumeUUID(std::string_view text);
 // Throws invalidLabel.

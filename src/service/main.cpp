@@ -7,17 +7,20 @@
 
 #include "platform/linux/Clock.h"
 #include "platform/linux/DeviceNames.h"
+#include "platform/linux/DirectoryReader.h"
 #include "platform/linux/Disks.h"
 #include "platform/linux/Dispatch.h"
 #include "platform/linux/FileWork.h"
 #include "platform/linux/PlatformLog.h"
 #include "platform/linux/Posix.h"
+#include "platform/linux/PowerSources.h"
 #include "platform/linux/Processes.h"
 #include "platform/linux/PropertyList.h"
 #include "platform/linux/Random.h"
 #include "platform/linux/ServiceHost.h"
 #include "platform/linux/SnapshotCalls.h"
 #include "platform/linux/ThisProcess.h"
+#include "platform/linux/ThreadIdentity.h"
 #include "platform/linux/Transport.h"
 #include "platform/linux/Users.h"
 #include "platform/linux/VolumeAttributes.h"
@@ -64,6 +67,9 @@ int serve(const char* executable) {
   os::LinuxPlatformLog platformLog;
   os::LinuxThisProcess process;
   os::LinuxUsers users;
+  os::LinuxPowerSources power;
+  os::LinuxDirectoryReader directories;
+  os::LinuxThreadIdentity threadIdentities;
 
   const Platform platform{.dispatch = dispatch,
                           .clock = clock,
@@ -80,6 +86,9 @@ int serve(const char* executable) {
                           .log = platformLog,
                           .process = process,
                           .users = users,
+                          .power = power,
+                          .directories = directories,
+                          .threadIdentities = threadIdentities,
                           .paths = paths,
                           .bundle = buildFacts()};
   const HealthNote deviceNamesNote = [&names]() -> std::optional<std::string> {

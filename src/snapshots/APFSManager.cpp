@@ -102,6 +102,15 @@ std::vector<SnapshotRecord> APFSManager::listSnapshots(const VolumeInfo& volume)
       volume, [&] { return listRawSnapshots(volume); }, services_.callbacks.identityMigration);
 }
 
+std::map<Xid, std::uint64_t> APFSManager::changedSnapshots(const VolumeInfo& volume) {
+  const auto opened = open(volume, snapshotListFailed);
+  auto changed = services_.calls.changedSnapshots(*opened);
+  if (!changed) {
+    throw QuillmarkError::make(snapshotListFailed, "listing changed snapshots failed: " + errnoText(changed.error()));
+  }
+  return *std::move(changed);
+}
+
 std::vector<SnapshotRecord> APFSManager::verifySnapshots(const VolumeInfo& volume,
                                                          const std::vector<SnapshotReference>& references) {
   return matchReferences(volume, listSnapshots(volume), references);
@@ -115,7 +124,8 @@ void APFSManager::ensureMountRoot(const std::string& path) {
   if (status && status->type != FileType::directory) {
     throw QuillmarkError::make(snapshotMountFailed, "Mount root exists but is not a directory: " + root);
   }
-  if (!status) createDirectories(services_.posix, root, 0755);
+  // What indexing has mounted is nobody else's to look at, or to keep busy.
+  if (!status) createDirectories(services_.posix, root, isPrivate ? 0700 : 0755);
 }
 
 void APFSManager::mountSnapshot(const VolumeInfo& volume, const SnapshotReference& snapshot, const std::string& path) {

@@ -58,6 +58,8 @@ class APFSManager final {
   // In the kernel's order, all three.
   [[nodiscard]] std::vector<RawSnapshotEntry> listRawSnapshots(const VolumeInfo& volume);
   [[nodiscard]] std::vector<SnapshotRecord> listSnapshots(const VolumeInfo& volume);
+  // Those that aren't as they were made (SnapshotCalls.h).
+  [[nodiscard]] std::map<Xid, std::uint64_t> changedSnapshots(const VolumeInfo& volume);
   [[nodiscard]] std::vector<SnapshotRecord> verifySnapshots(const VolumeInfo& volume,
                                                             const std::vector<SnapshotReference>& references);
   // The caller has composed and checked the path.

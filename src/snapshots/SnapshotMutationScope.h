@@ -13,16 +13,22 @@ namespace quillmark {
 
 class SnapshotMutationScope final {
  public:
-  explicit SnapshotMutationScope(Threads& threads) : depth_(threads) {}
+  explicit SnapshotMutationScope(Threads& threads) : open_(threads) {}
 
   [[nodiscard]] bool isOpen(const std::string& volumeUUID);
+  // Of a change to the snapshots: true while a scope is open, whose last exit then tells of it.
+  [[nodiscard]] bool holdsBack(const std::string& volumeUUID);
   void enter(const std::string& volumeUUID);
-  // True for the last exit, and for one without an enter().
-  [[nodiscard]] bool leave(const std::string& volumeUUID);
+  // True for the last exit, unless nothing was changed by anybody since the first entry; and for one without an enter().
+  [[nodiscard]] bool leave(const std::string& volumeUUID, bool changed = true);
 
  private:
-  // A key exists only while its value is above 0.
-  Guarded<std::map<VolumeUuid, int>> depth_;
+  struct Open {
+    int depth = 0;
+    bool changed = false;
+  };
+  // A key exists only while its depth is above 0.
+  Guarded<std::map<VolumeUuid, Open>> open_;
 };
 
 }  // namespace quillmark

@@ -53,9 +53,10 @@ SnapshotXIDResolutionCache::SnapshotXIDResolutionCache(Threads& threads, Posix& 
     : clock_(threads.clock()), posix_(posix), random_(random), log_(log), directory_(paths.state("snapshot-xids")),
       lock_(threads) {}
 
-SnapshotXIDResolutionCache::Key SnapshotXIDResolutionCache::keyOf(const RawSnapshotEntry& entry) {
-  return {entry.fileID, std::llround(entry.created.secondsSince1970() * 1e9), entry.name};
-}
+SnapshotXIDResolutionCache::KeyRef::KeyRef(const Key& key) : fileID(key.fileID), ctimeNS(key.ctimeNS), name(key.name) {}
+
+SnapshotXIDResolutionCache::KeyRef::KeyRef(const RawSnapshotEntry& entry)
+    : fileID(entry.fileID), ctimeNS(std::llround(entry.created.secondsSince1970() * 1e9)), name(entry.name) {}
 
 std::optional<std::vector<Xid>> SnapshotXIDResolutionCache::lookup(const std::string& volumeUUID,
                                                                    const std::vector<RawSnapshotEntry>& entries) {
@@ -69,13 +70,16 @@ std::optional<std::vector<Xid>> SnapshotXIDResolutionCache::lookup(const std::st
     const auto known = byVolume_.find(volume);
     if (known == byVolume_.end()) return std::nullopt;
     for (const RawSnapshotEntry& entry : entries) {
-      const auto row = known->second.find(keyOf(entry));
+      const auto row = known->second.find(KeyRef(entry));
       if (row == known->second.end()) return std::nullopt;
       xids.push_back(row->second);
     }
     if (known->second.size() > entries.size()) {
       Rows rows;
-      for (const RawSnapshotEntry& entry : entries) rows.insert(known->second.extract(keyOf(entry)));
+      for (const RawSnapshotEntry& entry : entries) {
+        const auto row = known->second.find(KeyRef(entry));
+        if (row != known->second.end()) rows.insert(known->second.extract(row));
+      }
       known->second = std::move(rows);
       dropped_[volume].areInFile = true;
     }
@@ -101,7 +105,10 @@ void SnapshotXIDResolutionCache::store(const std::string& volumeUUID, const std:
   if (entries.size() != xids.size()) return;
   const VolumeUuid volume(volumeUUID);
   Rows rows;
-  for (std::size_t i = 0; i < entries.size(); ++i) rows[keyOf(entries[i])] = xids[i];
+  for (std::size_t i = 0; i < entries.size(); ++i) {
+    const KeyRef key(entries[i]);
+    rows[{key.fileID, key.ctimeNS, entries[i].name}] = xids[i];
+  }
   {
     MutexLock lock(lock_);
     byVolume_[volume] = rows;

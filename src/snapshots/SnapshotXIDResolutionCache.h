@@ -40,9 +40,22 @@ class SnapshotXIDResolutionCache final {
     std::uint64_t fileID = 0;  // first, so that comparing seldom comes to the names
     std::int64_t ctimeNS = 0;
     std::string name;
-    auto operator<=>(const Key&) const = default;
   };
-  using Rows = std::map<Key, Xid>;
+  // The same, borrowed.
+  struct KeyRef {
+    std::uint64_t fileID = 0;
+    std::int64_t ctimeNS = 0;
+    std::string_view name;
+
+    KeyRef(const Key& key);
+    explicit KeyRef(const RawSnapshotEntry& entry);
+    auto operator<=>(const KeyRef&) const = default;
+  };
+  struct Ascending {
+    using is_transparent = void;
+    bool operator()(const KeyRef& a, const KeyRef& b) const { return a < b; }
+  };
+  using Rows = std::map<Key, Xid, Ascending>;
 
   // Rows that were dropped and still stand in the file, which harms nobody.
   struct Dropped {
@@ -50,7 +63,6 @@ class SnapshotXIDResolutionCache final {
     std::optional<MonotonicTime> lastWrite;
   };
 
-  static Key keyOf(const RawSnapshotEntry& entry);
   void loadIfNeeded(const VolumeUuid& volume) EXCLUDES(lock_);
   // Absent when there is no file of ours that can be used.
   [[nodiscard]] std::optional<Rows> readFile(const VolumeUuid& volume);

@@ -62,9 +62,12 @@ class VolumeProtectionStore::Guard final : public ProtectionGuard {
 VolumeProtectionStore::VolumeProtectionStore(Threads& threads, Posix& posix, Random& random, PlatformLog& log,
                                              VolumeAttributes& attributes, const HostPaths& paths)
     : posix_(posix), random_(random), log_(log), attributes_(attributes), path_(paths.state("protected.json")),
-      waiting_(threads), lock_(threads) {}
+      waiting_(threads), lock_(threads), verdict_(threads) {}
 
 void VolumeProtectionStore::ensureLoaded() {
+  const Verdict verdict = verdict_.with([](const Verdict& known) { return known; });
+  if (verdict.failure) throw internalError(*verdict.failure);
+  if (verdict.loaded) return;
   MutexLock lock(lock_);
   ensureLoadedLocked();
 }
@@ -154,14 +157,24 @@ void VolumeProtectionStore::ensureLoadedLocked() {
   if (localLoadFailureDescription_) throw internalError(*localLoadFailureDescription_);
   if (localLoaded_) return;
   localLoaded_ = true;
+  loadLocked();
+  verdict_.with([](Verdict& verdict) { verdict.loaded = true; });
+}
+
+void VolumeProtectionStore::loadLocked() {
   try {
     if (const auto text = readStoreFile(posix_, path_)) localByVolume_ = StorePayloads::decodeXidsByVolume(*text);
   } catch (const std::exception& failure) {
-    localLoadFailureDescription_ = "Protection store exists but is unreadable: " + asError(failure).description();
-    log_.log(PlatformLogType::fault, LogNames::subsystem, logCategory,
-             *localLoadFailureDescription_ + "; snapshot deletion disabled");
-    throw internalError(*localLoadFailureDescription_);
+    const std::string description = "Protection store exists but is unreadable: " + asError(failure).description();
+    log_.log(PlatformLogType::fault, LogNames::subsystem, logCategory, description + "; snapshot deletion disabled");
+    degradeLocked(description);
   }
+}
+
+void VolumeProtectionStore::degradeLocked(std::string description) {
+  localLoadFailureDescription_ = description;
+  verdict_.with([&](Verdict& verdict) { verdict.failure = description; });
+  throw internalError(std::move(description));
 }
 
 std::set<Xid> VolumeProtectionStore::protectedXIDsLocked(const VolumeInfo& volume) {
@@ -236,8 +249,7 @@ void VolumeProtectionStore::persistLocked(const VolumeUuid& volume, std::set<Xid
   try {
     replaceProtectionFile(posix_, random_, path_, StorePayloads::encodeXidsByVolume(next));
   } catch (const std::exception& failure) {
-    localLoadFailureDescription_ = "Protection store write failed: " + asError(failure).description();
-    throw internalError(*localLoadFailureDescription_);
+    degradeLocked("Protection store write failed: " + asError(failure).description());
   }
   localByVolume_ = std::move(next);
 }

@@ -29,6 +29,7 @@ class VolumeProtectionStore final : public SnapshotProtection {
   VolumeProtectionStore(Threads& threads, Posix& posix, Random& random, PlatformLog& log, VolumeAttributes& attributes,
                         const HostPaths& paths);
 
+  // Once the file was read it waits for nobody: no health report waits for a deletion.
   void ensureLoaded() override EXCLUDES(lock_);
   [[nodiscard]] std::unique_ptr<ProtectionGuard> lock() override;
   // Fails while the volume's attribute can't be read or understood.
@@ -50,6 +51,9 @@ class VolumeProtectionStore final : public SnapshotProtection {
   };
 
   void ensureLoadedLocked() REQUIRES(lock_);
+  void loadLocked() REQUIRES(lock_);
+  // For good: what it says is thrown.
+  [[noreturn]] void degradeLocked(std::string description) REQUIRES(lock_);
   [[nodiscard]] std::set<Xid> protectedXIDsLocked(const VolumeInfo& volume) REQUIRES(lock_);
   bool changeLocked(const VolumeInfo& volume, Xid xid, bool isProtected) REQUIRES(lock_);
   void forgetDeletedLocked(const VolumeInfo& volume, Xid xid) REQUIRES(lock_);
@@ -75,6 +79,13 @@ class VolumeProtectionStore final : public SnapshotProtection {
   XidsByVolume localByVolume_ GUARDED_BY(lock_);
   bool localLoaded_ GUARDED_BY(lock_) = false;
   std::optional<std::string> localLoadFailureDescription_ GUARDED_BY(lock_);
+
+  // The same two for those who don't hold lock_; its lock comes after lock_.
+  struct Verdict {
+    bool loaded = false;
+    std::optional<std::string> failure;
+  };
+  Guarded<Verdict> verdict_;
 };
 
 }  // namespace quillmark

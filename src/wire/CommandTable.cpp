@@ -31,17 +31,21 @@ constexpr auto table = rows(std::type_identity<AllCommands>{});
 
 std::span<const CommandSpec> commandTable() { return table; }
 
-const CommandSpec* findCommand(std::string_view selector) {
+const CommandSpec* findCommand(std::string_view selector, ConnectionProtocol protocol) {
   for (const CommandSpec& command : table) {
-    if (command.selector == selector) return &command;
+    if (command.selector != selector) continue;
+    const bool isExported =
+        protocol == ConnectionProtocol::helper || command.protocols == CommandProtocols::helperAndFinder;
+    return isExported ? &command : nullptr;
   }
   return nullptr;
 }
 
 std::string_view CommandSpec::word() const {
   std::string_view text = selector.substr(0, selector.find(':'));
-  for (const std::string_view tail : {"WithReply", "OnVolume", "ForVolume", "WithName", "AtPath", "WithSpecsJSON",
-                                      "WithPaths", "WithToken", "WithVolumeUUID", "WithContainer", "WithBsdName"}) {
+  for (const std::string_view tail :
+       {"WithReply", "OnVolume", "ForVolume", "WithName", "AtPath", "WithSpecsJSON", "WithPaths", "WithPathA",
+        "WithToken", "WithVolumeUUID", "WithContainer", "WithBsdName"}) {
     if (text.size() > tail.size() && text.ends_with(tail)) return text.substr(0, text.size() - tail.size());
   }
   return text;

@@ -44,6 +44,9 @@ enum class CommandQueue { delivery, query, mutation, mount, history, globalUserI
 // The protocols that export the command.
 enum class CommandProtocols { helper, helperAndFinder };
 
+// The protocol that a connection speaks.
+enum class ConnectionProtocol { helper, finder };
+
 struct CommandSpec {
   std::string_view selector;
   std::span<const ArgumentSpec> arguments;
@@ -62,8 +65,9 @@ struct CommandSpec {
 };
 
 [[nodiscard]] std::span<const CommandSpec> commandTable();
-// Null for a selector that isn't served.
-[[nodiscard]] const CommandSpec* findCommand(std::string_view selector);
+// Null for a selector that isn't served on such a connection.
+[[nodiscard]] const CommandSpec* findCommand(std::string_view selector,
+                                             ConnectionProtocol protocol = ConnectionProtocol::helper);
 
 // The entry line of a call; empty when the command logs none here.
 [[nodiscard]] std::string entryLine(const CommandSpec& command, const ArgumentValues& arguments);

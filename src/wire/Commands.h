@@ -138,6 +138,49 @@ struct ListSnapshots {
   }
 };
 
+struct IndexedXIDs {
+  static constexpr CommandTraits traits{.selector = "indexedXIDsOnVolume:reply:",
+                                        .reply = ReplyKind::data,
+                                        .replyRecord = "array of unsigned 64-bit",
+                                        .queue = CommandQueue::query,
+                                        .protocols = CommandProtocols::helperAndFinder};
+  std::string volumeUUID;
+  static constexpr auto fields() { return std::tuple(Field("volumeUUID", &IndexedXIDs::volumeUUID)); }
+};
+
+// Two directories, or two files, of this machine.
+struct CompareLocalPaths {
+  static constexpr CommandTraits traits{
+      .selector = "compareLocalPathsWithPathA:pathB:applyExclusions:subtreePath:reply:",
+      .reply = ReplyKind::data,
+      .replyRecord = "DiffResult",
+      .queue = CommandQueue::query};
+  std::string pathA;
+  std::string pathB;
+  bool applyExclusions = false;
+  std::optional<std::string> subtreePath;  // where the exclusions shall see the trees' roots
+  static constexpr auto fields() {
+    return std::tuple(Field("pathA", &CompareLocalPaths::pathA), Field("pathB", &CompareLocalPaths::pathB),
+                      Field("applyExclusions", &CompareLocalPaths::applyExclusions),
+                      Field("subtreePath", &CompareLocalPaths::subtreePath));
+  }
+};
+
+struct CompareSubtree {
+  static constexpr CommandTraits traits{.selector = "compareSubtreeOnVolume:path:xidA:xidB:reply:",
+                                        .reply = ReplyKind::data,
+                                        .replyRecord = "DiffResult",
+                                        .queue = CommandQueue::query};
+  std::string volumeUUID;
+  std::string path;
+  std::uint64_t xidA = 0;
+  std::uint64_t xidB = 0;
+  static constexpr auto fields() {
+    return std::tuple(Field("volumeUUID", &CompareSubtree::volumeUUID), Field("path", &CompareSubtree::path),
+                      Field("xidA", &CompareSubtree::xidA), Field("xidB", &CompareSubtree::xidB));
+  }
+};
+
 struct CreateSnapshot {
   static constexpr CommandTraits traits{.selector = "createSnapshotOnVolume:label:reply:",
                                         .reply = ReplyKind::string,
@@ -304,13 +347,77 @@ struct UnpinSnapshotMounts {
   static constexpr auto fields() { return std::tuple(Field("token", &UnpinSnapshotMounts::token)); }
 };
 
+struct ListUnservedSubvolumes {
+  static constexpr CommandTraits traits{.selector = "listUnservedSubvolumesWithReply:",
+                                        .reply = ReplyKind::data,
+                                        .replyRecord = "array of UnservedSubvolumes",
+                                        .queue = CommandQueue::query};
+  static constexpr auto fields() { return std::tuple(); }
+};
+
+// The reply is the path of a file that holds the DiffResult (wire/DiffResult.h), for the asking user's eyes alone.
+struct DiffSnapshots {
+  static constexpr CommandTraits traits{
+      .selector = "diffSnapshotsOnVolume:xidA:nameA:xidB:nameB:includeTree:ignoreExclusions:reply:",
+      .reply = ReplyKind::string,
+      .queue = CommandQueue::history,
+      .drains = true,
+      .entryLine = "XPC diffSnapshots(volume={volumeUUID}, {xidA} ↔ {xidB}{ignoreExclusions?, FULL SCAN})"};
+  std::string volumeUUID;
+  std::uint64_t xidA = 0;
+  std::string nameA;
+  std::uint64_t xidB = 0;
+  std::string nameB;
+  bool includeTree = false;
+  bool ignoreExclusions = false;
+  static constexpr auto fields() {
+    return std::tuple(Field("volumeUUID", &DiffSnapshots::volumeUUID), Field("xidA", &DiffSnapshots::xidA),
+                      Field("nameA", &DiffSnapshots::nameA), Field("xidB", &DiffSnapshots::xidB),
+                      Field("nameB", &DiffSnapshots::nameB), Field("includeTree", &DiffSnapshots::includeTree),
+                      Field("ignoreExclusions", &DiffSnapshots::ignoreExclusions));
+  }
+};
+
+struct ReindexVolume {
+  static constexpr CommandTraits traits{.selector = "reindexVolumeWithVolumeUUID:reply:",
+                                        .reply = ReplyKind::error,
+                                        .queue = CommandQueue::history,
+                                        .drains = true,
+                                        .entryLine = "XPC reindexVolume({volumeUUID})"};
+  std::string volumeUUID;
+  static constexpr auto fields() { return std::tuple(Field("volumeUUID", &ReindexVolume::volumeUUID)); }
+};
+
+struct ReindexAllVolumes {
+  static constexpr CommandTraits traits{.selector = "reindexAllVolumesWithReply:",
+                                        .reply = ReplyKind::error,
+                                        .queue = CommandQueue::history,
+                                        .drains = true,
+                                        .entryLine = "XPC reindexAllVolumes()"};
+  static constexpr auto fields() { return std::tuple(); }
+};
+
+struct ReindexSnapshot {
+  static constexpr CommandTraits traits{.selector = "reindexSnapshotOnVolume:xid:reply:",
+                                        .reply = ReplyKind::error,
+                                        .queue = CommandQueue::history,
+                                        .drains = true,
+                                        .entryLine = "XPC reindexSnapshot(volume={volumeUUID}, xid={xid})"};
+  std::string volumeUUID;
+  std::uint64_t xid = 0;
+  static constexpr auto fields() {
+    return std::tuple(Field("volumeUUID", &ReindexSnapshot::volumeUUID), Field("xid", &ReindexSnapshot::xid));
+  }
+};
+
 // In the order of the documents.
 using AllCommands =
     std::tuple<HelperVersion, HelperGitCommit, RequestQuit, ProtocolVersion, GetAuditLogHealth, HelperHealth,
                GetSchedule, SetSchedule, ListSchedules, GetFreeSpaceStates, GetHelperSettings, SetHelperSettings,
-               ForwardNotification, ListSnapshots, CreateSnapshot, CreateSafetySnapshot, DeleteSnapshot,
-               DeleteSnapshots, SetProtected, SetSnapshotTag, MountSnapshot, MountSnapshots, UnmountSnapshot,
-               UnmountSnapshots, PinSnapshotMounts, UnpinSnapshotMounts>;
+               ForwardNotification, ListSnapshots, IndexedXIDs, CompareLocalPaths, CompareSubtree, CreateSnapshot,
+               CreateSafetySnapshot, DeleteSnapshot, DeleteSnapshots, SetProtected, SetSnapshotTag, MountSnapshot,
+               MountSnapshots, UnmountSnapshot, UnmountSnapshots, PinSnapshotMounts, UnpinSnapshotMounts, DiffSnapshots,
+               ReindexVolume, ReindexAllVolumes, ReindexSnapshot, ListUnservedSubvolumes>;
 
 template <class Type>
 constexpr ArgumentType argumentType() {

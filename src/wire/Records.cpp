@@ -94,6 +94,26 @@ struct Description<HelperHealthStatus> {
 };
 
 template <>
+struct Description<StrandedSnapshotsRecord> {
+  static void fields(auto& field, auto& stranded) {
+    field("volumeUUID", stranded.volumeUUID);
+    field("snapshotCount", stranded.snapshotCount);
+    field("volumePath", stranded.volumePath);
+  }
+};
+
+template <>
+struct Description<UnservedSubvolumesRecord> {
+  static void fields(auto& field, auto& unserved) {
+    field("volumeUUID", unserved.volumeUUID);
+    field("fileSystemUUID", unserved.fileSystemUUID);
+    field("strandedSnapshots", unserved.strandedSnapshots);
+    field("nestedSubvolumeCount", unserved.nestedSubvolumeCount);
+    field("nestedSubvolumes", unserved.nestedSubvolumes);
+  }
+};
+
+template <>
 struct Description<AuditLogHealth> {
   static void fields(auto& field, auto& health) {
     field("failedWriteCount", health.failedWriteCount);
@@ -112,4 +132,6 @@ QUILLMARK_RECORD(quillmark::SnapshotPathOutcome)
 QUILLMARK_RECORD(quillmark::SnapshotDeleteSpec)
 QUILLMARK_RECORD(quillmark::SnapshotNameOutcome)
 QUILLMARK_RECORD(quillmark::HelperHealthStatus)
+QUILLMARK_RECORD(quillmark::UnservedSubvolumesRecord)
 QUILLMARK_RECORD(quillmark::AuditLogHealth)
+QUILLMARK_RECORD(quillmark::Xid)

@@ -81,6 +81,24 @@ struct HelperHealthStatus {
   bool operator==(const HelperHealthStatus&) const = default;
 };
 
+// Snapshots of ours whose volume isn't mounted.
+struct StrandedSnapshotsRecord {
+  std::string volumeUUID;
+  std::uint64_t snapshotCount = 0;
+  std::optional<std::string> volumePath;  // at the top level; absent when the volume is gone
+  bool operator==(const StrandedSnapshotsRecord&) const = default;
+};
+
+// What listings of a volume's snapshots don't tell (platform/UnservedSubvolumes.h).
+struct UnservedSubvolumesRecord {
+  std::string volumeUUID;  // upper case, like the next
+  std::string fileSystemUUID;
+  std::vector<StrandedSnapshotsRecord> strandedSnapshots;
+  std::uint64_t nestedSubvolumeCount = 0;
+  std::vector<std::string> nestedSubvolumes;  // the first of them
+  bool operator==(const UnservedSubvolumesRecord&) const = default;
+};
+
 // How the audit trail fares, since the service started.
 struct AuditLogHealth {
   std::int64_t failedWriteCount = 0;

@@ -89,7 +89,7 @@ bool isId(const json::value& id) { return id.is_string() || id.is_number() || id
 
 }  // namespace
 
-std::variant<RpcCall, RpcRefusal> decodeCall(std::string_view line) {
+std::variant<RpcCall, RpcRefusal> decodeCall(std::string_view line, ConnectionProtocol protocol) {
   std::optional<ParsedJson> parsed;
   try {
     parsed.emplace(line);
@@ -112,7 +112,7 @@ std::variant<RpcCall, RpcRefusal> decodeCall(std::string_view line) {
   }
   const json::value* method = request->if_contains("method");
   if (!method || !method->is_string()) return refuse(RpcFault::invalidRequest, "The request names no method.");
-  const CommandSpec* command = findCommand(method->get_string());
+  const CommandSpec* command = findCommand(method->get_string(), protocol);
   if (!command) {
     return refuse(RpcFault::methodNotFound, fmt::format("Unknown selector \"{}\".", std::string(method->get_string())));
   }

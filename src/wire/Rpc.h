@@ -37,7 +37,9 @@ struct RpcRefusal {
   bool answered = true;  // false for a malformed notification
 };
 
-[[nodiscard]] std::variant<RpcCall, RpcRefusal> decodeCall(std::string_view line);
+// What the connection's protocol doesn't export is unknown, whatever its arguments.
+[[nodiscard]] std::variant<RpcCall, RpcRefusal> decodeCall(std::string_view line,
+                                                           ConnectionProtocol protocol = ConnectionProtocol::helper);
 
 // The answer of a served call: a value as JSON text, a failure, or both when a completed operation has a follow-up failure.
 struct RpcReply {

@@ -19,8 +19,8 @@ class HelperCase(unittest.TestCase):
         self.helper.start()
         self.client = self.connect()
 
-    def make_volume(self, name, top_level=False):
-        volume = volumes.Volume(name, top_level)
+    def make_volume(self, name, *layout, **shape):
+        volume = volumes.Volume(name, *layout, **shape)
         self.made.append(volume)
         return volume
 
@@ -35,9 +35,11 @@ class HelperCase(unittest.TestCase):
             if entry.path.startswith("/Volumes/"):
                 sandbox.detach(entry.path)
                 os.rmdir(entry.path)
+        with_quotas = [volume.name for volume in self.made if volume.has_quotas()]
         for volume in self.made:
             volume.destroy()
         helper.forget()
+        self.assertEqual(with_quotas, [], "nothing that the service does switches quotas on")
 
     def run(self, result=None):
         before = len(result.failures) + len(result.errors)
@@ -54,6 +56,11 @@ class HelperCase(unittest.TestCase):
             call(*arguments, **named)
         self.assertEqual((caught.exception.domain, caught.exception.code, caught.exception.text),
                          ("com.harrowfern.quillmark.Error", code, text))
+
+    def indexed(self, volume=None):
+        """The listing, once it is indexed whole; else nothing."""
+        listed = self.client.list(volume or self.volume)
+        return listed if all(snapshot["isIndexed"] for snapshot in listed) else None
 
     def names(self, client=None, volume=None):
         return [snapshot["name"] for snapshot in (client or self.client).list(volume or self.volume)]

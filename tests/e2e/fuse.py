@@ -1,7 +1,7 @@
 """A FUSE file system of one file, served by a process of its own, that stops answering when it is told to.
 
 What a running program needs (the content of its file) is answered all the time; whoever asks for anything else, once it
-hangs, waits for ever. Messages: linux/fuse.h, protocol 7.
+hangs, waits until it goes on. The kernel remembers the file, not that another name is missing. Messages: linux/fuse.h, protocol 7.
 """
 
 import contextlib
@@ -43,20 +43,35 @@ def answer(code, number, body, content):
 
 
 def serve(device, content):
-    hangs = []
-    signal.signal(signal.SIGUSR1, lambda *_: hangs.append(True))
-    while True:
-        message = os.read(device, 1 << 17)
+    hangs, waiting = [], []
+
+    def reply(message):
         _, code, unique, number = struct.unpack_from("<2I2Q", message)
-        if code in (FORGET, BATCH_FORGET, INTERRUPT) or (hangs and code not in (READ, RELEASE)):
-            continue
         given = answer(code, number, message[40:], content)
         error, payload = (given, b"") if isinstance(given, int) else (0, given)
-        os.write(device, struct.pack("<IiQ", 16 + len(payload), error, unique) + payload)
+        with contextlib.suppress(FileNotFoundError):  # whoever asked is gone
+            os.write(device, struct.pack("<IiQ", 16 + len(payload), error, unique) + payload)
+
+    def go_on(*_):
+        hangs.clear()
+        while waiting:
+            reply(waiting.pop())
+
+    signal.signal(signal.SIGUSR1, lambda *_: hangs.append(True))
+    signal.signal(signal.SIGUSR2, go_on)
+    while True:
+        message = os.read(device, 1 << 17)
+        code = struct.unpack_from("<2I", message)[1]
+        if code in (FORGET, BATCH_FORGET, INTERRUPT):
+            continue
+        if hangs and code not in (READ, RELEASE):
+            waiting.append(message)
+        else:
+            reply(message)
 
 
 class HangingFile:
-    """The program's path, and hang()."""
+    """Its path, and what its server is told."""
 
     def __init__(self, path, server):
         self.path, self.server = path, server
@@ -64,12 +79,18 @@ class HangingFile:
     def hang(self):
         os.kill(self.server, signal.SIGUSR1)
 
+    def go_on(self):
+        os.kill(self.server, signal.SIGUSR2)
+
+
+def hanging_copy(program, point):
+    with open(program, "rb") as file:
+        return mounted(point, file.read())
+
 
 @contextlib.contextmanager
-def hanging_copy(program, point):
+def mounted(point, content=b""):
     os.makedirs(point, exist_ok=True)
-    with open(program, "rb") as file:
-        content = file.read()
     device = os.open("/dev/fuse", os.O_RDWR | os.O_CLOEXEC)
     sandbox.mount("hanging", point, "fuse", options=f"fd={device},rootmode=40000,user_id=0,group_id=0,allow_other")
     server = os.fork()

@@ -14,7 +14,8 @@ import time
 SOCKET = "/run/com.harrowfern.quillmark/helper.sock"
 STATE = "/var/db/com.harrowfern.Quillmark"
 LOG = "/var/log/com.harrowfern.quillmark.helper.log"
-PATIENCE = 30.0  # seconds; long past what anything takes, under sanitizers too
+ACTIVITY, NOTICES = "/var/lib/quillmark/activity.log", "/var/lib/quillmark/notifications.log"
+PATIENCE = 120.0  # seconds; long past what anything takes, under sanitizers too
 
 LIST = "listSnapshotsOnVolume:includeSizes:forceSizeRefresh:reply:"
 CREATE = "createSnapshotOnVolume:label:reply:"
@@ -23,12 +24,15 @@ MOUNT = "mountSnapshotWithName:onVolume:xid:reply:"
 UNMOUNT = "unmountSnapshotAtPath:reply:"
 VERSION = "helperVersionWithReply:"
 HEALTH = "helperHealthWithReply:"
+GET_SCHEDULE = "getScheduleForVolume:reply:"
+SET_SCHEDULE = "setScheduleForVolume:policyJSON:reply:"
+FREE_SPACE = "getFreeSpaceStatesWithReply:"
 
 PROGRAMS = os.environ.get("QUILLMARK_PROGRAMS", "")
 TEST_CLIENT = f"{PROGRAMS}/quillmark-test-client"
 
 
-def wait_until(holds, what, patience=PATIENCE):
+def wait_until(holds, what, patience=PATIENCE, pace=0.003):
     """For what sends no event. Returns the first true answer."""
     end = time.monotonic() + patience
     while True:
@@ -37,7 +41,7 @@ def wait_until(holds, what, patience=PATIENCE):
             return answer
         if time.monotonic() > end:
             raise AssertionError(f"never came: {what}")
-        time.sleep(0.003)
+        time.sleep(pace)
 
 
 class Refused(Exception):
@@ -143,6 +147,16 @@ class Client:
     def unmount(self, path):
         return self.call(UNMOUNT, path)
 
+    def schedule(self, volume, **changes):
+        """Changes what is stored, or what a volume without a schedule begins with."""
+        policy = dict(self.call(GET_SCHEDULE, volume.uuid), **changes)
+        return self.call(SET_SCHEDULE, volume.uuid, policy)
+
+    def pushed(self, selector):
+        """The parameters of all pushes of this kind so far."""
+        self.call(VERSION)
+        return [params for method, params in self.pushes if method == selector]
+
 
 def despite_changes(call, *arguments):
     """Again, as long as the service says that others changed the inventory under it."""
@@ -223,6 +237,12 @@ class Helper:
     def descriptors(self):
         return len(os.listdir(f"/proc/{self.pid}/fd"))
 
+    def cpu_seconds(self):
+        """Of a processor, used so far."""
+        with open(f"/proc/{self.pid}/stat") as status:
+            fields = status.read().rpartition(")")[2].split()
+        return (int(fields[11]) + int(fields[12])) / os.sysconf("SC_CLK_TCK")
+
     def resident_bytes(self):
         with open(f"/proc/{self.pid}/status") as status:
             return next(int(line.split()[1]) << 10 for line in status if line.startswith("VmRSS:"))
@@ -234,6 +254,15 @@ def log():
             return file.read()
     except FileNotFoundError:
         return ""
+
+
+def records(path):
+    """Of a log of JSON lines, the oldest first."""
+    try:
+        with open(path) as file:
+            return [json.loads(line) for line in file]
+    except FileNotFoundError:
+        return []
 
 
 def forget():

@@ -97,7 +97,12 @@ def _make_root(base, keep):
     run("mount", "-t", "proc", "proc", f"{root}/proc")
     run("mount", "-t", "sysfs", "sysfs", f"{root}/sys")
     run("mount", "--rbind", "/dev", f"{root}/dev")
-    for path in {os.path.realpath(p) for p in keep} | {p for p in ("/usr",) if os.path.ismount(p)}:
+    if os.path.ismount("/usr"):
+        for name in ("upper-usr", "work-usr"):
+            os.mkdir(f"{base}/{name}")
+        run("mount", "-t", "overlay", "-o", f"lowerdir=/usr,upperdir={base}/upper-usr,workdir={base}/work-usr", "qm-usr",
+            f"{root}/usr")
+    for path in {os.path.realpath(p) for p in keep}:
         os.makedirs(root + path, exist_ok=True)
         run("mount", "--bind", path, root + path)
     os.chdir(root)
@@ -113,9 +118,11 @@ def _pivot(new, old):
         raise OSError(ctypes.get_errno(), "pivot_root")
 
 
-# The host's own service, if it has one, is nothing to the one under test.
+# The host's own service, if it has one, and what a quickstart left there are nothing to the one under test.
 def _forget_what_was_installed():
-    for path in ("/var/db/com.harrowfern.Quillmark", "/var/lib/quillmark", "/Volumes"):
+    for path in ("/var/db/com.harrowfern.Quillmark", "/var/lib/quillmark", "/Volumes",
+                 "/usr/local/lib/quillmark-quickstart"):
         subprocess.run(["rm", "-rf", "--one-file-system", path], check=True)
     for path in ("/var/log/com.harrowfern.quillmark.helper.log", "/etc/com.harrowfern.quillmark"):
         subprocess.run(["rm", "-rf", path], check=True)
+    subprocess.run(["userdel", "quillmark-demo"], capture_output=True)

@@ -32,6 +32,23 @@ class Harness(unittest.TestCase):
             self.assertEqual(reader.read(), "text")
         self.assertFalse(os.path.exists(volume.path))
 
+    def test_quotas_are_seen_and_a_full_volume_is_full(self):
+        volume = volumes.Volume("full", size=256 << 20)
+        self.addCleanup(volume.destroy)
+        self.assertFalse(volume.has_quotas())
+        sandbox.run("btrfs", "quota", "enable", volume.path)
+        self.assertTrue(volume.has_quotas())
+        sandbox.run("btrfs", "quota", "disable", volume.path)
+        self.assertFalse(volume.has_quotas())
+        volume.fill()
+        volume.fill_with_names()
+        self.assertEqual(volume.free_bytes(), 0)
+        with self.assertRaises(OSError):
+            volume.reserve("more", 4096)
+        with self.assertRaises(OSError):
+            for number in range(100):
+                os.mknod(f"{volume.path}/{number:0250}")
+
     def test_the_hung_mount_really_hangs_whoever_asks_it(self):
         with hung_mount("/hung"):
             asking = subprocess.Popen([sys.executable, "-c", "import os; os.statvfs('/hung')"], stderr=subprocess.DEVNULL)

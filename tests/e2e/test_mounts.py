@@ -6,6 +6,7 @@ import json
 import os
 
 import sandbox
+import volumes
 from cases import HelperCase, OnBothLayouts
 from helper import HEALTH, PROGRAMS, quill, wait_until
 from volumes import is_mounted, mounts
@@ -66,7 +67,7 @@ class Mounting(HelperCase, OnBothLayouts):
 
     def test_unmounting_what_somebody_unmounted_already_is_refused_and_a_stranger_in_the_way_is_left_alone(self):
         name, xid, path = self.mounted(self.volume)
-        sandbox.run("umount", path)
+        volumes.release(path)
         with self.assertRaises(Exception) as caught:
             self.client.unmount(path)
         self.assertEqual(caught.exception.code, 1004)
@@ -96,7 +97,7 @@ class Around(HelperCase, OnBothLayouts):
     def test_a_volume_can_be_unmounted_and_checked_at_once(self):
         def test(volume):
             names = [self.client.create(volume, label) for label in ("a", "b")]
-            listed = self.client.list(volume)
+            listed = wait_until(lambda: self.indexed(volume), "the index of both")
             self.client.unmount(self.client.mount(volume, names[0], listed[0]["xid"]))
             volume.unmount()
             os.close(os.open(volume.device, os.O_RDWR | os.O_EXCL))

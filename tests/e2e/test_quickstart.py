@@ -74,7 +74,11 @@ class Quickstart(unittest.TestCase):
         said = self.walk()
         self.assertIn("auto.hourly.", said)
         self.assertEqual(said.count("Dear Ida"), 2, said)
-        for told in ("Refusing to delete a protected snapshot", "(exit code 4)", "with the letter", "you (quillmark-demo) are none",
+        self.assertRegex(said.replace(r"\x20", " "),
+                         r"Quillmark pruned 1 snapshot on data \(1 manual\)\. Reason: low free space \(recovered 21\.\d+ GB")
+        for told in ("added file /garden/seeds.txt", "deleted file /garden/weather.txt", "modified file /garden/beds.txt",
+                     "replaced symlink /garden/plan.txt", "moved file /garden/tools.txt /garden/shed.txt",
+                     "Refusing to delete a protected snapshot", "(exit code 4)", "with the letter", "you (quillmark-demo) are none",
                      f"{VISITOR} ", "(force)"):
             self.assertIn(told, said)
         self.assertFalse(is_known("passwd", VISITOR), "it leaves with the walk")

@@ -43,9 +43,10 @@ class QuillSchedule(HelperCase):
         watching = subprocess.Popen([f"{PROGRAMS}/quill", "watch"], stdout=subprocess.PIPE, text=True)
         self.addCleanup(watching.stdout.close)
         self.addCleanup(watching.kill)
-        line = ""
+        line, number = "", 0
         while " snapshots " not in line:
-            self.run_ok("create", "seen", "-v", "photos")
+            number += 1  # a label of its own: there may be many in one second
+            self.run_ok("create", f"seen-{number}", "-v", "photos")
             line = watching.stdout.readline()
         self.assertIn(f" snapshots photos {self.volume.uuid} changed", line)
         watching.send_signal(signal.SIGINT)

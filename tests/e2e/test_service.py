@@ -164,9 +164,13 @@ class Clients(HelperCase):
             listener.call(VERSION)
             for number in range(3):
                 self.client.create(self.volume, f"{number}")
-            push = json.loads(listener.read_line())
-            self.assertEqual((push["method"], push["params"]),
-                             ("snapshotsChangedWithVolumeUUID:", [self.volume.uuid.lower()]))
+            pushes = []
+            while not pushes or pushes[-1][0] != "snapshotsChangedWithVolumeUUID:":
+                push = json.loads(listener.read_line())
+                pushes.append((push["method"], push["params"]))
+            self.assertEqual(pushes[-1][1], [self.volume.uuid.lower()])
+            listener.call(VERSION)
+            self.assertNotIn("snapshotsChangedWithVolumeUUID:", [method for method, _ in listener.pushes])
 
     def test_a_stranger_is_turned_away(self):
         inner, outer = socket.socketpair()
@@ -222,7 +226,8 @@ class EndAndReturn(HelperCase):
         self.helper.kill()
         self.helper.start()
         client = self.connect()
-        self.assertEqual(client.list(self.volume), [snapshot])
+        [found] = client.list(self.volume)
+        self.assertEqual(found | {"isIndexed": None}, snapshot | {"isIndexed": None})  # it may be indexed by now
         self.assertEqual(client.mount(self.volume, name, snapshot["xid"]), path)
         client.unmount(path)
         self.assertFalse(os.path.exists(path))

@@ -6,6 +6,7 @@ import errno
 import fcntl
 import os
 import struct
+import time
 import uuid
 
 import sandbox
@@ -37,6 +38,26 @@ class Subvolume:
         self.xid = self.otransid << 16 | self.id & 0xFFFF
 
 
+_TREE_SEARCH = 0xD0009411  # _IOWR(0x94, 17, struct btrfs_ioctl_search_args)
+_SEARCH = struct.Struct("=7Q3I4028x")  # tree; least and greatest object, offset, transaction; types; how many
+_QUOTA_TREE, _ALL = 8, 2**64 - 1
+
+
+def has_quotas(path):
+    """Whether the file system keeps account of its subvolumes, at the cost of every commit."""
+    buffer = bytearray(_SEARCH.pack(_QUOTA_TREE, 0, _ALL, 0, _ALL, 0, _ALL, 0, 255, 1))
+    fd = os.open(path, os.O_RDONLY | os.O_DIRECTORY)
+    try:
+        fcntl.ioctl(fd, _TREE_SEARCH, buffer)
+        return True
+    except OSError as problem:
+        if problem.errno != errno.ENOENT:  # there is no such tree
+            raise
+        return False
+    finally:
+        os.close(fd)
+
+
 # linux/loop.h
 _LOOP_CTL_GET_FREE, _LOOP_CONFIGURE, _AUTOCLEAR = 0x4C82, 0x4C0A, 4
 _LOOP_CONFIG = struct.Struct("=II52xI176x64x")  # fd, block size, flags among much else
@@ -65,14 +86,14 @@ def attach(image):
 class Volume:
     """A file system of its own with one mounted, writable subvolume: the top level, or "@NAME"."""
 
-    def __init__(self, name, top_level=False):
+    def __init__(self, name, top_level=False, size=APPARENT_SIZE):
         self.name, self.is_top_level = name, top_level
         self.path = f"/data/{name}"
         self.image = f"{IMAGES}/{name}.img"
         os.makedirs(IMAGES, exist_ok=True)
         os.makedirs(self.path)
         with open(self.image, "wb") as image:
-            image.truncate(APPARENT_SIZE)
+            image.truncate(size)
         sandbox.run("mkfs.btrfs", "-q", "-L", name, self.image)
         self.device, self.kept = attach(self.image)
         self.subvolume = "/" if top_level else f"/@{name}"
@@ -86,7 +107,7 @@ class Volume:
         sandbox.run("mount", "-t", "btrfs", "-o", f"noatime,subvol={self.subvolume}", self.device, path or self.path)
 
     def unmount(self):
-        sandbox.run("umount", self.path)
+        release(self.path)
 
     @contextlib.contextmanager
     def mounted_top_level(self):
@@ -97,7 +118,7 @@ class Volume:
         try:
             yield path
         finally:
-            sandbox.run("umount", path)
+            release(path)
 
     def place(self, top):
         """Where the service keeps this volume's snapshots."""
@@ -118,6 +139,46 @@ class Volume:
             file.write(text)
         return path
 
+    def free_bytes(self):
+        blocks = os.statvfs(self.path)
+        return blocks.f_bavail * blocks.f_frsize
+
+    def reserve(self, name, size):
+        """A file whose space is taken from the volume and never written, so that it costs the machine nothing."""
+        fd = os.open(f"{self.path}/{name}", os.O_CREAT | os.O_WRONLY)
+        try:
+            os.posix_fallocate(fd, 0, size)
+        finally:
+            os.close(fd)
+
+    def fill(self):
+        """Takes all space for data, to the last block."""
+        size, number = 16 << 30, 0
+        while size >= 4096:
+            number += 1
+            try:
+                self.reserve(f"filler-{number}", size)
+            except OSError as problem:
+                if problem.errno != errno.ENOSPC:
+                    raise
+                size //= 4
+        sandbox.run("sync", "--file-system", self.path)
+
+    def fill_with_names(self):
+        """Takes the space for metadata too, as far as users are given it."""
+        os.mkdir(f"{self.path}/names")
+        try:
+            for number in range(1 << 20):
+                os.mknod(f"{self.path}/names/{number:0250}")
+        except OSError as problem:
+            if problem.errno != errno.ENOSPC:
+                raise
+        sandbox.run("sync", "--file-system", self.path)
+
+    def has_quotas(self):
+        with self.mounted_top_level() as top:
+            return has_quotas(top)
+
     def destroy(self):
         """Gone, whatever still holds it."""
         for entry in mounts():
@@ -126,6 +187,38 @@ class Volume:
         os.close(self.kept)
         os.unlink(self.image)
         os.rmdir(self.path)
+
+
+class Neighbour(Volume):
+    """One more subvolume of another volume's file system, mounted by itself."""
+
+    def __init__(self, name, host):
+        self.name, self.is_top_level = name, False
+        self.path, self.subvolume = f"/data/{name}", f"/@{name}"
+        self.device = host.device
+        os.makedirs(self.path)
+        with self.mounted_top_level() as top:
+            sandbox.run("btrfs", "subvolume", "create", f"{top}/@{name}")
+        self.mount()
+        self.uuid = Subvolume(self.path).uuid
+
+    def destroy(self):
+        for entry in mounts():
+            if entry.path == self.path:
+                sandbox.detach(entry.path)
+        os.rmdir(self.path)
+
+
+def release(path, patience=5.0):
+    """umount(8), again for a while: the service looks at what was mounted, and is in the way for that moment."""
+    end = time.monotonic() + patience
+    while True:
+        try:
+            return sandbox.run("umount", path)
+        except RuntimeError as problem:
+            if "busy" not in str(problem) or time.monotonic() > end:
+                raise
+        time.sleep(0.01)
 
 
 class Mount:

@@ -35,6 +35,16 @@ TEST(HelperNotifications, holdAKeyBackUntilItsCooldownIsOver) {
   }
 }
 
+TEST(HelperNotifications, areNotSilentForYearsAfterTheClockWasSetBack) {
+  sim::SimPosix files;
+  prepareMachine(files);
+  const Date start = sim::SimulationOptions().start;
+  EXPECT_EQ(NoticeLife(files, start + Seconds(1e8)).toldByPosting("low", "key"), everywhere);
+  NoticeLife back(files, start);
+  EXPECT_EQ(back.toldByPosting("low", "key"), everywhere);
+  EXPECT_EQ(back.toldByPosting("low", "key"), silence);
+}
+
 TEST(HelperNotifications, sendOutWithoutAKeyEachTime) {
   sim::SimPosix files;
   prepareMachine(files);

@@ -14,13 +14,16 @@ const std::string data = "30 20 0:40 /data /data rw - btrfs /dev/sda rw,subvolid
 std::string told(const std::vector<MountChanges::Change>& changes) {
   std::string text;
   for (const auto& change : changes) {
-    text += change.kind == appeared ? "+" : change.kind == disappeared ? "-" : "~";
+    text += change.kind == appeared          ? "+"
+            : change.kind == disappeared     ? "-"
+            : change.kind == servedElsewhere ? "@"
+                                             : "~";
     text += change.key.second + " ";
   }
   return text;
 }
 
-TEST(MountChanges, TellOfDisksOnceAndOfNothingElse) {
+TEST(MountChanges, TellOfDisksOnceAndOfTheRestOnlyWhatCameFromElsewhere) {
   struct Case {
     const char* what;
     std::string before, after, told;
@@ -45,7 +48,9 @@ TEST(MountChanges, TellOfDisksOnceAndOfNothingElse) {
       {"an overlay", "", "31 20 0:50 / /merged rw - overlay overlay rw,lowerdir=/a\n", ""},
       {"a namespace", "", "31 20 0:4 net:[4026532281] /run/netns/a rw - nsfs nsfs rw\n", ""},
       {"memory", "", "31 20 0:51 / /run/user/1000 rw - tmpfs tmpfs rw\n", ""},
-      {"a network's", "", "31 20 0:52 / /nfs rw - nfs4 host:/ rw\n", ""},
+      {"a network's", "", "31 20 0:52 / /nfs rw - nfs4 host:/ rw\n", "@/nfs "},
+      {"by FUSE over nothing", data, data + "31 30 0:52 / /data/ssh rw - fuse.sshfs host: rw\n", "@/data/ssh "},
+      {"the kernel's own", "", "31 20 0:52 / /dev/pts rw - devpts devpts rw\n", ""},
       {"a volume is covered", data, data + "31 30 0:51 / /data rw - tmpfs tmpfs rw\n", "-/data "},
       {"a volume is deleted while mounted", data,
        "30 20 0:40 /data//deleted /data rw - btrfs /dev/sda rw,subvolid=256\n", "-/data "},

@@ -4,8 +4,10 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <filesystem>
+#include <tuple>
 
 #include "base/UniqueFd.h"
 #include "platform/linux/PlatformLog.h"
@@ -22,6 +24,30 @@ TEST(LinuxUsersTest, namesAreThoseOfThePasswordDatabase) {
   LinuxUsers users;
   EXPECT_EQ(users.userName(0), "root");
   EXPECT_EQ(users.userName(4'000'000'001), std::nullopt);
+}
+
+TEST(LinuxUsersTest, allThatTheDatabaseListsComeWithTheirHomes) {
+  LinuxUsers users;
+  const auto listed = users.listedUsers();
+  const auto root = std::find_if(listed.begin(), listed.end(), [](const UserRecord& user) { return user.uid == 0; });
+  ASSERT_NE(root, listed.end());
+  EXPECT_EQ(root->name, "root");
+  const std::string link = testing::TempDir() + "/quillmark-home-" + std::to_string(::getpid());
+  std::filesystem::create_directory_symlink("/etc", link);
+  EXPECT_EQ(users.directoriesAt({link, "/etc/passwd", "/no/such/place"}),
+            (std::vector<std::optional<std::string>>{"/etc", std::nullopt, std::nullopt}));
+  std::filesystem::remove(link);
+}
+
+TEST(LinuxUsersTest, theBoundsOfPeopleStandInLoginDefs) {
+  const std::tuple<const char*, std::uint32_t, std::uint32_t> cases[] = {
+      {"", 1000, 60000},
+      {"# UID_MIN 1\nUID_MIN\t\t  500\nSYS_UID_MAX 499\nUID_MAX 0x10000 # comment", 500, 65536},
+      {"UID_MIN 01750\nUID_MAX many\nUID_MINE 3", 1000, 60000}};
+  for (const auto& [text, least, most] : cases) {
+    EXPECT_EQ(personIDsIn(text).least, least) << text;
+    EXPECT_EQ(personIDsIn(text).most, most) << text;
+  }
 }
 
 TEST(LinuxThisProcessTest, limitsAreReadAndSet) {

@@ -112,6 +112,12 @@ void BtrfsMachine::mount(const std::string& directory, const std::string& option
   shell("mount -t btrfs -o " + options + " " + device + " " + directory);
 }
 
+std::vector<std::string> BtrfsMachine::mountedVolumes() {
+  std::vector<std::string> paths = disks.mountedVolumePaths().value();
+  std::erase_if(paths, [&](const std::string& path) { return !path.starts_with(root + "/"); });
+  return paths;
+}
+
 VolumeUuid BtrfsMachine::uuidAt(const std::string& mountPoint) {
   const auto description = disks.describe(mountPoint);
   check(description && description->volumeUuid, "describe " + mountPoint);

@@ -35,6 +35,8 @@ class BtrfsMachine final {
   void mount(const std::string& directory, const std::string& options);
   [[nodiscard]] VolumeUuid uuidAt(const std::string& mountPoint);
   [[nodiscard]] std::unique_ptr<OpenVolume> open(const std::string& mountPoint);
+  // Without those that the host has.
+  [[nodiscard]] std::vector<std::string> mountedVolumes();
   [[nodiscard]] std::vector<std::string> names(const std::string& mountPoint);
 
   const std::string root;    // a directory of its own, gone with the machine

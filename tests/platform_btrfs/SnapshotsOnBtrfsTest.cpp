@@ -197,6 +197,52 @@ TEST_F(SnapshotsOnBtrfs, AMountOfASnapshotDeletedBehindOurBackStillLooksLikeOneA
   EXPECT_EQ(machine.calls.statfs(directory)->mntonname, "/mnt");
 }
 
+// Also one that held what was deleted and still open, which the kernel tidies up after making it.
+TEST_F(SnapshotsOnBtrfs, OnlyWhatSomebodyChangedInASnapshotCountsAsAChange) {
+  machine.shell("echo a > " + machine.volume + "/file");
+  ASSERT_EQ(create(machine.volume, "plain"), 0);
+  ASSERT_EQ(create(machine.volume, "changed"), 0);
+  const std::string orphan = machine.volume + "/orphan";
+  const UniqueFd open(::open(orphan.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600));
+  ASSERT_EQ(::pwrite(open.get(), "x", 1, 1 << 20), 1);
+  ASSERT_EQ(::unlink(orphan.c_str()), 0);
+  ASSERT_EQ(create(machine.volume, "tidied"), 0);
+
+  const auto xidOf = [&](const char* name) {
+    return contract::xidOf(machine.calls, *machine.open(machine.volume), name);
+  };
+  const auto changes = [&] {
+    machine.shell("btrfs filesystem sync " + machine.top);
+    return *machine.calls.changedSnapshots(*machine.open(machine.volume));
+  };
+  const std::string directory = makeDirectory("mounted");
+  const auto mountedChange = [&](const char* name) {
+    EXPECT_TRUE(machine.calls.fs_snapshot_mount(*machine.open(machine.volume), directory, name, xidOf(name),
+                                                mntReadOnly | mntNoSuid | mntNoDev));
+    const auto change = machine.calls.lastChange(directory);
+    EXPECT_TRUE(machine.calls.unmount(directory, false));
+    return *change;
+  };
+  EXPECT_EQ(mountedChange("plain"), 0u);
+  EXPECT_EQ(mountedChange("changed"), 0u);
+  const std::uint64_t tidied = mountedChange("tidied");
+  auto found = changes();
+  EXPECT_LE(found[xidOf("tidied")], tidied);
+  found.erase(xidOf("tidied"));
+  EXPECT_THAT(found, IsEmpty());
+
+  const std::string way = place() + "/changed";
+  machine.shell("btrfs property set -f " + way + " ro false; echo b > " + way + "/file; btrfs property set " + way +
+                " ro true");
+  const std::uint64_t before = mountedChange("changed");
+  found = changes();
+  found.erase(xidOf("tidied"));
+  EXPECT_EQ(found.size(), 1u);
+  EXPECT_GE(found[xidOf("changed")], before);
+  EXPECT_EQ(mountedChange("changed"), found[xidOf("changed")]);
+  EXPECT_EQ(mountedChange("plain"), 0u);
+}
+
 // No descriptor can be opened while it lives.
 class NoDescriptors final {
  public:
@@ -231,7 +277,7 @@ TEST_F(SnapshotsOnBtrfs, OnlyWholeWritableSubvolumesAreVolumes) {
   machine.mount(again, "subvol=data");
   machine.mount(readOnly, "ro,subvol=data");
   ASSERT_EQ(create(machine.top, "of-the-top"), 0);
-  EXPECT_THAT(*machine.disks.mountedVolumePaths(), ElementsAre(machine.top, machine.volume));
+  EXPECT_THAT(machine.mountedVolumes(), ElementsAre(machine.top, machine.volume));
   EXPECT_EQ(machine.disks.describe(bound)->volumeKind, "btrfs");
   EXPECT_EQ(machine.disks.describe(readOnly)->mediaWritable, false);
   EXPECT_EQ(machine.calls.open(bound, machine.uuidAt(machine.volume)).error(), ESTALE);
@@ -402,7 +448,7 @@ TEST_F(SnapshotsOnBtrfs, ADeadFileSystemHangsNothing) {
     EXPECT_EQ(status->fstypename, "fuse");
     EXPECT_EQ(machine.disks.describe(directory)->volumeKind, "fuse");
     EXPECT_FALSE(machine.disks.capacities(directory).total);
-    EXPECT_THAT(*machine.disks.mountedVolumePaths(), ElementsAre(machine.top, machine.volume));
+    EXPECT_THAT(machine.mountedVolumes(), ElementsAre(machine.top, machine.volume));
     EXPECT_THAT(machine.names(machine.volume), ElementsAre("s"));
     EXPECT_EQ(machine.calls.unmount(directory + "/below", false).error(), EINVAL);
     EXPECT_EQ(remove(machine.volume, "s"), 0);
@@ -410,7 +456,7 @@ TEST_F(SnapshotsOnBtrfs, ADeadFileSystemHangsNothing) {
   const VolumeUuid uuid = machine.uuidAt(machine.volume);
   const DeadMount over(machine.root);  // covers the volumes' mount points
   ASSERT_TRUE(over.mounted);
-  EXPECT_THAT(*machine.disks.mountedVolumePaths(), IsEmpty());
+  EXPECT_THAT(machine.mountedVolumes(), IsEmpty());
   EXPECT_FALSE(machine.disks.describe(machine.volume));
   EXPECT_EQ(machine.calls.open(machine.volume, uuid).error(), ENOENT);
   EXPECT_EQ(machine.calls.statfs(machine.volume)->mntonname, machine.root);
@@ -422,14 +468,15 @@ TEST_F(SnapshotsOnBtrfs, AVolumeBelowADeadFileSystemIsNotServedAndHangsNoOther) 
   const std::string dead = makeDirectory("dead"), lost = dead + "/lost";
   const VolumeUuid topUuid = machine.uuidAt(machine.top);
   machine.shell("umount " + machine.top);
+  const std::size_t mediaBefore = machine.disks.mediaBsdNames()->size();
   DeadMount server(dead);
   ASSERT_TRUE(server.mounted);
   server.answerWhile([&] { machine.mount(lost, "subvolid=5"); });
   ASSERT_TRUE(MountTable::read()->at(lost));
-  EXPECT_THAT(*machine.disks.mountedVolumePaths(), ElementsAre(machine.volume));
+  EXPECT_THAT(machine.mountedVolumes(), ElementsAre(machine.volume));
   EXPECT_EQ(machine.disks.describe(lost)->volumeUuid, std::nullopt);
   EXPECT_FALSE(machine.disks.capacities(lost).total);
-  EXPECT_EQ(machine.disks.mediaBsdNames()->size(), 2u);
+  EXPECT_EQ(machine.disks.mediaBsdNames()->size(), mediaBefore);
   EXPECT_EQ(machine.calls.open(lost, topUuid).error(), ESTALE);
   EXPECT_EQ(machine.calls.statfs(lost)->mntonname, lost);
   machine.shell("timeout 10 " DISKUTIL_PROGRAM " apfs list -plist");

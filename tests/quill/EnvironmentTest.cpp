@@ -38,9 +38,12 @@ TEST_F(Environment, keepsOnlyWhatTheOutputIsChosenBy) {
            {"LD_LIBRARY_PATH", "/home/ida"},
            {"ICU_DATA", "/home/ida"},
            {"PAGER", "evil"},
+           {"LESS", "-i"},
            {"PATH", "/home/ida/bin"},
            {"LOCPATH", "/home/ida"}});
-  keepHarmlessEnvironment();
+  const PagerWish pager = keepHarmlessEnvironment();
+  EXPECT_EQ(pager.program, "evil") << "for when it can do no harm";
+  EXPECT_EQ(pager.options, "-i");
   EXPECT_EQ(environmentNow(), (std::map<std::string, std::string>{{"TERM", "xterm-256color"},
                                                                   {"NO_COLOR", "1"},
                                                                   {"LANG", "de_DE.UTF-8@euro"},
@@ -61,11 +64,11 @@ TEST_F(Environment, dropsValuesThatNameFilesOrAreNoPlainNames) {
                                                        {"COLUMNS", "-1"}};
   for (const auto& [name, value] : table) {
     restore({{name, value}});
-    keepHarmlessEnvironment();
+    (void)keepHarmlessEnvironment();
     EXPECT_FALSE(std::getenv(name)) << name << "=" << value;
   }
   restore({{"TZ", std::string(1000, 'a')}});
-  keepHarmlessEnvironment();
+  (void)keepHarmlessEnvironment();
   EXPECT_FALSE(std::getenv("TZ"));
 }
 

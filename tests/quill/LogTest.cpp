@@ -112,10 +112,15 @@ TEST_F(Log, showsPeopleWhatMattersInTheirZoneAndWhyThingsFailed) {
                 name + "  (force)\n");
   world.terminal.columns = 80;
   EXPECT_EQ(world.run({"log", "-n", "2"}).output,
-            "TIME                 EVENT             BY         SNAPSHOT          DETAIL\n"
-            "2026-03-01 14:31:00  Snapshot Deleted  ida (GUI)  manual.2…Z.first  failed\n"
-            "  Refusing\\x1b[31m.\n"
-            "2026-03-01 14:31:00  Snapshot Deleted  ida        manual.2…Z.first  (force)\n");
+            "TIME                 EVENT             BY         VOLUME  DETAIL\n"
+            "2026-03-01 14:31:00  Snapshot Deleted  ida (GUI)  Data    failed\n"
+            "  " +
+                name +
+                "\n"
+                "  Refusing\\x1b[31m.\n"
+                "2026-03-01 14:31:00  Snapshot Deleted  ida        Data    (force)\n"
+                "  " +
+                name + "\n");
   EXPECT_THAT(world.run({"log", "--full"}).output, HasSubstr(" " + manualName("2026-03-01", "first") + "  (force)"));
 }
 

@@ -62,6 +62,37 @@ TEST(Quill, passesTheListingOnAsJSON) {
             "Data disk1s1 68719476736 1000 68719475736 NVMe /mnt/data " + dataUUID + "\n");
 }
 
+TEST(Quill, tellsWhatNoSnapshotHoldsAndWhichLostTheirVolume) {
+  QuillWorld world;
+  world.volumes.volumes.push_back(volumeNamed("Home", homeUUID, "disk1s2", "/home"));
+  const std::string fileSystem = "11111111-2222-4333-8444-555555555555", gone = "AAAAAAAA-2222-4333-8444-555555555555";
+  const std::vector<StrandedSnapshotsRecord> stranded{{gone, 3, std::nullopt}, {fileSystem, 1, "/@old"}};
+  world.unserved = {{dataUUID, fileSystem, stranded, 22, {"a", "b/c"}}, {homeUUID, fileSystem, stranded, 0, {}}};
+  EXPECT_THAT(world.run({"volumes"}).output, Not(HasSubstr("Note"))) << "a row for each volume, for programs";
+  EXPECT_THAT(world.helper.calls, IsEmpty());
+  world.terminal = {.outputIsTerminal = true, .obeysEscapes = true};
+  const std::string shown = world.run({"volumes"}).output;
+  EXPECT_THAT(shown,
+              HasSubstr("Note: The snapshots of Data leave 22 nested subvolumes out: a, b/c and 20 more. To have "
+                        "snapshots of one, mount it by itself.\n"
+                        "Note: 3 snapshots beside Data and Home are of a volume that is gone (" +
+                        gone + "), as after a rollback. "));
+  EXPECT_THAT(shown, HasSubstr("in .quillmark/aaaaaaaa-2222-4333-8444-555555555555, "));
+  EXPECT_TRUE(
+      shown.ends_with("Note: 1 snapshot beside Data and Home is of the subvolume \"/@old\", which isn't mounted: "
+                      "mount it to list and to delete them.\n"))
+      << "once for a file system: " << shown;
+  EXPECT_THAT(world.run({"volumes", "--json"}).output,
+              HasSubstr(R"("unservedSubvolumes":{"volumeUUID":")" + homeUUID + R"(","fileSystemUUID":")" + fileSystem));
+
+  world.helper.unreachable = posix(ENOENT);
+  const Result alone = world.run({"volumes"});
+  EXPECT_EQ(alone.exitCode, 0);
+  EXPECT_THAT(alone.output, Not(HasSubstr("Note")));
+  EXPECT_THAT(alone.errors, StartsWith("quill: what no snapshot holds isn't known without the helper: "));
+  EXPECT_EQ(world.run({"volumes", "--json"}).output, encodeJson(world.volumes.volumes) + "\n");
+}
+
 TEST(Quill, createsWithItsLabelOnTheChosenVolume) {
   QuillWorld world;
   CreateSnapshot seen;

@@ -62,11 +62,13 @@ void HelperEnd::send(std::string_view line) {
   for (std::string& text : helper_.reply(std::string(line))) waiting_.push_back(std::move(text));
 }
 
-std::string HelperEnd::receive(std::chrono::nanoseconds) {
+std::string HelperEnd::receive(std::chrono::nanoseconds timeout) {
   if (waiting_.empty() && !helper_.later.empty())
     throw Error(std::string(posixErrorDomain), EPIPE, "The Quillmark helper closed the connection.");
-  if (waiting_.empty())
+  if (waiting_.empty()) {
+    helper_.whileSilent(timeout);
     throw Error(std::string(posixErrorDomain), ETIMEDOUT, "The Quillmark helper did not answer in time.");
+  }
   std::string line = std::move(waiting_.front());
   waiting_.erase(waiting_.begin());
   return line;
@@ -90,10 +92,12 @@ QuillWorld::QuillWorld() {
   helper.on<SetProtected>([](auto&) { return RpcReply{}; });
   helper.on<SetSnapshotTag>([](auto&) { return RpcReply{}; });
   helper.on<RequestQuit>([](auto&) { return RpcReply{"true", {}}; });
+  helper.on<HelperHealth>([&](auto&) { return RpcReply{encodeJson(health), {}}; });
   helper.on<GetAuditLogHealth>([](auto&) { return RpcReply{encodeJson(AuditLogHealth()), {}}; });
   serveBatches();
   serveSchedules();
   paths.sharedDirectory = posix.root() + "/shared";
+  helper.whileSilent = [&](std::chrono::nanoseconds span) { simulation.runFor(span); };
 }
 
 void QuillWorld::serveBatches() {
@@ -132,6 +136,7 @@ void QuillWorld::serveSchedules() {
     settings = decodeJson<HelperSettings>(call.settings.text).normalized();
     return RpcReply{encodeJson(settings), {}};
   });
+  helper.on<ListUnservedSubvolumes>([&](auto&) { return RpcReply{encodeJson(unserved), {}}; });
   helper.on<GetFreeSpaceStates>([&](auto&) { return RpcReply{encodeJson(freeSpace), {}}; });
 }
 
@@ -156,7 +161,9 @@ Result QuillWorld::run(const std::vector<std::string>& arguments) {
               whileWaiting,
               [&] { return input; },
               [] {},
-              [&] { return admission; }};
+              [] {},
+              [&] { return admission; },
+              [&]() -> std::shared_ptr<void> { return ++timesPaged, nullptr; }};
   if (answer) world.confirm = [&](const std::string& question) { return questions.push_back(question), *answer; };
   const int exitCode = runQuill(arguments, world);
   return {exitCode, sink.output, sink.errors};

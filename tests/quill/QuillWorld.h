@@ -54,11 +54,12 @@ struct ScriptedHelper {
   [[nodiscard]] std::vector<std::string> reply(const std::string& line);
 
   std::map<std::string, std::function<RpcReply(const RpcCall&)>> answers;
-  std::vector<std::string> calls;        // selectors, the protocol's version left out
-  std::vector<std::string> pushes;       // sent before each reply
-  std::vector<std::string> later;        // sent behind the first reply; the connection ends after the last of them
-  std::optional<Error> unreachable;      // thrown on connecting
-  std::size_t callsUntilGone = 1000000;  // the connection then ends without a reply
+  std::vector<std::string> calls;   // selectors, the protocol's version left out
+  std::vector<std::string> pushes;  // sent before each reply
+  std::vector<std::string> later;   // sent behind the first reply; the connection ends after the last of them
+  std::function<void(std::chrono::nanoseconds)> whileSilent = [](auto) {};  // a client waited so long in vain
+  std::optional<Error> unreachable;                                         // thrown on connecting
+  std::size_t callsUntilGone = 1000000;                                     // the connection then ends without a reply
 };
 
 class HelperEnd final : public ClientChannel {
@@ -100,7 +101,9 @@ class QuillWorld {
   std::vector<SnapshotRecord> snapshots;
   std::map<std::string, SchedulePolicy> schedules;  // by lower-case UUID, as the helper keeps them
   HelperSettings settings;
+  HelperHealthStatus health;
   std::vector<VolumeFreeSpaceState> freeSpace;
+  std::vector<UnservedSubvolumesRecord> unserved;
   std::string input;  // standard input
   TerminalFacts terminal;
   sim::Simulation simulation;
@@ -109,6 +112,7 @@ class QuillWorld {
   std::optional<bool> answer;          // of a person who is asked; absent where nobody sits there
   std::vector<std::string> questions;  // that were put
   Admission admission;
+  int timesPaged = 0;
   // What happens while more is waited for; false: the person has had enough.
   std::function<bool()> whileWaiting = [] { return false; };
   // Written past the client, of the activity log's directory.

@@ -15,7 +15,8 @@ std::string push(const std::string& selector, const ArgumentValues& arguments) {
 
 TEST(Watch, tellsEachThingInALineUntilTheHelperEnds) {
   QuillWorld world;
-  HelperNotification notice{.id = "x", .title = "Bad", .message = "a\nb", .volumeUUID = dataUUID};
+  HelperNotification notice{
+      .id = "0F0E0D0C-0000-4000-8000-000000000001", .title = "Bad", .message = "a\nb", .volumeUUID = dataUUID};
   const VolumeFreeSpaceState state{.volumeUUID = dataUUID, .freeBytes = 30'000'000'000};
   const std::pair<std::string, std::string> cases[] = {
       {push("snapshotsChangedWithVolumeUUID:", {dataUUID}), "snapshots Data " + dataUUID + " changed"},

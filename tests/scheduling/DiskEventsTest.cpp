@@ -86,21 +86,5 @@ TEST(DiskEventLog, ItemisesSixtyEventsAnHour) {
             "disk-description-changed ? /b");
 }
 
-TEST(UnmountApproval, DissentsWhileAPinHoldsTheMount) {
-  SchedulerMachine machine;
-  const std::string path = machine.paths.userMountRoot + "/Data-x@snap-5";
-  machine.run([&] {
-    const std::string token = machine.pins.pin({path, "/mnt/x@snap-5"}, "Quick Look", std::nullopt, 90s);
-    EXPECT_EQ(
-        machine.scheduler->unmountDissent(path),
-        "Quillmark: this snapshot is in use (Quick Look). Close the window using it, or wait for the operation to "
-        "finish, then eject again.");
-    EXPECT_EQ(machine.scheduler->unmountDissent("/mnt/x@snap-5"), std::nullopt);
-    EXPECT_EQ(machine.scheduler->unmountDissent(path + "/below"), std::nullopt);
-    machine.pins.unpin(token);
-    EXPECT_EQ(machine.scheduler->unmountDissent(path), std::nullopt);
-  });
-}
-
 }  // namespace
 }  // namespace quillmark

@@ -355,5 +355,47 @@ TEST(LowSpacePass, OnABackupTargetOrAnAbsentVolumeDoesNothing) {
   }
 }
 
+// Goal:   of volumes that share their space one at a time loses snapshots for it, and the next sees what came back.
+// Method: two volumes on one disk and one on another are short of space, which comes back for the first two together, 50
+//         seconds after a deletion.
+TEST(LowSpacePass, OfVolumesThatShareTheirSpaceOneWaitsForTheOther) {
+  SchedulerMachine machine;
+  const Uuid neighbour = *Uuid::parse("11112233-4455-6677-8899-aabbccddeeff");
+  const Uuid stranger = *Uuid::parse("21112233-4455-6677-8899-aabbccddeeff");
+  machine.volumes.add(sim::makeSimVolume(neighbour, "Neighbour", "/Volumes/Neighbour", "disk1s2"));
+  machine.volumes.add(sim::makeSimVolume(stranger, "Stranger", "/Volumes/Stranger", "disk2s1"));
+  const auto setFree = [&](const Uuid& volume, std::int64_t bytes) {
+    machine.volumes.change(volume, [&](sim::SimVolume& changed) {
+      changed.blockSize = 1000;
+      changed.availableBlocks = blocks(bytes);
+    });
+  };
+  for (const Uuid& volume : {machine.uuid, neighbour, stranger}) {
+    setFree(volume, 49 * gigabyte);
+    for (int i = 0; i < 3; ++i) {
+      const Date made = nineOClock - day * (10 - i);
+      ASSERT_TRUE(machine.volumes.addSnapshot(volume, SnapshotNameInfo::format("", Kind::manual(), made), made));
+    }
+    machine.run([&] { machine.schedules.setPolicy(VolumeUuid(volume.lower()), pruningBelow(50 * gigabyte)); });
+  }
+  machine.volumes.watchCalls([&](sim::SimCall call, const std::string& subject) {
+    if (call != sim::SimCall::waitForSpace) return;
+    machine.life.delay(50s);
+    if (subject.find("Stranger") != std::string::npos) return setFree(stranger, 60 * gigabyte);
+    for (const Uuid& volume : {machine.uuid, neighbour}) setFree(volume, 60 * gigabyte);
+  });
+  machine.start();
+  machine.runFor(6s);
+  EXPECT_THAT(machine.volumes.snapshots(stranger), SizeIs(2)) << "waits for nobody";
+  machine.runFor(14min);
+  EXPECT_EQ(machine.volumes.snapshots(machine.uuid).size() + machine.volumes.snapshots(neighbour).size(), 5U);
+  EXPECT_THAT(machine.volumes.snapshots(stranger), SizeIs(2));
+
+  setFree(neighbour, 49 * gigabyte);
+  const std::size_t before = machine.volumes.snapshots(neighbour).size();
+  machine.runFor(15min);
+  EXPECT_EQ(machine.volumes.snapshots(neighbour).size(), before - 1) << "the turn was given back";
+}
+
 }  // namespace
 }  // namespace quillmark

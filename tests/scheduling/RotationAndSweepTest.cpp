@@ -367,6 +367,7 @@ TEST_F(Deleter, ForgetsAllThatWasKeptAboutTheSnapshot) {
     EXPECT_THAT(machine_.tags.tags(machine_.volume()), IsEmpty());
   });
   EXPECT_THAT(machine_.history.deleted, ElementsAre(xid));
+  EXPECT_THAT(machine_.history.claimed, ElementsAre(":foreign")) << "indexing gives it away first";
   EXPECT_THAT(machine_.audit.details(), ElementsAre("Because."));
   EXPECT_EQ(machine_.platformLog().back(), "pruned :foreign: Because.");
 }

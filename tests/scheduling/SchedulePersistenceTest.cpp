@@ -52,6 +52,19 @@ TEST(SchedulePersistence, keepsPoliciesNormalizedUnderFoldedUuids) {
   EXPECT_THAT(next.log.entries(), IsEmpty());
 }
 
+TEST(SchedulePersistence, stampsAPolicyByTheOneStoredBefore) {
+  sim::SimPosix files;
+  prepareMachine(files);
+  StoreLife life(files);
+  SchedulePolicy off = first;
+  off.enabled = false;
+  const Date early = Date::fromReference(1000);
+  EXPECT_EQ(life.schedules.stampAndSetPolicy(volumeA, off, early).scheduleDisabledAt, early);
+  EXPECT_EQ(life.schedules.stampAndSetPolicy(volumeA, off, early + Seconds(60)).scheduleDisabledAt, early);
+  EXPECT_FALSE(life.schedules.stampAndSetPolicy(volumeA, first, early + Seconds(120)).scheduleDisabledAt);
+  EXPECT_EQ(StoreLife(files).schedules.policy(volumeA), first.stamped(off, early));
+}
+
 TEST(SchedulePersistence, normalizesWhatAFileHolds) {
   sim::SimPosix files;
   prepareMachine(files);

@@ -25,7 +25,6 @@
 #include "scheduling/VolumeClockPersistence.h"
 #include "snapshots/APFSManager.h"
 #include "snapshots/MountNames.h"
-#include "snapshots/MountPinRegistry.h"
 #include "snapshots/SnapshotHistory.h"
 #include "snapshots/SnapshotMutationScope.h"
 #include "snapshots/SnapshotNamePersistence.h"
@@ -91,13 +90,20 @@ class RecordingTrail final : public AuditTrail {
 class RecordingHistory final : public SnapshotHistory {
  public:
   std::set<Xid> indexedXIDs(const VolumeUuid&) override { return {}; }
-  void snapshotCreated(const VolumeInfo&, const SnapshotRecord& snapshot) override { created.push_back(snapshot.name); }
+  void snapshotCreated(const VolumeInfo&, const SnapshotRecord& snapshot, Forced) override {
+    created.push_back(snapshot.name);
+  }
   void snapshotsDeleted(const VolumeInfo&, const std::vector<Xid>& xids) override {
     deleted.insert(deleted.end(), xids.begin(), xids.end());
+  }
+  std::shared_ptr<const void> claim(const VolumeUuid&, const std::string& snapshot) override {
+    claimed.push_back(snapshot);
+    return nullptr;
   }
   void reconcile(const VolumeUuid&) override {}
   std::vector<std::string> created;
   std::vector<Xid> deleted;
+  std::vector<std::string> claimed;
 };
 
 class RecordingLog final : public HelperLog {
@@ -117,7 +123,7 @@ class SchedulerMachine {
     }
     sim.processes().script(paths.diskutil, [this](const ProcessRequest& request) { return diskutil(request); });
     managed.callbacks.inventoryChanged = [this](const std::string& volumeUUID) {
-      if (!mutations.isOpen(volumeUUID)) ++changeNotices;
+      if (!mutations.holdsBack(volumeUUID)) ++changeNotices;
       scheduler->bumpGeneration(volumeUUID);
     };
     managed.callbacks.identityMigration = [this](const VolumeInfo& volume, const std::map<std::uint64_t, Xid>& xids) {
@@ -227,7 +233,6 @@ class SchedulerMachine {
   SnapshotNamePersistence displayNames{life.dispatch(), posix, life.random(), sim.log(), paths};
   SnapshotTagStore tags{life.dispatch(), posix, life.random(), platform.attributes, paths};
   SnapshotMutationScope mutations{life.dispatch()};
-  MountPinRegistry pins{life.dispatch(), life.random()};
   VolumeQueueRegistry queues{life.dispatch()};
   SnapshotIdentity identity{life.dispatch(),
                             platform.processes,
@@ -255,7 +260,6 @@ class SchedulerMachine {
       .apfs = apfs,
       .volumeQueues = queues,
       .mutations = mutations,
-      .mountPins = pins,
       .protection = protection,
       .names = displayNames,
       .tags = tags,

@@ -112,7 +112,9 @@ TEST(HelperNotification, ComesBackFromItsJson) {
 }
 
 TEST(HelperNotification, ReadsLinesOfOtherVersions) {
-  const std::string required = R"({"id":"A","timestamp":"2026-03-01T09:00:00Z")";
+  const std::string id = R"("id":"0F0E0D0C-0000-4000-8000-000000000001")",
+                    time = R"("timestamp":"2026-03-01T09:00:00Z")";
+  const std::string required = "{" + id + "," + time;
   const auto sparse = decodeJson<HelperNotification>(required + "}");
   EXPECT_EQ(sparse.kind, HelperNotification::Kind::post);
   EXPECT_EQ(sparse.category, NotificationCategory::info);
@@ -125,8 +127,9 @@ TEST(HelperNotification, ReadsLinesOfOtherVersions) {
   EXPECT_EQ(strange.category, NotificationCategory::info);
   EXPECT_EQ(strange.importance, NotificationImportance::normal);
   EXPECT_FALSE(strange.emailable);
-  EXPECT_THROW((void)decodeJson<HelperNotification>(R"({"id":"A"})"), Error);
-  EXPECT_THROW((void)decodeJson<HelperNotification>(R"({"timestamp":"2026-03-01T09:00:00Z"})"), Error);
+  for (const std::string& lacking : {id, time, R"("id":"A",)" + time}) {
+    EXPECT_THROW((void)decodeJson<HelperNotification>("{" + lacking + "}"), Error) << lacking;
+  }
 }
 
 }  // namespace

@@ -132,6 +132,18 @@ TEST(HealthNotices, countFromTheFirstTroubleWhateverItsText) {
   EXPECT_TRUE(patient.notices()[0].message.starts_with("history: 2. "));
 }
 
+TEST(HealthNotices, countAnewWhenTheClockWasSetBack) {
+  StateMachine machine;
+  Patient patient(machine);
+  patient.breakDown("index is broken");
+  (void)patient.look();
+  machine.simulation.jumpWallClock(Seconds(-86'400));
+  machine.simulation.runFor(121s);
+  EXPECT_THAT(patient.notices(), IsEmpty());
+  machine.simulation.runFor(121s);
+  EXPECT_THAT(patient.notices(), SizeIs(1)) << "and not a day later";
+}
+
 TEST(HealthNotices, endWhatAnEarlierLifeLeftActiveOnlyWhenItIsOver) {
   for (const bool isBroken : {false, true}) {
     StateMachine machine;
@@ -155,6 +167,30 @@ TEST(HealthNotices, endWhatAnEarlierLifeLeftActiveOnlyWhenItIsOver) {
     EXPECT_EQ(next.notices()[1].message, "The background service started healthy.");
     EXPECT_EQ(next.notices()[1].title, "Quillmark helper recovered");
   }
+}
+
+TEST(HealthNotices, tellOnceThatItIsWellAgainHoweverManyLookAtOnce) {
+  StateMachine machine;
+  Patient before(machine);
+  before.breakDown("index is broken");
+  (void)before.look();
+  machine.simulation.runFor(121s);
+  ASSERT_THAT(before.notices(), SizeIs(1));
+  const auto lookFourTimes = [&](Patient& patient) {
+    for (int i = 0; i < 4; ++i) machine.life.spawn("looking", [&] { (void)patient.monitor.evaluate(); });
+    machine.simulation.runUntilIdle();
+    return patient.notices().back().message;
+  };
+  Patient started(machine);
+  EXPECT_EQ(lookFourTimes(started), "The background service started healthy.");
+  EXPECT_THAT(started.notices(), SizeIs(2));
+
+  started.breakDown("index is broken");
+  (void)started.look();
+  machine.simulation.runFor(121s);
+  started.history = {};
+  EXPECT_THAT(lookFourTimes(started), ::testing::StartsWith("The problem cleared on its own; "));
+  EXPECT_THAT(started.notices(), SizeIs(4));
 }
 
 }  // namespace

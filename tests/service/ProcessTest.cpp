@@ -25,7 +25,9 @@ TEST(HelperProcess, saysHowItStarted) {
                   "Mach service: com.harrowfern.quillmark.helper", "Bundle: <none>  exe=quillmark-helper",
                   "scheduler started", "Scheduler started", "Listening on Mach service com.harrowfern.quillmark.helper",
                   "Designated requirement (peer must satisfy this):", StartsWith("  anchor apple generic and ("),
-                  "Entering RunLoop, ready to accept XPC connections"));
+                  "Entering RunLoop, ready to accept XPC connections",
+                  "re-index: registered 0 snapshot(s) on Data for rebuild",
+                  "history bootstrap completed for 1 volume(s)"));
 }
 
 TEST(HelperProcess, sweepsTheMountsOfAnEarlierLifeBeforeItServes) {
@@ -94,6 +96,35 @@ TEST(StateDirectory, isMadePrivateAgainAtEachStart) {
     EXPECT_EQ(mode(cache + "/x.json"), 0600U);
     EXPECT_EQ(mode(machine.paths.state("settings.json")), 0600U);
     EXPECT_EQ(mode(machine.paths.state("other")), 0644U) << "not ours";
+  });
+}
+
+// Goal:   what a process left that was killed while it replaced a file goes at the next start, and nothing else does.
+// Method: files that bear such names, and others that nearly do, in the directory, in those below it and in one of none.
+TEST(StateDirectory, losesWhatAKilledProcessLeftHalfWritten) {
+  ServiceMachine machine;
+  const std::string root = machine.paths.stateDirectory, uuid = "01234567-89ab-cdef-0123-456789abcdef";
+  const std::vector<std::string> left = {"settings.json.tmp." + uuid, "snapshot-xids/x.json.tmp." + uuid};
+  const std::vector<std::string> kept = {".tmp." + uuid,
+                                         "settings.json",
+                                         "settings.json.tmp",
+                                         "settings.json.tmp.0123",
+                                         "settings.json.tmp." + uuid + ".bak",
+                                         "settings.json.tmp.01234567-89AB-CDEF-0123-456789ABCDEF",
+                                         "others/x.tmp." + uuid};
+  machine.run([&] {
+    for (const char* directory : {"snapshot-xids", "others"})
+      createDirectories(machine.posix, root + "/" + directory, 0700);
+    createDirectories(machine.posix, root + "/directory.tmp." + uuid, 0700);
+    for (const auto& names : {left, kept}) {
+      for (const std::string& name : names) {
+        writeAtomically(machine.posix, machine.life.random(), root + "/" + name, "x", 0600);
+      }
+    }
+    secureStateDirectory(machine.posix, machine.paths);
+    for (const std::string& name : left) EXPECT_FALSE(machine.posix.lstat(root + "/" + name)) << name;
+    for (const std::string& name : kept) EXPECT_TRUE(machine.posix.lstat(root + "/" + name)) << name;
+    EXPECT_TRUE(machine.posix.lstat(root + "/directory.tmp." + uuid));
   });
 }
 

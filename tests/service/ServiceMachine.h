@@ -76,6 +76,15 @@ class TestClient {
   }
   [[nodiscard]] sim::SimPeer& peer() { return *peer_; }
 
+  // Those of one kind, as far as they came.
+  [[nodiscard]] std::vector<std::string> pushed(std::string_view selector) const {
+    std::vector<std::string> found;
+    for (const std::string& push : pushes) {
+      if (push.find(selector) != std::string::npos) found.push_back(push);
+    }
+    return found;
+  }
+
   std::vector<std::string> pushes;
 
  private:
@@ -112,7 +121,12 @@ class ServiceMachine {
     return found;
   }
 
-  [[nodiscard]] std::vector<HelperEvent> events() { return helper.environment().audit.readSince({}).events; }
+  // Of what was asked for: what is indexed by itself comes when it comes.
+  [[nodiscard]] std::vector<HelperEvent> events() {
+    std::vector<HelperEvent> events = helper.environment().audit.readSince({}).events;
+    std::erase_if(events, [](const HelperEvent& event) { return event.kind == HelperEvent::Kind::indexSnapshot; });
+    return events;
+  }
   // A volume whose snapshots are only shown.
   Uuid addBackupVolume() {
     Uuid backup = uuid;

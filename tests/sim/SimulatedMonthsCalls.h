@@ -24,6 +24,9 @@ struct Failures {
   std::set<std::string> cannotMeasure;  // mount points
   std::array<bool, cadences> cannotCreate{};
   bool cannotDelete = false;
+  bool cannotAudit = false;
+  std::set<std::string> cannotRead, cannotWrite;  // files of stores
+  std::set<Uuid> refusesAttributes;
 };
 
 // What is true of the machine's snapshots, as those know who did it.
@@ -84,6 +87,7 @@ class WitnessedCalls final : public SnapshotCalls {
     if (failures_.cannotMeasure.contains(path)) return Errno{EIO};
     return calls_.statfs(path);
   }
+  SysResult<std::vector<FileSystemStatus>> getmntinfo() override { return calls_.getmntinfo(); }
   bool waitForSpace(const std::string& mountPoint, std::chrono::nanoseconds duration) override {
     return calls_.waitForSpace(mountPoint, duration);
   }

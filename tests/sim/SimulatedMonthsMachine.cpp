@@ -10,6 +10,15 @@ namespace {
 
 constexpr std::uint64_t blockSize = 1000;
 constexpr std::size_t storyLength = 25;
+// By then it has been told at the latest that the helper is degraded, or well again.
+constexpr Moment longestUntold = 6 * 60 * second;
+
+const char* fileOf(Store store) {
+  constexpr const char* files[] = {
+      "schedules.json",           "settings.json",       "protected.json",    "volume-clocks.json",
+      "notifications-state.json", "snapshot-names.json", "snapshot-tags.json"};
+  return files[static_cast<std::size_t>(store)];
+}
 
 Moment momentOf(Date date) { return std::llround(date.secondsSinceReference()) * second; }
 
@@ -38,147 +47,24 @@ void stamp(ModelPolicy& policy, const std::optional<ModelPolicy>& before, double
   }
 }
 
-bool matches(const std::string& told, const std::string& expected) {
-  if (!expected.ends_with('*')) return told == expected;
-  return told.starts_with(std::string_view(expected).substr(0, expected.size() - 1));
-}
-
-double intervalOf(ScheduleEvent event) {
-  switch (event) {
-    case ScheduleEvent::skippedLowSpace: return 21600;
-    case ScheduleEvent::createFailed: return 3600;
-    case ScheduleEvent::noPruneCandidates:
-    case ScheduleEvent::softCeilingExceeded: return 86400;
-    case ScheduleEvent::pruneCompleted:
-    case ScheduleEvent::snapshotsDiscovered: break;
+// Stars in what is expected stand for anything.
+bool matches(std::string_view told, std::string_view expected) {
+  const auto star = expected.find('*');
+  if (star == std::string_view::npos) return told == expected;
+  if (!told.starts_with(expected.substr(0, star))) return false;
+  told.remove_prefix(star);
+  expected.remove_prefix(star + 1);
+  while (!matches(told, expected)) {
+    if (told.empty()) return false;
+    told.remove_prefix(1);
   }
-  return 0;
+  return true;
 }
 
 }  // namespace
 
-void Witness::broadcast(const std::string& volumeUUID, std::optional<SnapshotCadence> cadence, ScheduleEvent event,
-                        const std::string& message) {
-  const std::string volume = asciiLower(volumeUUID);
-  const std::string key = std::string(word(event)) + "(" + std::string(cadence ? word(*cadence) : "") + ")";
-  told.events[volume].push_back(key);
-  const bool isBySweep = message.find("natural lifespan ended") != std::string::npos;
-  if (isBySweep || intervalOf(event) > 0) mindThrottle(volume, isBySweep ? key + "sweep" : key, event);
-}
-
-void Witness::mindThrottle(const std::string& volume, const std::string& key, ScheduleEvent event) {
-  const double now = simulation_.clock().now().secondsSinceReference();
-  const double interval = event == ScheduleEvent::pruneCompleted ? 21600 : intervalOf(event);
-  const auto last = lastTold.find(volume + key);
-  if (last != lastTold.end() && now - last->second < interval - 1e-3) broken.push_back("told too often: " + key);
-  lastTold[volume + key] = now;
-}
-
-void Witness::post(const HelperNotification& notification) {
-  active_.insert(*notification.dedupeKey);
-  told.warnings[asciiLower(*notification.volumeUUID)].push_back("warned");
-}
-
-void Witness::resolve(const std::string& key, const std::string&, const std::string&) {
-  active_.erase(key);
-  told.warnings[asciiLower(key.substr(key.find(':') + 1))].push_back("resolved");
-}
-
-std::optional<Error> Witness::append(const HelperEvent& event) {
-  const std::string volume = asciiLower(event.volumeUUID);
-  const std::string what = event.kind == HelperEvent::Kind::createSnapshot ? "create" : "delete";
-  told.acts[volume].push_back(what + (event.succeeded ? " done [" : " failed [") + event.snapshotName.value_or("") +
-                              "] " + event.detail);
-  const auto seen = seenSince.find(volume);
-  const double now = simulation_.clock().now().secondsSinceReference();
-  if (event.succeeded && event.detail.starts_with("Expired") && seen != seenSince.end() && now < seen->second + 86400) {
-    broken.push_back("expired within a day of the first sighting: " + *event.snapshotName);
-  }
-  return std::nullopt;
-}
-
-Helper::Helper(sim::Simulation& simulation, sim::SimVolumes& volumes, std::unique_ptr<sim::SimPosix> files,
-               const Failures& failures, const Facts& facts, Witness& witness, std::function<void()> toldListed)
-    : life(simulation.startLife("helper")), sim(life, volumes, {.files = std::move(files)}), platform(sim.platform()),
-      paths(sim.paths()), calls(volumes, life.clock(), failures, facts),
-      protection(life.dispatch(), sim.files(), life.random(), sim.log(), platform.attributes, paths),
-      failingProtection(protection, failures),
-      displayNames(life.dispatch(), sim.files(), life.random(), sim.log(), paths),
-      tags(life.dispatch(), sim.files(), life.random(), platform.attributes, paths), mutations(life.dispatch()),
-      pins(life.dispatch(), life.random()), queues(life.dispatch()),
-      identity(life.dispatch(), platform.processes, platform.propertyLists, sim.files(), life.random(), sim.log(),
-               paths, SnapshotIdentity::FileIds::areXids),
-      managed{calls, platform.disks, sim.files(), sim.log(), paths, identity, {}}, apfs(managed, "apfs"),
-      volumeService(life.dispatch(), platform.disks, calls, platform.processes, platform.propertyLists, paths),
-      schedules(life.dispatch(), sim.files(), life.random(), sim.log(), paths),
-      settings(life.dispatch(), sim.files(), life.random(), log, paths),
-      clocks(life.dispatch(), sim.files(), life.random(), sim.log(), paths), listed(std::move(toldListed)) {
-  for (const std::string& directory : {paths.userMountRoot, paths.privateMountRoot, paths.stateDirectory}) {
-    createDirectories(sim.files(), directory, 0755);
-  }
-  sim.processes().script(paths.diskutil, [this, &volumes](const ProcessRequest& request) {
-    return sim::SimProgram{.output = snapshotCatalog(volumes, request.arguments.back())};
-  });
-  managed.callbacks.inventoryChanged = [this](const std::string& uuid) { scheduler->bumpGeneration(uuid); };
-  scheduler = Scheduler::make({
-      .dispatch = life.dispatch(),
-      .random = life.random(),
-      .calls = calls,
-      .disks = platform.disks,
-      .platformLog = sim.log(),
-      .log = log,
-      .paths = paths,
-      .apfs = apfs,
-      .volumeQueues = queues,
-      .mutations = mutations,
-      .mountPins = pins,
-      .protection = failingProtection,
-      .names = displayNames,
-      .tags = tags,
-      .audit = witness,
-      .schedules = schedules,
-      .settings = settings,
-      .clocks = clocks,
-      .notifier = witness,
-      .history = nullptr,
-      .volumeList =
-          [this] {
-            listed();
-            return volumeService.listVolumes();
-          },
-      .automaticDeletionBlocked = [this] { return !isTrusted(); },
-      .scheduleSnapshotsChanged = [](const std::string&) {},
-      .dropCachedXidData = {},
-      .invalidateVolumeList = {},
-      .volumeAppeared = {},
-  });
-}
-
-std::string Helper::snapshotCatalog(sim::SimVolumes& volumes, const std::string& bsdName) {
-  PropertyArray entries;
-  for (const sim::SimVolume& volume : volumes.volumes()) {
-    if (volume.description.mediaBsdName != bsdName) continue;
-    for (const sim::SimSnapshot& snapshot : volume.snapshots) {
-      entries.push_back(PropertyList(PropertyDictionary{{"SnapshotName", PropertyList(snapshot.name)},
-                                                        {"SnapshotXID", PropertyList(snapshot.xid.value)}}));
-    }
-  }
-  return platform.propertyLists.write(
-      PropertyList(PropertyDictionary{{"Snapshots", PropertyList(std::move(entries))}}));
-}
-
-bool Helper::isTrusted() {
-  if (schedules.loadFailureDescription() || settings.loadFailureDescription()) return false;
-  try {
-    protection.ensureLoaded();
-    return true;
-  } catch (const Error&) {
-    return false;
-  }
-}
-
 Machine::Machine(std::uint64_t seed, Date start, std::string zone)
-    : seed_(seed), simulation_({.seed = seed, .start = start, .timeZone = zone}), witness_(simulation_),
+    : seed_(seed), simulation_({.seed = seed, .start = start, .timeZone = zone}), witness_(simulation_, failures_),
       shift_(momentOf(start) - simulation_.clock().monotonic().time_since_epoch().count()) {
   model.zone = std::move(zone);
   facts_.slot = [this](int cadence) { return slotStart(cadence, now1970(), model.zone); };
@@ -192,6 +78,8 @@ void Machine::start(std::unique_ptr<sim::SimPosix> files) {
     wakes_.push_back({now(), false});
   });
   run([&] { helper_->scheduler->start(); });
+  healthAgreed_ = now() - shift_;
+  if (model.isDegraded()) troubleSince_ = now();
 }
 
 Moment Machine::now() { return simulation_.clock().monotonic().time_since_epoch().count() + shift_; }
@@ -210,6 +98,8 @@ void Machine::happened(const std::string& what) {
 void Machine::runUntil(Moment moment) {
   simulation_.runFor(std::chrono::nanoseconds(moment - now()));
   settle();
+  // As any disk does; what never gets there is kept, and grows, for a power cut that never comes.
+  if (++runs_ % 60 == 0) helper_->sim.files().syncEverything();
 }
 
 void Machine::sleepUntil(Moment moment) {
@@ -226,6 +116,10 @@ void Machine::jump(std::int64_t seconds) {
   happened("clock is set by " + std::to_string(seconds) + " s");
   if (seconds < 0) witness_.lastTold.clear();
   shift_ += seconds * second;
+  jumped_ += seconds * second;
+  troubleSince_.reset();
+  healthAgreed_ = now() - shift_;
+  for (auto& [uuid, volume] : model.volumes) volume.busyUntil = 0;
   simulation_.jumpWallClock(Seconds(static_cast<double>(seconds)));
   simulation_.runUntilIdle();
   settle();
@@ -237,7 +131,11 @@ void Machine::travel(const std::string& zone) {
   model.zone = zone;
 }
 
-void Machine::add(const Uuid& uuid, const std::string& name, bool isBackup) {
+void Machine::add(const Uuid& uuid, const std::string& name, bool isBackup, Attributes attributes) {
+  if (attributes == Attributes::refused) {
+    failures_.refusesAttributes.insert(uuid);
+    helper_->sim.attributes().refuseChanges(uuid, EROFS);
+  }
   const std::string bsd = "disk" + std::to_string(model.volumes.size() + 1) + "s1";
   sim::SimVolume volume = sim::makeSimVolume(uuid, name, "/Volumes/" + name, bsd);
   volume.blockSize = blockSize;
@@ -288,14 +186,14 @@ ModelSnapshot& Machine::at(const Uuid& uuid, const std::string& name) {
   for (ModelSnapshot& snapshot : at(uuid).snapshots) {
     if (snapshot.name == name) return snapshot;
   }
-  std::abort();
+  differ(at(uuid).name + " has no " + name);
 }
 
 sim::SimSnapshot Machine::simSnapshot(const Uuid& uuid, const std::string& name) {
   for (const sim::SimSnapshot& snapshot : volumes_.snapshots(uuid)) {
     if (snapshot.name == name) return snapshot;
   }
-  std::abort();
+  differ(at(uuid).name + " has no " + name);
 }
 
 void Machine::put(const Uuid& uuid, const std::string& name, double created, By by) {
@@ -318,16 +216,65 @@ void Machine::remove(const Uuid& uuid, const std::string& name) {
 }
 
 void Machine::protect(const Uuid& uuid, const std::string& name, bool isProtected) {
-  if (model.protectionDegraded) return;
+  if (model.protection != Model::Trouble::none) return;
   happened((isProtected ? "protects " : "no longer protects ") + name + " on " + at(uuid).name);
   const Xid xid = simSnapshot(uuid, name).xid;
-  run([&] {
+  const bool isInFile = failures_.refusesAttributes.contains(uuid);
+  const bool isStored = store(Store::protection, model.protection, isInFile && failsWrites(Store::protection), [&] {
     helper_->protection.setProtected(helper_->apfs.resolveVolume(uuid.upper()), isProtected,
                                      [&] { return std::optional(xid); });
   });
+  if (!isStored) return;
   at(uuid, name).isProtected = isProtected;
   if (isProtected) facts_.isProtected.insert(xid);
   if (!isProtected) facts_.isProtected.erase(xid);
+}
+
+void Machine::label(const Uuid& uuid, const std::string& name, const std::string& text) {
+  happened("labels " + name + " on " + at(uuid).name);
+  const auto isBroken = [&](Store store) { return failsWrites(store) || broken_.contains(store); };
+  std::optional<Error> failure;
+  bool isTagged = false;
+  run([&] {
+    const VolumeInfo volume = helper_->apfs.resolveVolume(uuid.upper());
+    failure = helper_->displayNames.setDisplayName(volume.key(), name, text);
+    try {
+      helper_->tags.setTag(volume, text, [&] { return std::optional(simSnapshot(uuid, name).xid); });
+      isTagged = true;
+    } catch (const Error&) {
+    }
+  });
+  if (failure.has_value() != isBroken(Store::names)) differ("a name is kept, or isn't");
+  if (!isTagged && !isBroken(Store::tags)) differ("a tag isn't kept");
+}
+
+bool Machine::store(Store which, Model::Trouble& state, bool isDiskBroken, FunctionRef<void()> work) {
+  const bool wasTrusted = state == Model::Trouble::none;
+  const bool failed = failsWrites(which);
+  if (isDiskBroken) failures_.cannotWrite.insert(fileOf(which));
+  std::optional<Error> refused;
+  run([&] {
+    try {
+      work();
+    } catch (const Error& error) {
+      refused = error;
+    }
+  });
+  if (!failed) failures_.cannotWrite.erase(fileOf(which));
+  if (refused.has_value() != (isDiskBroken || !wasTrusted))
+    differ(std::string(fileOf(which)) + " is written, or isn't");
+  const bool saysWhy =
+      !refused || wasTrusted || which == Store::protection ||
+      refused->description().find(" storage is degraded and cannot be overwritten: ") != std::string::npos;
+  if (!saysWhy) differ("refused with " + refused->description());
+  if (refused && wasTrusted) trouble(state, Model::Trouble::unwritten);
+  return !refused;
+}
+
+void Machine::trouble(Model::Trouble& store, Model::Trouble what) {
+  ++model.reached["a store failed in the middle"];
+  if (!model.isDegraded()) troubleSince_ = now();
+  store = what;
 }
 
 void Machine::mount(const Uuid& uuid, const std::string& name, bool isForIndexing) {
@@ -340,7 +287,7 @@ void Machine::mount(const Uuid& uuid, const std::string& name, bool isForIndexin
   const std::string indexing = helper_->paths.privateMountRoot + "/.index-" +
                                snapshotMountName(volume.name, volume.uuid) + "-" + std::to_string(xid.value);
   at(uuid, name).isMounted = true;
-  if (!volumes_.mount(uuid, isForIndexing ? indexing : user, name, mntReadOnly)) std::abort();
+  if (!volumes_.mount(uuid, isForIndexing ? indexing : user, name, mntReadOnly)) differ("can't mount " + name);
   simulation_.runUntilIdle();
   settle();
 }
@@ -351,7 +298,7 @@ void Machine::unmount(const Uuid& uuid, const std::string& name) {
     if (mount.xid != xid) continue;
     happened("unmounts " + name + " of " + at(uuid).name);
     at(uuid, name).isMounted = false;
-    if (!volumes_.unmount(mount.directory, true)) std::abort();
+    if (!volumes_.unmount(mount.directory, true)) differ("can't unmount " + mount.directory);
   }
   simulation_.runUntilIdle();
   settle();
@@ -369,23 +316,10 @@ void Machine::setBytes(const Uuid& uuid, const std::string& name, std::int64_t b
 bool Machine::setPolicy(const Uuid& uuid, ModelPolicy policy, bool isDiskBroken) {
   happened("policy of " + at(uuid).name + (policy.enabled ? " on" : " off") + (isDiskBroken ? " fails" : ""));
   stamp(policy, at(uuid).policy, secondsOf(now()));
-  if (isDiskBroken)
-    helper_->sim.files().setPlan({.fault = sim::Fault::fail, .atCall = 1, .only = sim::PosixCall::write});
-  bool isStored = false;
-  run([&] {
-    const VolumeUuid volume(uuid.lower());
-    std::optional<SchedulePolicy> before;
-    if (helper_->schedules.hasPolicy(volume)) before = helper_->schedules.policy(volume);
-    try {
-      helper_->schedules.setPolicy(volume, policyOf(policy).stamped(before, helper_->life.clock().now()));
-      helper_->scheduler->bumpGeneration(uuid.lower());
-      isStored = true;
-    } catch (const Error&) {
-    }
+  const bool isStored = store(Store::schedules, model.schedules, isDiskBroken, [&] {
+    helper_->schedules.stampAndSetPolicy(VolumeUuid(uuid.lower()), policyOf(policy), helper_->life.clock().now());
+    helper_->scheduler->bumpGeneration(uuid.lower());
   });
-  if (isStored != (!isDiskBroken && !model.schedulesDegraded)) differ("a policy is stored, or isn't");
-  if (isDiskBroken) helper_->sim.files().setPlan({});
-  if (isDiskBroken) model.schedulesDegraded = true;
   if (!isStored) return false;
   at(uuid).policy = policy;
   ++at(uuid).generation;
@@ -397,67 +331,82 @@ bool Machine::setPolicy(const Uuid& uuid, ModelPolicy policy, bool isDiskBroken)
 bool Machine::setSettings(bool automaticDeletion, int safetyHours, bool isDiskBroken) {
   happened("settings: deletion " + std::to_string(automaticDeletion) + ", hours " + std::to_string(safetyHours) +
            (isDiskBroken ? " fail" : ""));
-  if (isDiskBroken)
-    helper_->sim.files().setPlan({.fault = sim::Fault::fail, .atCall = 1, .only = sim::PosixCall::write});
-  bool isStored = false;
-  run([&] {
+  const bool isStored = store(Store::settings, model.settings, isDiskBroken, [&] {
     HelperSettings settings;
     settings.automaticDeletionEnabled = automaticDeletion;
     settings.safetySnapshotRetentionHours = safetyHours;
-    try {
-      helper_->settings.update(settings);
-      isStored = true;
-    } catch (const Error&) {
-    }
+    helper_->settings.update(settings);
   });
-  if (isStored != (!isDiskBroken && !model.settingsDegraded)) differ("settings are stored, or aren't");
-  if (isDiskBroken) helper_->sim.files().setPlan({});
-  if (isDiskBroken) model.settingsDegraded = true;
   if (!isStored) return false;
   model.automaticDeletion = automaticDeletion;
   model.safetyHours = safetyHours;
   return true;
 }
 
-void Machine::restart(const std::set<Store>& unreadable) {
-  happened("helper starts anew, stores unreadable: " + std::to_string(unreadable.size()));
+void Machine::restart(const std::map<Store, Broken>& broken) {
+  std::string which;
+  for (const auto& [store, how] : broken) which += std::string(" ") + fileOf(store);
+  happened("helper starts anew, broken:" + which);
   run([&] { helper_->scheduler->stop(); });
   helper_->scheduler.reset();
   helper_->life.end();
   auto files = helper_->sim.files().copyForSuccessor(&simulation_.clock());
   const std::string oldRoot = helper_->sim.files().root();
   helper_.reset();
-  const HostPaths paths = sim::hostPathsUnder(files->root());
   // Each process of the simulator's has a root of its own.
   for (const auto& mount : volumes_.mounts()) {
-    if (!volumes_.unmount(mount.directory, true)) std::abort();
+    if (!volumes_.unmount(mount.directory, true)) differ("can't unmount " + mount.directory);
     const std::string directory = files->root() + mount.directory.substr(oldRoot.size());
-    if (!volumes_.mount(mount.volume, directory, mount.snapshot, mount.flags)) std::abort();
+    if (!volumes_.mount(mount.volume, directory, mount.snapshot, mount.flags)) differ("can't mount " + directory);
   }
-  sim::Draws draws(seed_);
-  const auto put = [&](Store store, const std::optional<std::string>& text) {
-    const std::string path = paths.state(storeFiles[static_cast<int>(store)]);
-    if (text) writeAtomically(*files, draws, path, *text, 0600);
-    if (!text) (void)files->unlink(path);
+  breakStores(*files, broken);
+  const auto troubleOf = [&](Store store) {
+    return broken.contains(store) ? Model::Trouble::unreadable : Model::Trouble::none;
   };
-  for (const auto& [store, text] : std::exchange(brokenStores_, {})) put(store, text);
-  for (const Store store : unreadable) {
-    if (store != Store::clocks)
-      brokenStores_[store] = readFile(*files, paths.state(storeFiles[static_cast<int>(store)]));
-    put(store, "no JSON");
-  }
-  model.schedulesDegraded = unreadable.contains(Store::schedules);
-  model.settingsDegraded = unreadable.contains(Store::settings);
-  model.protectionDegraded = unreadable.contains(Store::protection);
-  model.restart();
-  if (unreadable.contains(Store::clocks)) {
-    witness_.seenSince.clear();
-    for (auto& [uuid, volume] : model.volumes) {
-      volume.firstSeen.reset();
-      volume.isNoticeSent = false;
-    }
+  model.schedules = troubleOf(Store::schedules);
+  model.settings = troubleOf(Store::settings);
+  model.protection = troubleOf(Store::protection);
+  restartModel(broken);
+  witness_.seenSince.clear();
+  for (const auto& [uuid, volume] : model.volumes) {
+    if (volume.firstSeen) witness_.seenSince[uuid] = *volume.firstSeen;
   }
   start(std::move(files));
+}
+
+void Machine::breakStores(sim::SimPosix& files, const std::map<Store, Broken>& broken) {
+  const HostPaths paths = sim::hostPathsUnder(files.root());
+  sim::Draws draws(seed_);
+  const auto put = [&](Store store, const std::optional<std::string>& text) {
+    const std::string path = paths.state(fileOf(store));
+    if (text) writeAtomically(files, draws, path, *text, 0600);
+    if (!text) (void)files.unlink(path);
+  };
+  for (const auto& [store, text] : std::exchange(garbled_, {})) put(store, text);
+  broken_.clear();
+  failures_.cannotRead.clear();
+  for (const auto& [store, how] : broken) {
+    ++model.reached["a store was broken at the start"];
+    broken_.insert(store);
+    if (how == Broken::unreadable && files.lstat(paths.state(fileOf(store)))) {
+      failures_.cannotRead.insert(fileOf(store));
+      continue;
+    }
+    // Some are written again as if they had been empty.
+    const bool isReplaced = store == Store::clocks || store == Store::notices;
+    if (!isReplaced) garbled_[store] = readFile(files, paths.state(fileOf(store)));
+    put(store, "no JSON");
+  }
+}
+
+void Machine::restartModel(const std::map<Store, Broken>& broken) {
+  const auto clocks = model.clocksOnDisk;
+  const auto posted = model.postedOnDisk;
+  if (broken.contains(Store::clocks)) model.clocksOnDisk.clear();
+  if (broken.contains(Store::notices)) model.postedOnDisk.clear();
+  model.restart();
+  if (failures_.cannotRead.contains(fileOf(Store::clocks))) model.clocksOnDisk = clocks;
+  if (failures_.cannotRead.contains(fileOf(Store::notices))) model.postedOnDisk = posted;
 }
 
 void Machine::fail(const Uuid& uuid, Failing what, bool fails) {
@@ -484,6 +433,60 @@ void Machine::failDeletion(bool fails) {
   model.cannotDelete = fails;
 }
 
+void Machine::failAudit(bool fails) {
+  happened(fails ? "nothing can be recorded" : "things can be recorded");
+  failures_.cannotAudit = fails;
+}
+
+void Machine::failWrites(Store store, bool fails) {
+  happened(std::string(fileOf(store)) + (fails ? " can't be written" : " can be written"));
+  if (fails) failures_.cannotWrite.insert(fileOf(store));
+  if (!fails) failures_.cannotWrite.erase(fileOf(store));
+  if (store == Store::clocks) model.cannotSaveClocks = fails;
+  if (store == Store::notices) model.cannotSaveNotices = fails;
+}
+
+bool Machine::failsWrites(Store store) const { return failures_.cannotWrite.contains(fileOf(store)); }
+
+void Machine::askHealth() {
+  HelperHealthStatus status;
+  run([&] { status = helper_->health.evaluate(); });
+  std::string problem;
+  const std::pair<const char*, const HelperSubsystemHealth*> stores[] = {
+      {"schedules: ", &status.schedules}, {"settings: ", &status.settings}, {"protection: ", &status.protection}};
+  for (const auto& [name, health] : stores) {
+    if (health->state == HelperSubsystemState::healthy) continue;
+    if (health->state != HelperSubsystemState::unavailable) differ(std::string(name) + "is neither well nor away");
+    problem += (problem.empty() ? "" : "; ") + (name + health->detail.value_or(""));
+  }
+  if (!matches(problem, model.problem())) differ("health says " + problem + "; it is " + model.problem());
+  settle();
+}
+
+void Machine::watchHealth() {
+  const Moment awake = now() - shift_;
+  if (model.isDegraded() == model.isHealthTold()) healthAgreed_ = awake;
+  if (awake - healthAgreed_ > longestUntold) {
+    differ(model.isDegraded() ? "nobody was told that the helper is degraded"
+                              : "nobody was told that it is well again");
+  }
+}
+
+void Machine::hearOfHealth(const std::string& notice) {
+  happened(notice);
+  const bool isTrouble = notice.starts_with("Quillmark helper is degraded: ");
+  const std::string expected = isTrouble ? "Quillmark helper is degraded: " + model.problem() +
+                                               ". Automatic snapshot deletion is paused until helper health recovers. "
+                                               "Reference: *."
+                                         : "Quillmark helper recovered: The background service started healthy.";
+  if (!matches(notice, expected)) differ("people were told: " + notice);
+  if (isTrouble != model.isDegraded()) differ("told of a health that it doesn't have");
+  if (isTrouble == model.isHealthTold()) differ("told twice of its health");
+  if (isTrouble && troubleSince_ && now() - *troubleSince_ < 120 * second) differ("told too soon of its health");
+  ++model.reached[isTrouble ? "told that it is degraded" : "told that it is well again"];
+  model.healthTold(now(), isTrouble);
+}
+
 bool Machine::isBusy() {
   return std::any_of(model.volumes.begin(), model.volumes.end(),
                      [&](const auto& entry) { return entry.second.busyUntil > now(); });
@@ -505,6 +508,9 @@ void Machine::tellModel() {
 }
 
 void Machine::settle() {
+  // Before what warnings bring: what is saved with them forgets a health that was told a week ago.
+  auto& notices = witness_.told.notices[""];
+  for (; !notices.empty(); notices.pop_front()) hearOfHealth(notices.front());
   tellModel();
   if (!isBusy()) compare();
 }
@@ -513,12 +519,14 @@ void Machine::compare() {
   for (auto& broken : {&witness_.broken, &helper_->calls.broken}) {
     if (!broken->empty()) differ(broken->front());
   }
+  watchHealth();
   bool didSomething = false;
   for (const auto& [uuid, volume] : model.volumes) {
     auto& acts = model.acts[uuid];
     didSomething = didSomething || !acts.empty();
     compare(uuid, "did", witness_.told.acts[uuid], acts);
     compare(uuid, "told", witness_.told.events[uuid], model.events[uuid]);
+    compare(uuid, "told people", witness_.told.notices[uuid], model.notices[uuid]);
     compare(uuid, "warned", witness_.told.warnings[uuid], model.warnings[uuid]);
   }
   if (didSomething || ++settled_ % 64 == 0) compareSnapshots();
@@ -556,6 +564,7 @@ void Machine::compareSnapshots() {
 void Machine::differ(const std::string& what) {
   std::string text = what + "\nat " + stampText(now1970()) + " in " + model.zone + "\nbefore that:";
   for (const std::string& line : story) text += "\n  " + line;
+  if (!helper_) throw Difference(text);
   const auto& log = helper_->sim.log().entries();
   text += "\nits log ends:";
   for (std::size_t i = log.size() - std::min<std::size_t>(log.size(), 5); i < log.size(); ++i) {

@@ -9,9 +9,8 @@
 #include <string>
 #include <vector>
 
-#include "SimulatedMonthsCalls.h"
+#include "SimulatedMonthsHelper.h"
 #include "SimulatedMonthsModel.h"
-#include "tests/scheduling/SchedulerMachine.h"
 
 namespace quillmark::months {
 
@@ -20,75 +19,9 @@ class Difference final : public std::runtime_error {
   using std::runtime_error::runtime_error;
 };
 
-// All that the helper tells anybody, by volume.
-struct Told {
-  std::map<std::string, std::deque<std::string>> acts, events, warnings;
-};
-
-class Witness final : public ScheduleEventNotifier, public AuditTrail {
- public:
-  explicit Witness(sim::Simulation& simulation) : simulation_(simulation) {}
-
-  void broadcast(const std::string& volumeUUID, std::optional<SnapshotCadence> cadence, ScheduleEvent event,
-                 const std::string& message) override;
-  void pushFreeSpaceStates(const std::string&) override { freeSpaceTold(); }
-  void deliver(const HelperNotification&) override { ++delivered; }
-  void post(const HelperNotification& notification) override;
-  bool isActive(const std::string& key) override { return active_.contains(key); }
-  void resolve(const std::string& key, const std::string& title, const std::string& message) override;
-  std::optional<Error> append(const HelperEvent& event) override;
-
-  Told told;
-  std::vector<std::string> broken;
-  std::function<void()> freeSpaceTold;
-  std::map<std::string, double> seenSince;  // the first sighting of each volume
-  std::map<std::string, double> lastTold;   // since the clock was set back or the process began
-  int delivered = 0;
-
- private:
-  void mindThrottle(const std::string& volume, const std::string& key, ScheduleEvent event);
-  sim::Simulation& simulation_;
-  std::set<std::string> active_;
-};
-
-// One process of the helper's.
-class Helper final {
- public:
-  Helper(sim::Simulation& simulation, sim::SimVolumes& volumes, std::unique_ptr<sim::SimPosix> files,
-         const Failures& failures, const Facts& facts, Witness& witness, std::function<void()> listed);
-  ~Helper() = default;
-  Helper(const Helper&) = delete;
-  Helper& operator=(const Helper&) = delete;
-
-  [[nodiscard]] bool isTrusted();
-  [[nodiscard]] std::string snapshotCatalog(sim::SimVolumes& volumes, const std::string& bsdName);
-
-  sim::Life& life;
-  sim::SimPlatform sim;
-  const Platform platform;
-  const HostPaths& paths;
-  WitnessedCalls calls;
-  RecordingLog log;
-  VolumeProtectionStore protection;
-  FailingProtection failingProtection;
-  SnapshotNamePersistence displayNames;
-  SnapshotTagStore tags;
-  SnapshotMutationScope mutations;
-  MountPinRegistry pins;
-  VolumeQueueRegistry queues;
-  SnapshotIdentity identity;
-  SnapshotServices managed;
-  APFSManager apfs;
-  VolumeService volumeService;
-  SchedulePersistence schedules;
-  HelperSettingsPersistence settings;
-  VolumeClockPersistence clocks;
-  std::function<void()> listed;
-  std::shared_ptr<Scheduler> scheduler;
-};
-
-enum class Store { schedules, settings, protection, clocks };
-inline constexpr const char* storeFiles[] = {"schedules.json", "settings.json", "protected.json", "volume-clocks.json"};
+enum class Store { schedules, settings, protection, clocks, notices, names, tags };
+inline constexpr Store allStores[] = {Store::schedules, Store::settings, Store::protection, Store::clocks,
+                                      Store::notices,   Store::names,    Store::tags};
 
 class Machine final {
  public:
@@ -97,13 +30,16 @@ class Machine final {
   // Time.
   [[nodiscard]] Moment now();
   [[nodiscard]] std::int64_t now1970();
+  // Whatever the clock was set to meanwhile.
+  [[nodiscard]] Moment lived() { return now() - jumped_; }
   void runUntil(Moment moment);
   void sleepUntil(Moment moment);
   void jump(std::int64_t seconds);
   void travel(const std::string& zone);
 
   // Volumes.
-  void add(const Uuid& uuid, const std::string& name, bool isBackup);
+  enum class Attributes { kept, refused };
+  void add(const Uuid& uuid, const std::string& name, bool isBackup, Attributes attributes = Attributes::kept);
   void takeAway(const Uuid& uuid);
   void bringBack(const Uuid& uuid);
   void setFree(const Uuid& uuid, std::int64_t bytes);
@@ -113,6 +49,8 @@ class Machine final {
   void put(const Uuid& uuid, const std::string& name, double created, By by);
   void remove(const Uuid& uuid, const std::string& name);
   void protect(const Uuid& uuid, const std::string& name, bool isProtected);
+  // Gives it a name for people, and a tag.
+  void label(const Uuid& uuid, const std::string& name, const std::string& text);
   void mount(const Uuid& uuid, const std::string& name, bool isForIndexing);
   void unmount(const Uuid& uuid, const std::string& name);
   void setBytes(const Uuid& uuid, const std::string& name, std::int64_t bytes);
@@ -121,13 +59,21 @@ class Machine final {
   bool setPolicy(const Uuid& uuid, ModelPolicy policy, bool isDiskBroken = false);
   bool setSettings(bool automaticDeletion, int safetyHours, bool isDiskBroken = false);
 
-  // The helper ends; the next one finds these stores unreadable, and those broken before whole again.
-  void restart(const std::set<Store>& unreadable);
+  // The helper ends; the next one finds these stores broken, and those broken before whole again.
+  enum class Broken { unreadable, garbled };
+  void restart(const std::map<Store, Broken>& broken);
 
   enum class Failing { listing, measuring, protection };
   void fail(const Uuid& uuid, Failing what, bool fails);
   void failCreation(int cadence, bool fails);
   void failDeletion(bool fails);
+  void failAudit(bool fails);
+  // From the next write on.
+  void failWrites(Store store, bool fails);
+  [[nodiscard]] bool failsWrites(Store store) const;
+
+  // A client asks for the health.
+  void askHealth();
 
   // Nothing may be changed while the helper waits for something on a volume.
   [[nodiscard]] bool isBusy();
@@ -146,11 +92,18 @@ class Machine final {
   void start(std::unique_ptr<sim::SimPosix> files);
   void run(FunctionRef<void()> body);
   void happened(const std::string& what);
+  void breakStores(sim::SimPosix& files, const std::map<Store, Broken>& broken);
+  void restartModel(const std::map<Store, Broken>& broken);
   void tellModel();
   void compare();
   void compare(const std::string& uuid, const char* what, std::deque<std::string>& told,
                std::deque<std::string>& expected);
   void compareSnapshots();
+  void watchHealth();
+  void hearOfHealth(const std::string& notice);
+  void trouble(Model::Trouble& store, Model::Trouble what);
+  // Of something that can't be stored while the disk or the store is broken.
+  bool store(Store store, Model::Trouble& state, bool isDiskBroken, FunctionRef<void()> work);
   [[noreturn]] void differ(const std::string& what);
   [[nodiscard]] ModelVolume& at(const Uuid& uuid) { return model.volumes.at(uuid.lower()); }
   [[nodiscard]] ModelSnapshot& at(const Uuid& uuid, const std::string& name);
@@ -164,9 +117,13 @@ class Machine final {
   Witness witness_;
   std::vector<Wake> wakes_;
   std::map<Uuid, sim::SimVolume> away_;
-  std::map<Store, std::optional<std::string>> brokenStores_;  // with what they held
-  Moment shift_;                                              // from the monotonic clock to the wall's
-  std::uint64_t settled_ = 0;
+  std::map<Store, std::optional<std::string>> garbled_;  // with what they held
+  std::set<Store> broken_;                               // that this process found so
+  Moment shift_;                                         // from the monotonic clock to the wall's
+  Moment jumped_ = 0;
+  Moment healthAgreed_ = 0;             // by the monotonic clock: people know what there is to know
+  std::optional<Moment> troubleSince_;  // unless the clock was set since
+  std::uint64_t settled_ = 0, runs_ = 0;
   std::unique_ptr<Helper> helper_;
 };
 

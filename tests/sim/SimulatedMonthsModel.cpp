@@ -9,12 +9,18 @@ namespace quillmark::months {
 namespace {
 
 const std::string prefix = "com.harrowfern.Quillmark.";
+constexpr std::string_view automatic = "com.harrowfern.Quillmark.auto.";
 constexpr double referenceTo1970 = 978'307'200;
 constexpr double lifespans[cadences] = {3600, 86400, 604800, 2592000, 31536000};
 constexpr double never = 1e18;
 
 bool isOwned(const std::string& name) { return name.starts_with(prefix); }
 std::int64_t margin(std::int64_t threshold) { return threshold / 10; }
+// Thresholds are whole ones.
+std::string gigabytes(std::int64_t bytes) { return std::to_string(bytes / 1'000'000'000) + " GB"; }
+std::string counted(std::ptrdiff_t count, const std::string& what) {
+  return std::to_string(count) + " " + what + (count == 1 ? "" : "s");
+}
 
 bool isOlder(const ModelSnapshot* a, const ModelSnapshot* b) {
   return std::tie(a->created, a->order) < std::tie(b->created, b->order);
@@ -50,8 +56,12 @@ bool isNotSystem(const std::string& name) { return kindOf(name) != NameKind::sys
 }  // namespace
 
 int cadenceOf(const std::string& name) {
+  std::string_view rest = name;
+  if (!rest.starts_with(automatic)) return -1;
+  rest.remove_prefix(automatic.size());
   for (int cadence = 0; cadence < cadences; ++cadence) {
-    if (name.starts_with(prefix + "auto." + cadenceWords[cadence] + ".")) return cadence;
+    const std::string_view word = cadenceWords[cadence];
+    if (rest.starts_with(word) && rest.substr(word.size()).starts_with('.')) return cadence;
   }
   return -1;
 }
@@ -63,9 +73,20 @@ NameKind kindOf(const std::string& name) {
   return name.starts_with(prefix + "safety") ? NameKind::safety : NameKind::manual;
 }
 
-bool Model::gateIsOpen() const {
-  const bool isOn = settingsDegraded || automaticDeletion;
-  return isOn && !schedulesDegraded && !settingsDegraded && !protectionDegraded;
+bool Model::gateIsOpen() const { return automaticDeletion && !isDegraded(); }
+
+std::string Model::problem() const {
+  std::string text;
+  const auto add = [&](Trouble trouble, const char* unreadable, const char* unwritten) {
+    if (trouble == Trouble::none) return;
+    if (!text.empty()) text += "; ";
+    text += trouble == Trouble::unreadable ? unreadable : unwritten;
+  };
+  add(schedules, "schedules: * failed: *", "schedules: write failed: *");
+  add(settings, "settings: *", "settings: write failed: *");
+  add(protection, "protection: Protection store exists but is unreadable: *",
+      "protection: Protection store write failed: *");
+  return text;
 }
 
 bool Model::isScheduled(const ModelVolume& volume) const {
@@ -81,14 +102,50 @@ void Model::restart() {
     volume.rotated.reset();
     volume.measured.reset();
     volume.busyUntil = 0;
+    const auto clock = clocksOnDisk.find(uuid);
+    volume.firstSeen.reset();
+    volume.isNoticeSent = false;
+    if (clock == clocksOnDisk.end()) continue;
+    volume.firstSeen = clock->second.firstSeen;
+    volume.isNoticeSent = clock->second.isNoticeSent;
   }
+  posted_ = postedOnDisk;
+}
+
+void Model::saveClocks() {
+  if (cannotSaveClocks) {
+    ++reached["clocks not saved"];
+    return;
+  }
+  clocksOnDisk.clear();
+  for (const auto& [uuid, volume] : volumes) {
+    if (volume.firstSeen) clocksOnDisk.insert({uuid, {*volume.firstSeen, volume.isNoticeSent}});
+  }
+}
+
+void Model::savePosted(double now) {
+  std::erase_if(posted_, [now](const auto& entry) { return now - entry.second > 604800; });
+  if (cannotSaveNotices) {
+    ++reached["notices not saved"];
+    return;
+  }
+  postedOnDisk = posted_;
+  for (auto& [key, date] : postedOnDisk) date = std::floor(date);
+}
+
+void Model::healthTold(Moment now, bool isTrouble) {
+  if (isTrouble) posted_[healthKey] = secondsOf(now);
+  if (!isTrouble) posted_.erase(healthKey);
+  savePosted(secondsOf(now));
 }
 
 void Model::minute(Moment now) {
   ++ticks_;
-  if (schedulesDegraded) return;
+  if (schedules != Trouble::none) return;
   for (auto& [uuid, volume] : volumes) {
-    if (volume.isPresent && !volume.firstSeen) volume.firstSeen = secondsOf(now);
+    if (!volume.isPresent || volume.firstSeen) continue;
+    volume.firstSeen = secondsOf(now);
+    saveClocks();
   }
   if (ticks_ % 5 == 1) {
     for (auto& entry : volumes) {
@@ -149,7 +206,9 @@ void Model::take(Pass pass, int cadence, std::int64_t occurrence) {
   if (!name) {
     ++reached["creation failed"];
     attempt = {occurrence, secondsOf(pass.now) + 600};
-    tell(pass, "create_failed", word, 3600);
+    if (tell(pass, "create_failed", word, 3600)) {
+      notify(pass, "Quillmark snapshot failed: Failed to create " + word + " snapshot: *");
+    }
     return act(pass, "create failed [] scheduled " + word + " failed");
   }
   ++reached[isCatchUp ? "caught up" : "taken in time"];
@@ -215,8 +274,7 @@ std::optional<double> Model::expiry(const ModelVolume& volume, const ModelSnapsh
   const double grace = volume.firstSeen ? *volume.firstSeen + 86400 : -never;
   const double start = std::max(snapshot.created, volume.firstSeen.value_or(-never));
   if (kindOf(snapshot.name) == NameKind::safety) {
-    const int hours = settingsDegraded ? 24 : safetyHours;
-    return std::max(start + hours * 3600.0, grace);
+    return std::max(start + safetyHours * 3600.0, grace);
   }
   if (kindOf(snapshot.name) != NameKind::automatic) return std::nullopt;
   const auto cadence = static_cast<std::size_t>(cadenceOf(snapshot.name));
@@ -231,7 +289,7 @@ std::optional<double> Model::expiry(const ModelVolume& volume, const ModelSnapsh
 void Model::sweep(Pass pass) {
   ModelVolume& volume = pass.volume;
   if (volume.cannotList) return;
-  if (volume.cannotTellProtected || protectionDegraded) {
+  if (volume.cannotTellProtected || protection != Trouble::none) {
     ++reached["sweep without protection"];
     return;
   }
@@ -243,7 +301,7 @@ void Model::sweep(Pass pass) {
   }
   std::sort(expired.begin(), expired.end());
   auto remaining = countOf(volume, isNotSystem);
-  int deleted = 0, automatic = 0;
+  int deleted = 0, deletedAutomatic = 0;
   for (const auto& [end, order, name] : expired) {
     if (deleted == 8 || remaining < 2) {
       ++reached[deleted == 8 ? "swept the most" : "swept down to the last"];
@@ -251,56 +309,85 @@ void Model::sweep(Pass pass) {
     }
     if (withName(volume, name)->isMounted) continue;
     const bool isSafety = kindOf(name) == NameKind::safety;
-    const int hours = settingsDegraded ? 24 : safetyHours;
-    const std::string reason = isSafety ? "Expired safety snapshot: its " + std::to_string(hours) + "h TTL *"
+    const std::string reason = isSafety ? "Expired safety snapshot: its " + std::to_string(safetyHours) + "h TTL *"
                                         : "Expired automatic snapshot: *";
     if (!remove(pass, name, reason)) break;
     ++reached[isSafety ? "swept a safety snapshot" : "swept an automatic one"];
     ++deleted;
     --remaining;
-    automatic += isSafety ? 0 : 1;
+    deletedAutomatic += isSafety ? 0 : 1;
   }
-  if (automatic > 0) tell(pass, "prune_completed", "", 21600);
+  if (deletedAutomatic > 0 && tell(pass, "prune_completed", "", 21600)) {
+    notify(pass,
+           "Quillmark pruned snapshots: Quillmark removed " + counted(deletedAutomatic, "automatic snapshot") + " on " +
+               volume.name +
+               " whose natural lifespan ended (their schedule no longer rotates them). Protect a snapshot to keep "
+               "it indefinitely.");
+  }
 }
 
 void Model::discover(Pass pass) {
   ModelVolume& volume = pass.volume;
   if (!volume.firstSeen || volume.isNoticeSent) return;
   volume.isNoticeSent = true;
-  const bool found = std::any_of(volume.snapshots.begin(), volume.snapshots.end(), [&](const ModelSnapshot& snapshot) {
-    return isOwned(snapshot.name) && snapshot.created < *volume.firstSeen - 60;
-  });
-  if (!found) return;
+  saveClocks();
+  const auto found =
+      std::count_if(volume.snapshots.begin(), volume.snapshots.end(), [&](const ModelSnapshot& snapshot) {
+        return isOwned(snapshot.name) && snapshot.created < *volume.firstSeen - 60;
+      });
+  if (found == 0) return;
   ++reached["discovered"];
   events[pass.uuid].push_back("snapshots_discovered()");
+  notify(pass, "Existing snapshots found: Found " + counted(found, "existing Quillmark snapshot") + " on " +
+                   volume.name +
+                   " (from another Mac or a previous install). They now follow their standard lifespans, so protect "
+                   "any you want to keep. Nothing is deleted within 24 hours of discovery.");
 }
 
 bool Model::measure(ModelVolume& volume) const {
   if (!volume.isPresent || volume.cannotMeasure) return false;
   volume.measured = volume.free;
+  const bool isKnown = volume.policy && schedules != Trouble::unreadable;
+  volume.thresholdThen = isKnown ? volume.policy->lowSpaceBytes : 30'000'000'000;
   return true;
 }
 
 void Model::freeSpace(Moment now) {
-  for (auto& [uuid, volume] : volumes) (void)measure(volume);
+  for (auto& [uuid, volume] : volumes) {
+    if (volume.busyUntil <= now) volume.freeBefore.clear();
+    const auto then = volume.freeBefore.upper_bound(now);
+    if (!measure(volume) || then == volume.freeBefore.end()) continue;
+    ++reached["measured while a pass waits"];
+    volume.measured = then->second;
+  }
   for (auto& entry : volumes) {
     auto& [uuid, volume] = entry;
     const bool isEligible = gateIsOpen() && volume.policy && volume.policy->pruneOnLowSpace && volume.policy->isTracked;
-    if (volume.isPresent && volume.measured) warn(uuid, volume, isEligible);
+    if (volume.isPresent && volume.measured) warn(uuid, volume, isEligible, now);
     if (isEligible) lowSpace(queued(entry, now));
   }
 }
 
-void Model::warn(const std::string& uuid, ModelVolume& volume, bool isEligible) {
-  const std::int64_t threshold = volume.policy && !schedulesDegraded ? volume.policy->lowSpaceBytes : 30'000'000'000;
+void Model::warn(const std::string& uuid, ModelVolume& volume, bool isEligible, Moment moment) {
+  const std::string key = "lowSpaceEarly:" + uuid;
+  const std::int64_t threshold = volume.thresholdThen;
   const std::int64_t above = *volume.measured - threshold;
+  const double now = secondsOf(moment);
   if (isEligible && above >= 0 && above < margin(threshold)) {
+    const auto last = posted_.find(key);
+    if (last != posted_.end() && now >= last->second && now - last->second < 21600) return;
     ++reached["warned early"];
-    volume.hasWarning = true;
-    warnings[uuid].push_back("warned");
-  } else if ((!isEligible || above >= 2 * margin(threshold)) && volume.hasWarning) {
-    volume.hasWarning = false;
-    warnings[uuid].push_back("resolved");
+    posted_[key] = now;
+    savePosted(now);
+    warnings[uuid].push_back("Free space getting low: " + volume.name + " has * free, close to its " +
+                             gigabytes(threshold) +
+                             " low-space threshold. Low-space pruning is on for this volume, so Quillmark will start "
+                             "removing old snapshots below it. Review or protect what you want to keep.");
+  } else if ((!isEligible || above >= 2 * margin(threshold)) && posted_.erase(key) > 0) {
+    ++reached["warning over"];
+    savePosted(now);
+    warnings[uuid].push_back("Free space recovered: " + volume.name +
+                             " is comfortably above its low-space threshold again.");
   }
 }
 
@@ -309,27 +396,53 @@ void Model::lowSpace(Pass pass) {
   if (!volume.isPresent || volume.isBackup || !measure(volume)) return;
   const std::int64_t threshold = volume.policy->lowSpaceBytes;
   if (*volume.measured >= threshold) return;
-  int deleted = 0;
-  for (; deleted < 4; ++deleted) {
+  std::array<int, 3> deleted{};
+  bool failed = false;
+  for (int i = 0; i < 4; ++i) {
     const auto name = lowSpaceCandidate(pass);
-    if (!name || !remove(pass, *name, "Pruned because volume free space (*")) break;
+    if (!name) break;
+    const NameKind kind = kindOf(*name);
+    failed = !remove(pass, *name, "Pruned because volume free space (*");
+    if (failed) break;
     ++reached["pruned for space"];
-    if (awaitSpace(pass)) {
-      ++deleted;
-      break;
-    }
+    ++deleted.at(kind == NameKind::foreign ? 2 : kind == NameKind::manual ? 1 : 0);
+    if (awaitSpace(pass)) break;
   }
-  if (deleted > 0) {
-    events[pass.uuid].push_back("prune_completed()");
-  } else if (*volume.measured < threshold) {
-    ++reached["nothing to prune"];
-    tell(pass, "no_prune_candidates", "", 86400);
+  if (deleted != std::array<int, 3>{}) return reportPruned(pass, deleted);
+  if (*volume.measured < volume.thresholdThen) reportNothing(pass, failed);
+}
+
+void Model::reportPruned(Pass pass, const std::array<int, 3>& deleted) {
+  constexpr const char* kinds[] = {" automatic", " manual", " third-party"};
+  std::string breakdown;
+  for (std::size_t i = 0; i < deleted.size(); ++i) {
+    if (deleted.at(i) > 0) breakdown += (breakdown.empty() ? "" : ", ") + std::to_string(deleted.at(i)) + kinds[i];
   }
+  events[pass.uuid].push_back("prune_completed()");
+  notify(pass, "Quillmark pruned snapshots: Quillmark pruned " +
+                   counted(deleted[0] + deleted[1] + deleted[2], "snapshot") + " on " + pass.volume.name + " (" +
+                   breakdown +
+                   "). Reason: low free space (recovered * so far; APFS may release more shortly). Snapshots can't be "
+                   "recovered.");
+}
+
+void Model::reportNothing(Pass pass, bool deletionFailed) {
+  ++reached[deletionFailed ? "could not prune" : "nothing to prune"];
+  if (!tell(pass, "no_prune_candidates", "", 86400)) return;
+  notify(pass,
+         "Quillmark can't free more space: On " + pass.volume.name + ", free space is below " +
+             gigabytes(pass.volume.policy->lowSpaceBytes) +
+             (deletionFailed ? " and Quillmark could not delete the snapshot it selected to reclaim space. It "
+                               "will try again on the next check; see the activity log for the reason. Free "
+                               "space manually if the volume is urgently full."
+                             : " but no snapshots can be pruned. The rest are protected, in use, or the newest "
+                               "of their kind. Consider unprotecting older snapshots or freeing space manually."));
 }
 
 bool Model::awaitSpace(Pass& pass) {
   ModelVolume& volume = pass.volume;
   const std::int64_t threshold = volume.policy->lowSpaceBytes;
+  volume.freeBefore.emplace(pass.now, volume.free);
   volume.free += std::exchange(volume.coming, 0);
   for (int i = 0; i < 4; ++i) {
     pass.now += 3 * second;
@@ -341,7 +454,7 @@ bool Model::awaitSpace(Pass& pass) {
 
 std::optional<std::string> Model::lowSpaceCandidate(Pass pass) {
   ModelVolume& volume = pass.volume;
-  if (volume.cannotTellProtected || volume.cannotList || countOf(volume, isNotSystem) < 2) return std::nullopt;
+  if (volume.cannotTellProtected || volume.cannotList) return std::nullopt;
   std::set<std::string> newest;
   for (int cadence = 0; cadence < cadences; ++cadence) {
     const auto counted = countedOf(volume, cadence);
@@ -354,7 +467,12 @@ std::optional<std::string> Model::lowSpaceCandidate(Pass pass) {
                        (kind == NameKind::foreign && volume.policy->protectForeign) || newest.contains(snapshot.name);
     if (!stays && (!oldest || isOlder(&snapshot, oldest))) oldest = &snapshot;
   }
-  return oldest ? std::optional(oldest->name) : std::nullopt;
+  if (!oldest) return std::nullopt;
+  if (countOf(volume, isNotSystem) < 2) {
+    ++reached["spared the last for space"];
+    return std::nullopt;
+  }
+  return oldest->name;
 }
 
 bool Model::remove(Pass pass, const std::string& name, const std::string& reason) {
@@ -376,13 +494,14 @@ bool Model::remove(Pass pass, const std::string& name, const std::string& reason
   return true;
 }
 
-void Model::tell(Pass pass, const std::string& event, const std::string& cadence, double interval) {
+bool Model::tell(Pass pass, const std::string& event, const std::string& cadence, double interval) {
   const double now = secondsOf(pass.now);
   const auto last = lastTold_.find(pass.uuid + "|" + event + "|" + cadence);
   // A clock that was set back counts as time that has passed: better told twice than silent for a year.
-  if (last != lastTold_.end() && now >= last->second && now - last->second < interval) return;
+  if (last != lastTold_.end() && now >= last->second && now - last->second < interval) return false;
   lastTold_.insert_or_assign(pass.uuid + "|" + event + "|" + cadence, now);
   events[pass.uuid].push_back(event + "(" + cadence + ")");
+  return true;
 }
 
 }  // namespace quillmark::months

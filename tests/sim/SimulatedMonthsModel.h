@@ -54,11 +54,12 @@ struct ModelVolume {
   bool isBackup = false;
   std::int64_t free = 0;
   std::int64_t coming = 0;  // back to free, when somebody waits for it
+  // What was free before each moment at which a pass got something back: others measure while it waits.
+  std::map<Moment, std::int64_t> freeBefore;
   std::vector<ModelSnapshot> snapshots;
   std::optional<ModelPolicy> policy;
   std::optional<double> firstSeen;
   bool isNoticeSent = false;
-  bool hasWarning = false;
 
   // Failures.
   bool cannotList = false;
@@ -74,6 +75,7 @@ struct ModelVolume {
   std::uint64_t generation = 0;
   std::optional<std::uint64_t> rotated;
   std::optional<std::int64_t> measured;
+  std::int64_t thresholdThen = 0;
   Moment busyUntil = 0;
 };
 
@@ -83,23 +85,37 @@ class Model final {
   void minute(Moment now);
   void freeSpace(Moment now);
   [[nodiscard]] std::uint64_t nextOrder() { return ++created_; }
-  // The process ended and another began.
+  // The process ended and another began, which reads what is on disk.
   void restart();
+  // People were told of the service's own health, or that it is well again.
+  void healthTold(Moment now, bool isDegraded);
+  [[nodiscard]] bool isHealthTold() const { return posted_.contains(healthKey); }
+  // What health says is wrong, with stars for what the system's errors say; empty when nothing is.
+  [[nodiscard]] std::string problem() const;
+  [[nodiscard]] bool isDegraded() const { return !problem().empty(); }
 
   std::map<std::string, ModelVolume> volumes;  // by UUID
   std::string zone = "UTC";
   bool automaticDeletion = true;
   int safetyHours = 24;
   // Failures of the machine's.
-  bool schedulesDegraded = false;
-  bool settingsDegraded = false;
-  bool protectionDegraded = false;
+  enum class Trouble { none, unreadable, unwritten };
+  Trouble schedules = Trouble::none, settings = Trouble::none, protection = Trouble::none;
+  bool cannotSaveClocks = false, cannotSaveNotices = false;
   bool cannotDelete = false;
   std::array<bool, cadences> cannotCreate{};
 
-  // By volume, in their order: records of the audit trail, where a star stands for any ending; and what clients and
-  // people are told.
-  std::map<std::string, std::deque<std::string>> acts, events, warnings;
+  // What files of theirs hold, for the next process.
+  struct StoredClock {
+    double firstSeen;
+    bool isNoticeSent;
+  };
+  std::map<std::string, StoredClock> clocksOnDisk;
+  std::map<std::string, double> postedOnDisk;
+
+  // By volume, in their order: records of the audit trail; and what clients and people are told. A star stands for
+  // anything.
+  std::map<std::string, std::deque<std::string>> acts, events, notices, warnings;
   std::map<std::string, int> reached;  // branches that this run came through
 
  private:
@@ -123,16 +139,24 @@ class Model final {
   void lowSpace(Pass pass);
   [[nodiscard]] bool awaitSpace(Pass& pass);
   [[nodiscard]] std::optional<std::string> lowSpaceCandidate(Pass pass);
+  void reportNothing(Pass pass, bool deletionFailed);
   [[nodiscard]] bool remove(Pass pass, const std::string& name, const std::string& reason);
   [[nodiscard]] std::optional<double> expiry(const ModelVolume& volume, const ModelSnapshot& snapshot) const;
   [[nodiscard]] bool measure(ModelVolume& volume) const;
-  void warn(const std::string& uuid, ModelVolume& volume, bool isEligible);
-  void tell(Pass pass, const std::string& event, const std::string& cadence, double interval);
+  void warn(const std::string& uuid, ModelVolume& volume, bool isEligible, Moment now);
+  // False when it isn't time for another one.
+  bool tell(Pass pass, const std::string& event, const std::string& cadence, double interval);
+  void notify(Pass pass, const std::string& text) { notices[pass.uuid].push_back(text); }
+  void reportPruned(Pass pass, const std::array<int, 3>& deleted);
+  void saveClocks();
+  void savePosted(double now);
   void act(Pass pass, std::string text) { acts[pass.uuid].push_back(std::move(text)); }
 
   std::uint64_t ticks_ = 0;
   std::uint64_t created_ = 1'000'000'000;
   std::map<std::string, double> lastTold_;
+  std::map<std::string, double> posted_;  // and not over
+  static constexpr const char* healthKey = "helperHealthDegraded";
 };
 
 enum class NameKind { automatic, manual, safety, foreign, system };

@@ -25,6 +25,21 @@ TEST(SnapshotMutationScope, closesWithTheLastOfItsBatchesInAnyLetterCase) {
   EXPECT_FALSE(scope.isOpen(lower));
 }
 
+TEST(SnapshotMutationScope, tellsAtItsLastExitWhatAnybodyChangedMeanwhile) {
+  sim::Simulation simulation;
+  SnapshotMutationScope scope(simulation.startLife("helper").dispatch());
+  EXPECT_FALSE(scope.holdsBack(upper));
+  scope.enter(upper);
+  EXPECT_FALSE(scope.leave(upper, false)) << "nothing to tell";
+  scope.enter(upper);
+  EXPECT_TRUE(scope.holdsBack(lower));
+  EXPECT_TRUE(scope.leave(upper, false)) << "what somebody else changed";
+  scope.enter(upper);
+  scope.enter(upper);
+  EXPECT_FALSE(scope.leave(upper, true));
+  EXPECT_TRUE(scope.leave(upper, false)) << "what the other batch changed";
+}
+
 TEST(SnapshotMutationScope, isNotLeftOpenByALeaveTooMany) {
   sim::Simulation simulation;
   SnapshotMutationScope scope(simulation.startLife("helper").dispatch());

@@ -23,6 +23,11 @@ class VolumeProtectionStoreTest : public ::testing::Test {
   StoreLife life{disk, volumes};
 };
 
+TEST_F(VolumeProtectionStoreTest, saysWhetherItCanBeTrustedWhileSomebodyDeletes) {
+  const auto guard = life.protection.lock();
+  EXPECT_NO_THROW(life.protection.ensureLoaded()) << "without a wait for the guard";
+}
+
 TEST_F(VolumeProtectionStoreTest, keepsXidsInTheAttributeAndTellsWhetherAnythingChanged) {
   EXPECT_TRUE(life.protect(9));
   EXPECT_TRUE(life.protect(18446744073709551615U));

@@ -72,16 +72,25 @@ TEST(CommandTable, writesEntryLinesToTheLetter) {
   EXPECT_EQ(line(SetHelperSettings{{"{}", 2}}), "XPC setHelperSettings(2 bytes)");
   EXPECT_EQ(line(ForwardNotification{{"{}", 2}}), "");
   EXPECT_EQ(line(ProtocolVersion{}), "");
+  EXPECT_EQ(line(IndexedXIDs{"U"}), "");
+  EXPECT_EQ(line(DiffSnapshots{"U", 4, "a", 5, "b", false, false}), "XPC diffSnapshots(volume=U, 4 ↔ 5)");
+  EXPECT_EQ(line(DiffSnapshots{"U", 5, "b", 4, "a", true, true}), "XPC diffSnapshots(volume=U, 5 ↔ 4, FULL SCAN)");
+  EXPECT_EQ(line(CompareSubtree{"U", "/p", 4, 5}), "");
+  EXPECT_EQ(line(CompareLocalPaths{"/a", "/b", true, std::nullopt}), "");
+  EXPECT_EQ(line(ReindexVolume{"U"}), "XPC reindexVolume(U)");
+  EXPECT_EQ(line(ReindexAllVolumes{}), "XPC reindexAllVolumes()");
+  EXPECT_EQ(line(ReindexSnapshot{"U", 7}), "XPC reindexSnapshot(volume=U, xid=7)");
 }
 
 TEST(CommandTable, speaksOfEachCommandByItsWord) {
   const std::vector<std::string_view> words{
-      "helperVersion",        "helperGitCommit",   "requestQuit",         "protocolVersion",  "auditLogHealth",
-      "helperHealth",         "getSchedule",       "setSchedule",         "listSchedules",    "getFreeSpaceStates",
-      "getHelperSettings",    "setHelperSettings", "forwardNotification", "listSnapshots",    "createSnapshot",
-      "createSafetySnapshot", "deleteSnapshot",    "deleteSnapshots",     "setProtected",     "setSnapshotTag",
-      "mountSnapshot",        "mountSnapshots",    "unmountSnapshot",     "unmountSnapshots", "pinSnapshotMounts",
-      "unpinSnapshotMounts"};
+      "helperVersion",     "helperGitCommit",   "requestQuit",         "protocolVersion",       "auditLogHealth",
+      "helperHealth",      "getSchedule",       "setSchedule",         "listSchedules",         "getFreeSpaceStates",
+      "getHelperSettings", "setHelperSettings", "forwardNotification", "listSnapshots",         "indexedXIDs",
+      "compareLocalPaths", "compareSubtree",    "createSnapshot",      "createSafetySnapshot",  "deleteSnapshot",
+      "deleteSnapshots",   "setProtected",      "setSnapshotTag",      "mountSnapshot",         "mountSnapshots",
+      "unmountSnapshot",   "unmountSnapshots",  "pinSnapshotMounts",   "unpinSnapshotMounts",   "diffSnapshots",
+      "reindexVolume",     "reindexAllVolumes", "reindexSnapshot",     "listUnservedSubvolumes"};
   ASSERT_EQ(words.size(), commandTable().size());
   for (std::size_t i = 0; i < words.size(); ++i) EXPECT_EQ(commandTable()[i].word(), words[i]);
 }

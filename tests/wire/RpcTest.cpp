@@ -51,6 +51,18 @@ TEST(Rpc, tellsEachKindOfMalformedCallByItsCode) {
   }
 }
 
+TEST(Rpc, doesNotKnowWhatTheConnectionsProtocolLeavesOut) {
+  for (const CommandSpec& command : commandTable()) {
+    const bool isExported = command.protocols == CommandProtocols::helperAndFinder;
+    const std::string line =
+        R"({"jsonrpc":"2.0","id":1,"method":")" + std::string(command.selector) + R"(","params":[[],[],[],[],[],[]]})";
+    const auto decoded = decodeCall(line, ConnectionProtocol::finder);
+    EXPECT_EQ(std::get<RpcRefusal>(decoded).fault, isExported ? RpcFault::invalidParams : RpcFault::methodNotFound)
+        << command.selector;
+    EXPECT_EQ(faultOf(line), RpcFault::invalidParams) << command.selector;
+  }
+}
+
 TEST(Rpc, leavesAMalformedNotificationUnanswered) {
   const auto decoded = decodeCall(R"({"jsonrpc":"2.0","method":"nothing"})");
   EXPECT_FALSE(std::get<RpcRefusal>(decoded).answered);

@@ -239,10 +239,9 @@ TEST_P(TransportSuite, WhileTooMuchWaitsToBeSentNothingMoreIsServed) {
     const auto peer = backend.connect();
     peer->stopReading();
     for (int i = 0; i < requests; ++i) peer->send("more");
+    EXPECT_GE(server.await(4).size(), 4U);
     sleepFor(backend.dispatch(), 100ms);
-    const std::size_t served = server.all().size();
-    EXPECT_GE(served, 4U);
-    EXPECT_LE(served, 40U);
+    EXPECT_LE(server.all().size(), 40U);
     for (int i = 0; i < requests; ++i) ASSERT_EQ(peer->receive().size(), replyBytes);
     EXPECT_EQ(server.await(requests).size(), static_cast<std::size_t>(requests));
   });
@@ -278,8 +277,17 @@ TEST_P(TransportSuite, AUserHasSoManyConnectionsAndNoMore) {
     EXPECT_TRUE(backend.connect()->seesTheEnd());
     second->close();
     EXPECT_EQ(server.await(3).back(), "[peer closed]");
-    const auto fourth = backend.connect();
-    EXPECT_TRUE(works(*fourth) && works(*first));
+    // Its place is free a moment later, when nobody holds the connection any more.
+    bool worksAgain = false;
+    for (int i = 0; i < 500 && !worksAgain; ++i) {
+      try {
+        const auto fourth = backend.connect();
+        worksAgain = works(*fourth);
+      } catch (const Error&) {
+        sleepFor(backend.dispatch(), std::chrono::milliseconds(10));
+      }
+    }
+    EXPECT_TRUE(worksAgain && works(*first));
   });
 }
 

@@ -9,12 +9,12 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
-#include <memory>
+
+#include "platform/linux/TreeSearch.h"
 
 namespace quillmark::os::btrfs {
 namespace {
 
-constexpr std::size_t searchBufferSize = 256 * 1024;
 // A file system never has more devices than this; ids go up with each that was ever added.
 constexpr std::uint64_t deviceIdLimit = 4096;
 // Flags of an inode item, on disk.
@@ -52,6 +52,7 @@ Subvolume subvolumeOfItem(SubvolumeId id, std::span<const std::byte> bytes) {
           .parentUuid = uuidOf(item.parent_uuid),
           .readOnly = (le64toh(item.flags) & BTRFS_ROOT_SUBVOL_RDONLY) != 0,
           .otransid = le64toh(item.otransid),
+          .lastChange = le64toh(item.ctransid),
           .otime = timeOf(le64toh(item.otime.sec), le32toh(item.otime.nsec))};
 }
 
@@ -61,17 +62,6 @@ std::optional<Place> placeOfItem(SubvolumeId parent, std::span<const std::byte> 
   const std::span<const std::byte> rest = bytes.subspan(sizeof item);
   const std::size_t length = std::min<std::size_t>(le16toh(item.name_len), rest.size());
   return Place{parent, le64toh(item.dirid), std::string(reinterpret_cast<const char*>(rest.data()), length)};
-}
-
-// The key after this one; false when there is none.
-bool advance(btrfs_ioctl_search_key& key, const btrfs_ioctl_search_header& last) {
-  key.min_objectid = last.objectid;
-  key.min_type = last.type;
-  key.min_offset = last.offset + 1;
-  if (key.min_offset != 0) return true;
-  if (key.min_type++ < 255) return true;
-  key.min_type = 0;
-  return ++key.min_objectid != 0;
 }
 
 SysResult<btrfs_ioctl_fs_info_args> informationOf(int fd) {
@@ -90,6 +80,7 @@ SysResult<Subvolume> subvolumeOf(int fd) {
                    .parentUuid = uuidOf(information.parent_uuid),
                    .readOnly = (information.flags & BTRFS_ROOT_SUBVOL_RDONLY) != 0,
                    .otransid = information.otransid,
+                   .lastChange = information.ctransid,
                    .otime = timeOf(information.otime.sec, information.otime.nsec)};
 }
 
@@ -121,30 +112,7 @@ SysResult<std::string> label(int fd) {
 }
 
 SysStatus searchTree(int fd, std::uint64_t tree, TreeKey first, TreeKey last, TreeItemUse use) {
-  const auto memory =
-      std::make_unique_for_overwrite<std::byte[]>(sizeof(btrfs_ioctl_search_args_v2) + searchBufferSize);
-  auto* arguments = reinterpret_cast<btrfs_ioctl_search_args_v2*>(memory.get());
-  *arguments = {};
-  btrfs_ioctl_search_key& key = arguments->key;
-  key.tree_id = tree;
-  key.min_objectid = first.objectId, key.min_type = first.type, key.min_offset = first.offset;
-  key.max_objectid = last.objectId, key.max_type = last.type, key.max_offset = last.offset;
-  key.max_transid = ~0ull;
-  btrfs_ioctl_search_header header{};
-  do {
-    key.nr_items = ~0u;
-    arguments->buf_size = searchBufferSize;
-    if (const SysStatus status = call(fd, BTRFS_IOC_TREE_SEARCH_V2, arguments); !status) return status;
-    if (key.nr_items == 0) return {};
-    const auto* at = reinterpret_cast<const std::byte*>(arguments->buf);
-    for (std::uint32_t i = 0; i < key.nr_items; ++i) {
-      std::memcpy(&header, at, sizeof header);
-      at += sizeof header;
-      if (!use({header.objectid, header.type, header.offset}, {at, header.len})) return {};
-      at += header.len;
-    }
-  } while (advance(key, header));
-  return {};
+  return TreeSearch(TreeSearch::bulkBuffer).run(fd, tree, first, last, use);
 }
 
 SysStatus forEachSubvolume(int fd, SubvolumeUse use) {

@@ -35,6 +35,9 @@ struct Subvolume {
   Uuid parentUuid;  // of what it is a snapshot of; nil for none
   bool readOnly = false;
   std::uint64_t otransid = 0;  // the transaction it was made in
+  // The transaction that last changed anything in it, up to otransid for a snapshot that nobody wrote to. Root items tell
+  // it as of the last commit, an open file as it is.
+  std::uint64_t lastChange = 0;
   Time otime;
 
   bool operator==(const Subvolume&) const = default;

@@ -6,6 +6,7 @@
 
 #include "platform/NameText.h"
 #include "platform/linux/DeviceFacts.h"
+#include "platform/linux/LeaseWatch.h"
 #include "platform/linux/MountWatch.h"
 
 namespace quillmark::os {
@@ -55,10 +56,12 @@ std::optional<DiskDescription> LinuxDisks::describe(const std::string& volumePat
   description.volumePath = entry->mountPoint;
   description.mediaWritable = !entry->readOnly && !entry->superReadOnly;
   if (!entry->isWholeSubvolume()) return description;
-  const auto mounted = openSubvolume(*entry);
+  auto mounted = openSubvolume(*entry);
   if (!mounted) return description;
   description.volumeUuid = mounted->volumeUuid();
   const auto label = btrfs::label(mounted->fd.get());
+  // Names are written down durably: meanwhile nobody could unmount what is open.
+  mounted->fd.reset();
   description.volumeName = volumeName(*entry, label ? *label : std::string());
   // Numbers are for volumes: a mounted snapshot comes and goes.
   if (entry->isVolume()) addNames({mounted->fsid, mounted->volumeUuid()}, names_, description);
@@ -81,8 +84,9 @@ std::optional<std::vector<std::string>> LinuxDisks::mediaBsdNames() {
     if (name && std::find(found.begin(), found.end(), *name) == found.end()) found.push_back(std::move(*name));
   };
   for (const MountEntry* entry : table->volumes()) {
-    const auto mounted = openSubvolume(*entry);
+    auto mounted = openSubvolume(*entry);
     if (!mounted) continue;
+    mounted->fd.reset();
     add(names_.disk(mounted->fsid));
     add(names_.volume({mounted->fsid, mounted->volumeUuid()}));
   }
@@ -104,6 +108,12 @@ VolumeCapacities LinuxDisks::capacities(const std::string& volumePath) {
 std::unique_ptr<DiskWatch> LinuxDisks::watch(Dispatch& dispatch, std::shared_ptr<Queue> queue,
                                              DiskEventHandler handler) {
   return watchMounts(*this, dispatch, std::move(queue), std::move(handler));
+}
+
+std::unique_ptr<MountLease> LinuxDisks::lease(Dispatch& dispatch, std::shared_ptr<Queue> queue,
+                                              const std::string& mountPoint, const std::string& privateRoot,
+                                              UniqueFunction<void()> onRevoked) {
+  return leaseFileSystem(dispatch, std::move(queue), mountPoint, privateRoot, std::move(onRevoked));
 }
 
 }  // namespace quillmark::os

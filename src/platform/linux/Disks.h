@@ -30,6 +30,9 @@ class LinuxDisks final : public Disks {
   std::optional<std::vector<std::string>> mediaBsdNames() override;
   VolumeCapacities capacities(const std::string& volumePath) override;
   std::unique_ptr<DiskWatch> watch(Dispatch& dispatch, std::shared_ptr<Queue> queue, DiskEventHandler handler) override;
+  // Before it is revoked, what the people wrote is on its way to the disk: their own unmount left it in memory.
+  std::unique_ptr<MountLease> lease(Dispatch& dispatch, std::shared_ptr<Queue> queue, const std::string& mountPoint,
+                                    const std::string& privateRoot, UniqueFunction<void()> onRevoked) override;
 
  private:
   DeviceNames& names_;

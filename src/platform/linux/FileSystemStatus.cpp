@@ -97,6 +97,16 @@ void addWhatBtrfsTells(const MountEntry& entry, DeviceNames& names, FileSystemSt
   if (!source.empty()) status.mntfromname = source;
 }
 
+FileSystemStatus statusOf(const MountEntry& entry, DeviceNames& names) {
+  FileSystemStatus status;
+  status.flags = flagsOf(entry);
+  status.fstypename = entry.isWholeSubvolume() || isLeftOver(entry) ? "apfs" : entry.type;
+  status.mntonname = entry.mountPoint;
+  status.mntfromname = isLeftOver(entry) ? leftOverSource(entry) : entry.source;
+  if (entry.isBtrfs()) addWhatBtrfsTells(entry, names, status);
+  return status;
+}
+
 }  // namespace
 
 SysResult<std::string> resolvedPath(const MountTable& table, const std::string& path) {
@@ -136,13 +146,17 @@ SysResult<FileSystemStatus> fileSystemStatus(const std::string& path, DeviceName
   if (!resolved) return Errno{resolved.error()};
   const MountEntry* entry = table->holder(*resolved);
   if (!entry) return Errno{ENOENT};
-  FileSystemStatus status;
-  status.flags = flagsOf(*entry);
-  status.fstypename = entry->isWholeSubvolume() || isLeftOver(*entry) ? "apfs" : entry->type;
-  status.mntonname = entry->mountPoint;
-  status.mntfromname = isLeftOver(*entry) ? leftOverSource(*entry) : entry->source;
-  if (entry->isBtrfs()) addWhatBtrfsTells(*entry, names, status);
-  return status;
+  return statusOf(*entry, names);
+}
+
+SysResult<std::vector<FileSystemStatus>> subvolumeStatuses(DeviceNames& names) {
+  const auto table = MountTable::read();
+  if (!table) return Errno{table.error()};
+  std::vector<FileSystemStatus> statuses;
+  for (const MountEntry& entry : table->entries()) {
+    if (entry.isWholeSubvolume() && table->isVisible(entry)) statuses.push_back(statusOf(entry, names));
+  }
+  return statuses;
 }
 
 }  // namespace quillmark::os

@@ -4,6 +4,7 @@
 #pragma once
 
 #include <string>
+#include <vector>
 
 #include "base/SysResult.h"
 #include "platform/SnapshotCalls.h"
@@ -20,5 +21,7 @@ namespace quillmark::os {
 // Block counts are told of btrfs alone, the one kind that is asked. The source of a mounted snapshot is
 // "<name>@/dev/<volume>"; of one that is deleted by now "deleted-<subvolume id>@/dev/<device>".
 [[nodiscard]] SysResult<FileSystemStatus> fileSystemStatus(const std::string& path, DeviceNames& names);
+// Of every visible mount of a whole subvolume.
+[[nodiscard]] SysResult<std::vector<FileSystemStatus>> subvolumeStatuses(DeviceNames& names);
 
 }  // namespace quillmark::os

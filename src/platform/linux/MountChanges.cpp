@@ -9,12 +9,14 @@ bool isOfADisk(const MountEntry& entry) {
   return entry.isBtrfs() ? entry.isWholeSubvolume() : entry.device.major != 0 && entry.root == "/";
 }
 
+bool isOfElsewhere(const MountEntry& entry) { return entry.isServedElsewhere() && !isOfADisk(entry); }
+
 }  // namespace
 
-std::map<MountChanges::Key, MountChanges::Mount> MountChanges::disksOf(const MountTable& table) {
-  std::map<Key, Mount> found;
+MountChanges::Mounts MountChanges::mountsOf(const MountTable& table, bool (*counts)(const MountEntry&)) {
+  Mounts found;
   for (const MountEntry& entry : table.entries()) {
-    if (!isOfADisk(entry) || !table.isVisible(entry)) continue;
+    if (!counts(entry) || !table.isVisible(entry)) continue;
     found.insert_or_assign({entry.device, entry.mountPoint},
                            Mount{entry.id, entry.subvolumeId, entry.readOnly, entry.superReadOnly});
   }
@@ -22,7 +24,7 @@ std::map<MountChanges::Key, MountChanges::Mount> MountChanges::disksOf(const Mou
 }
 
 std::vector<MountChanges::Change> MountChanges::update(const MountTable& table) {
-  std::map<Key, Mount> now = disksOf(table);
+  Mounts now = mountsOf(table, isOfADisk);
   std::vector<Change> changes;
   for (const auto& [key, mount] : mounts_) {
     if (!now.contains(key)) changes.push_back({DiskEvent::Kind::disappeared, key});
@@ -36,6 +38,13 @@ std::vector<MountChanges::Change> MountChanges::update(const MountTable& table) 
     }
   }
   mounts_ = std::move(now);
+  Mounts elsewhere = mountsOf(table, isOfElsewhere);
+  for (const auto& [key, mount] : elsewhere) {
+    const auto before = servedElsewhere_.find(key);
+    const bool isNew = before == servedElsewhere_.end() || before->second.id != mount.id;
+    if (isNew) changes.push_back({DiskEvent::Kind::servedElsewhere, key});
+  }
+  servedElsewhere_ = std::move(elsewhere);
   return changes;
 }
 

@@ -1,5 +1,5 @@
-// MountChanges: which mounts of disks' file systems came, went or changed from one mount table to the next. Pure, so that
-// what counts as a disk is decided without a disk.
+// MountChanges: which mounts of disks' file systems came, went or changed from one mount table to the next, and which came
+// of those that are served elsewhere. Pure, so that what counts as a disk is decided without a disk.
 // Threads: thread-compatible.
 #pragma once
 
@@ -35,9 +35,11 @@ class MountChanges final {
     bool superReadOnly;
     bool operator==(const Mount&) const = default;
   };
-  [[nodiscard]] static std::map<Key, Mount> disksOf(const MountTable& table);
+  using Mounts = std::map<Key, Mount>;
+  [[nodiscard]] static Mounts mountsOf(const MountTable& table, bool (*counts)(const MountEntry&));
 
-  std::map<Key, Mount> mounts_;
+  Mounts mounts_;
+  Mounts servedElsewhere_;
 };
 
 }  // namespace quillmark::os

@@ -97,6 +97,14 @@ bool MountEntry::answersAlways() const {
   return mountPoint == "/" || std::find(kinds.begin(), kinds.end(), type) != kinds.end();
 }
 
+bool MountEntry::isServedElsewhere() const {
+  static constexpr std::array<std::string_view, 19> kernels = {
+      "proc",      "nsfs",       "cgroup",   "cgroup2", "devpts",   "mqueue",  "debugfs",
+      "tracefs",   "securityfs", "configfs", "pstore",  "efivarfs", "fusectl", "binfmt_misc",
+      "selinuxfs", "rpc_pipefs", "bpf",      "nfsd",    "resctrl"};
+  return !answersAlways() && std::find(kernels.begin(), kernels.end(), type) == kernels.end();
+}
+
 MountTable MountTable::parse(std::string_view text) {
   MountTable table;
   while (!text.empty()) {

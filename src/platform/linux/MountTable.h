@@ -45,6 +45,8 @@ struct MountEntry {
   // Of a kind that lives on this machine's own disks and memory; a network's, FUSE and automounters wait for others. The
   // root is trusted whatever it is: nothing runs on a machine whose root is dead.
   [[nodiscard]] bool answersAlways() const;
+  // Waits for somebody else to answer: a network's, FUSE's or an automounter's.
+  [[nodiscard]] bool isServedElsewhere() const;
   // A subvolume from its root: a bind of a folder within one isn't.
   [[nodiscard]] bool isWholeSubvolume() const { return isBtrfs() && subvolumeId && subvolume && root == *subvolume; }
   // A subvolume that was deleted while it was mounted; no path names it any more.

@@ -1,16 +1,9 @@
 #include "platform/linux/MountWatch.h"
 
-#include <fcntl.h>
-#include <poll.h>
-#include <sys/eventfd.h>
-#include <unistd.h>
-
-#include <chrono>
-
 #include "base/Error.h"
-#include "base/UniqueFd.h"
 #include "platform/linux/DiskEventDelivery.h"
 #include "platform/linux/MountChanges.h"
+#include "platform/linux/MountTableSignal.h"
 #include "platform/linux/Threads.h"
 
 namespace quillmark::os {
@@ -22,12 +15,11 @@ constexpr std::chrono::milliseconds pause{100};
 class MountLoop final {
  public:
   MountLoop(Disks& disks, std::shared_ptr<DiskEventDelivery> delivery)
-      : disks_(disks), delivery_(std::move(delivery)), mountinfo_(::open("/proc/self/mountinfo", O_RDONLY | O_CLOEXEC)),
-        wake_(::eventfd(0, EFD_CLOEXEC)) {}
+      : disks_(disks), delivery_(std::move(delivery)) {}
 
   // Takes in what is mounted already. The table was opened before, so that no change falls between.
   [[nodiscard]] bool begin() {
-    if (!mountinfo_.valid() || !wake_.valid()) return false;
+    if (!signal_.isValid()) return false;
     const auto table = MountTable::read();
     if (!table) return false;
     NativeLock lock(mutex_);
@@ -38,11 +30,10 @@ class MountLoop final {
 
   // False once the watch was dropped.
   [[nodiscard]] bool step() {
-    pollfd descriptors[] = {{wake_.get(), POLLIN, 0}, {mountinfo_.get(), POLLPRI, 0}};
-    ::poll(descriptors, 2, missed_ ? static_cast<int>(pause.count()) : -1);
-    if (descriptors[1].revents || missed_) {
+    const bool changed = signal_.wait(missed_ ? std::optional(pause) : std::nullopt);
+    if (changed || missed_) {
       look();
-      ::poll(descriptors, 1, static_cast<int>(pause.count()));
+      signal_.pause(pause);
     }
     NativeLock lock(mutex_);
     return !stopped_;
@@ -54,8 +45,7 @@ class MountLoop final {
       NativeLock lock(mutex_);
       stopped_ = true;
     }
-    const std::uint64_t one = 1;
-    static_cast<void>(::write(wake_.get(), &one, sizeof one) == sizeof one);
+    signal_.wake();
   }
 
  private:
@@ -69,7 +59,9 @@ class MountLoop final {
 
   void tell(const MountChanges::Change& change) REQUIRES(mutex_) {
     DiskEvent event;
-    if (change.kind == DiskEvent::Kind::disappeared) {
+    if (change.kind == DiskEvent::Kind::servedElsewhere) {
+      event.volumePath = change.key.second;
+    } else if (change.kind == DiskEvent::Kind::disappeared) {
       event = std::move(described_.extract(change.key).mapped());
     } else {
       event = described_[change.key] = describe(change.key);
@@ -89,8 +81,7 @@ class MountLoop final {
 
   Disks& disks_;
   const std::shared_ptr<DiskEventDelivery> delivery_;
-  const UniqueFd mountinfo_;
-  const UniqueFd wake_;
+  MountTableSignal signal_;
   bool missed_ = false;  // the last look saw nothing, as when descriptors had run out; the loop's alone
 
   NativeMutex mutex_;  // held while the disks are asked, so that they are left alone once stop() returned

@@ -49,15 +49,22 @@ void requireHost() {
   }
 }
 
+// A process that a killed instance was just starting holds its lock until it has become another program.
+constexpr int lockTries = 25;
+constexpr unsigned lockPauseMicroseconds = 20'000;
+
 std::optional<UniqueFd> lockInstance(const std::string& directory) {
   LinuxPosix posix;
   createDirectories(posix, directory, 0700);
   const std::string path = directory + "/helper.lock";
   UniqueFd lock(::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600));
   if (!lock.valid()) throw posixError("open", path, errno);
-  if (::flock(lock.get(), LOCK_EX | LOCK_NB) == 0) return lock;
-  if (errno != EWOULDBLOCK) throw posixError("flock", path, errno);
-  return std::nullopt;
+  for (int tries = 0; ::flock(lock.get(), LOCK_EX | LOCK_NB) != 0; ++tries) {
+    if (errno != EWOULDBLOCK) throw posixError("flock", path, errno);
+    if (tries == lockTries) return std::nullopt;
+    ::usleep(lockPauseMicroseconds);
+  }
+  return lock;
 }
 
 bool sendStandardErrorTo(const std::string& file) {

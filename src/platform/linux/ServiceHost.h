@@ -14,7 +14,7 @@ namespace quillmark::os {
 void requireHost();
 
 // The exclusive right to be the one instance, held as long as the descriptor lives; the directory is made when missing.
-// Absent when another process holds it. Throws when it can't be asked.
+// Absent when another process holds it, and goes on holding it for half a second. Throws when it can't be asked.
 [[nodiscard]] std::optional<UniqueFd> lockInstance(const std::string& directory);
 
 // Sends standard error to the file unless it is that file already, or a terminal. True when the file was opened here,

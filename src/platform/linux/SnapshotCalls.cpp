@@ -10,6 +10,7 @@
 #include "platform/NameText.h"
 #include "platform/linux/FileSystemStatus.h"
 #include "platform/linux/SnapshotPlace.h"
+#include "platform/linux/UnservedSubvolumes.h"
 
 namespace quillmark::os {
 namespace {
@@ -65,12 +66,18 @@ SysStatus destroyChecked(int topLevel, DeviceNumber device, const VolumeIdentity
   if (table->isMounted(device, snapshot.subvolume.id)) return Errno{EBUSY};
   const auto now = btrfs::findSubvolume(topLevel, snapshot.subvolume.id);
   if (!now) return Errno{now.error()};
-  const bool isAsListed =
-      now->subvolume == snapshot.subvolume && now->place == snapshot.place && volume.isSnapshot(now->subvolume);
+  btrfs::Subvolume listed = snapshot.subvolume;
+  listed.lastChange = now->subvolume.lastChange;  // becomes known with the next commit
+  const bool isAsListed = now->subvolume == listed && now->place == snapshot.place && volume.isSnapshot(now->subvolume);
   if (!isAsListed) return Errno{ENOENT};
   const SysStatus destroyed = btrfs::destroySubvolume(topLevel, snapshot.subvolume.id);
   if (!destroyed) return Errno{destroyError(topLevel, snapshot, destroyed.error())};
   return {};
+}
+
+// 0 for none.
+std::uint64_t changeSinceCreation(const btrfs::Subvolume& snapshot) {
+  return snapshot.lastChange > snapshot.otransid ? snapshot.lastChange : 0;
 }
 
 std::vector<SnapshotListEntry> entriesOf(std::vector<ListedSnapshot> snapshots) {
@@ -236,6 +243,34 @@ SysStatus LinuxSnapshotCalls::unmount(const std::string& path, bool force) {
 
 SysResult<FileSystemStatus> LinuxSnapshotCalls::statfs(const std::string& path) {
   return fileSystemStatus(path, names_);
+}
+
+SysResult<std::vector<FileSystemStatus>> LinuxSnapshotCalls::getmntinfo() { return subvolumeStatuses(names_); }
+
+SysResult<std::map<Xid, std::uint64_t>> LinuxSnapshotCalls::changedSnapshots(OpenVolume& volume) {
+  const auto snapshots = listSnapshots(own(volume).fd(), own(volume).identity());
+  if (!snapshots) return Errno{snapshots.error()};
+  std::map<Xid, std::uint64_t> changed;
+  for (const ListedSnapshot& snapshot : *snapshots) {
+    if (const std::uint64_t change = changeSinceCreation(snapshot.subvolume)) changed.emplace(snapshot.xid, change);
+  }
+  return changed;
+}
+
+SysResult<std::uint64_t> LinuxSnapshotCalls::lastChange(const std::string& path) {
+  const auto table = MountTable::read();
+  if (!table) return Errno{table.error()};
+  const MountEntry* entry = table->at(path);
+  if (!entry) return Errno{EINVAL};
+  const auto mounted = openSubvolume(*entry);
+  if (!mounted) return Errno{mounted.error()};
+  return changeSinceCreation(mounted->subvolume);
+}
+
+SysResult<UnservedSubvolumes> LinuxSnapshotCalls::unservedSubvolumes(OpenVolume& volume) {
+  const auto table = MountTable::read();
+  if (!table) return Errno{table.error()};
+  return os::unservedSubvolumes(own(volume).mounted(), *table);
 }
 
 bool LinuxSnapshotCalls::waitForSpace(const std::string& mountPoint, std::chrono::nanoseconds duration) {

@@ -36,8 +36,12 @@ class LinuxSnapshotCalls final : public SnapshotCalls {
                               std::uint32_t mountFlags) override EXCLUDES(mounting_);
   SysStatus unmount(const std::string& path, bool force) override;
   SysResult<FileSystemStatus> statfs(const std::string& path) override;
+  SysResult<std::vector<FileSystemStatus>> getmntinfo() override;
 
   bool waitForSpace(const std::string& mountPoint, std::chrono::nanoseconds duration) override;
+  SysResult<std::map<Xid, std::uint64_t>> changedSnapshots(OpenVolume& volume) override;
+  SysResult<std::uint64_t> lastChange(const std::string& path) override;
+  SysResult<UnservedSubvolumes> unservedSubvolumes(OpenVolume& volume) override;
 
   // The same for all volumes.
   [[nodiscard]] bool waitForSpace(std::chrono::nanoseconds duration) { return reclaimer_.waitFor(duration); }

@@ -19,6 +19,7 @@ class Waiters final {
     return resumed;
   }
   void resumeOne() {
+    dropTimedOut();
     if (strands_.empty()) return;
     const auto drawn = strands_.begin() + static_cast<std::ptrdiff_t>(scheduler_.draws().below(strands_.size()));
     Strand* const strand = *drawn;
@@ -26,10 +27,16 @@ class Waiters final {
     scheduler_.resume(*strand);
   }
   void resumeAll() {
+    dropTimedOut();
     for (Strand* const strand : std::exchange(strands_, {})) scheduler_.resume(*strand);
   }
 
  private:
+  // Whose time is over but who hasn't run since: a notice to one of them would be lost.
+  void dropTimedOut() {
+    std::erase_if(strands_, [](const Strand* strand) { return !strand->parked; });
+  }
+
   Scheduler& scheduler_;
   std::vector<Strand*> strands_;
 };

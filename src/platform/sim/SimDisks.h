@@ -19,6 +19,9 @@ class SimDisks final : public Disks {
   std::optional<std::vector<std::string>> mediaBsdNames() override;
   VolumeCapacities capacities(const std::string& volumePath) override;
   std::unique_ptr<DiskWatch> watch(Dispatch& dispatch, std::shared_ptr<Queue> queue, DiskEventHandler handler) override;
+  // A volume counts as a file system of its own.
+  std::unique_ptr<MountLease> lease(Dispatch& dispatch, std::shared_ptr<Queue> queue, const std::string& mountPoint,
+                                    const std::string& privateRoot, UniqueFunction<void()> onRevoked) override;
 
   bool canStartSession = true;
   bool hasPaths = true;
@@ -26,7 +29,8 @@ class SimDisks final : public Disks {
   bool canWatch = true;
 
  private:
-  [[nodiscard]] std::optional<SimVolume> at(const std::string& mountPoint);
+  // Nothing happens where no volume is mounted.
+  void at(const std::string& mountPoint, FunctionRef<void(const SimVolume&)> read);
 
   SimVolumes& volumes_;
 };

@@ -34,8 +34,10 @@ SimPlatform::SimPlatform(Life& life, SimVolumes& volumes, SimPlatformOptions opt
     : life_(life), files_(options.files ? std::move(options.files) : installedMachine(life.clock())),
       fileWork_(std::make_shared<SimFileWork>(files_->root())), paths_(hostPathsUnder(files_->root())),
       bundle_(std::move(options.bundle)), snapshots_(volumes, life.clock()), attributes_(volumes, *files_),
-      disks_(volumes), processes_(life.dispatch()), transport_(life, options.transport), process_(life.pid()) {
+      directories_(volumes), disks_(volumes), processes_(life.dispatch()), transport_(life, options.transport),
+      process_(life.pid()), threadIdentities_(life.dispatch()) {
   files_->onKill([this] { life_.kill(); });
+  directories_.setPathOf([this](int fd) { return threadIdentities_.pathOf(fd); });
   life.atEnd([files = std::weak_ptr(files_), work = std::weak_ptr(fileWork_)] {
     if (const auto alive = files.lock()) alive->kill();
     if (const auto alive = work.lock()) alive->kill();
@@ -58,6 +60,9 @@ Platform SimPlatform::platform() {
           .log = log_,
           .process = process_,
           .users = users_,
+          .power = power_,
+          .directories = directories_,
+          .threadIdentities = threadIdentities_,
           .paths = paths_,
           .bundle = bundle_};
 }

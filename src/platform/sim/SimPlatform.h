@@ -17,14 +17,17 @@
 
 #include "platform/Platform.h"
 #include "platform/linux/PropertyList.h"
+#include "platform/sim/SimDirectoryReader.h"
 #include "platform/sim/SimDisks.h"
 #include "platform/sim/SimFileWork.h"
 #include "platform/sim/SimPeerIdentities.h"
 #include "platform/sim/SimPlatformLog.h"
 #include "platform/sim/SimPosix.h"
+#include "platform/sim/SimPowerSources.h"
 #include "platform/sim/SimProcesses.h"
 #include "platform/sim/SimSnapshotCalls.h"
 #include "platform/sim/SimThisProcess.h"
+#include "platform/sim/SimThreadIdentity.h"
 #include "platform/sim/SimTransport.h"
 #include "platform/sim/SimUsers.h"
 #include "platform/sim/SimVolumeAttributes.h"
@@ -53,6 +56,7 @@ class SimPlatform final {
   [[nodiscard]] SimFileWork& fileWork() { return *fileWork_; }
   [[nodiscard]] SimSnapshotCalls& snapshots() { return snapshots_; }
   [[nodiscard]] SimVolumeAttributes& attributes() { return attributes_; }
+  [[nodiscard]] SimDirectoryReader& directories() { return directories_; }
   [[nodiscard]] SimDisks& disks() { return disks_; }
   [[nodiscard]] SimProcesses& processes() { return processes_; }
   [[nodiscard]] SimTransport& transport() { return transport_; }
@@ -60,6 +64,8 @@ class SimPlatform final {
   [[nodiscard]] SimPlatformLog& log() { return log_; }
   [[nodiscard]] SimThisProcess& process() { return process_; }
   [[nodiscard]] SimUsers& users() { return users_; }
+  [[nodiscard]] SimPowerSources& power() { return power_; }
+  [[nodiscard]] SimThreadIdentity& threadIdentities() { return threadIdentities_; }
   [[nodiscard]] const HostPaths& paths() const { return paths_; }
 
  private:
@@ -70,6 +76,7 @@ class SimPlatform final {
   const Bundle bundle_;
   SimSnapshotCalls snapshots_;
   SimVolumeAttributes attributes_;
+  SimDirectoryReader directories_;
   SimDisks disks_;
   SimProcesses processes_;
   os::LinuxPropertyLists propertyLists_;
@@ -78,6 +85,8 @@ class SimPlatform final {
   SimPlatformLog log_;
   SimThisProcess process_;
   SimUsers users_;
+  SimPowerSources power_;
+  SimThreadIdentity threadIdentities_;
 };
 
 }  // namespace quillmark::sim

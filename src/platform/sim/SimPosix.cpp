@@ -11,6 +11,7 @@
 #include <sstream>
 
 #include "base/Error.h"
+#include "platform/sim/SqliteFiles.h"
 
 namespace quillmark::sim {
 namespace {
@@ -40,12 +41,15 @@ void writeFile(const std::string& path, const SimNode::State& state) {
 
 }  // namespace
 
-SimPosix::SimPosix(Clock* clock) : clock_(clock), root_(makeRoot()) {}
+SimPosix::SimPosix(Clock* clock) : clock_(clock), root_(makeRoot()) { SqliteFiles::add(*this); }
 
 SimPosix::SimPosix(Clock* clock, const SimDurability& durability, SimAttributeDisk attributes)
-    : clock_(clock), root_(makeRoot()), durability_(durability), attributes_(std::move(attributes)) {}
+    : clock_(clock), root_(makeRoot()), durability_(durability), attributes_(std::move(attributes)) {
+  SqliteFiles::add(*this);
+}
 
 SimPosix::~SimPosix() {
+  SqliteFiles::remove(*this);
   for (const auto& [fd, node] : open_) files_.close(fd);
   std::error_code ignored;
   std::filesystem::remove_all(root_, ignored);

@@ -68,6 +68,7 @@ class SimPosix final : public Posix {
   SysResult<std::vector<std::string>> list(const std::string& path) override;
 
  private:
+  friend class SqliteFiles;  // SQLite keeps files of its own on the same disk
   enum class Verdict { goOn, shortWrite };
 
   // Counts the call and lets the plan decide; the errno of a call that must not happen.

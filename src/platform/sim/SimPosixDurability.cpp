@@ -45,6 +45,12 @@ class Cut final {
   [[nodiscard]] std::size_t between(std::size_t low, std::size_t high) { return low + engine_() % (high - low + 1); }
 
   [[nodiscard]] SimNode::State stateOf(const SimNode& node, SimNode::State live) {
+    if (node.byWrites) {
+      SimNode::State state = node.durable;
+      if (coin()) state = std::move(live);
+      state.content = withSomeOf(node.unsynced, node.durable.content);
+      return state;
+    }
     if (!node.everSynced) {
       live.content = contents({}, std::move(live.content), 0);
       return live;
@@ -67,6 +73,25 @@ class Cut final {
       case 3: std::fill(live.begin() + static_cast<std::ptrdiff_t>(reached), live.end(), '\0'); return live;
       default: return mixed(durable, std::move(live), same);
     }
+  }
+
+  // Any of the blocks written since the sync, in no order of theirs.
+  std::string withSomeOf(const std::vector<SimNode::Write>& writes, std::string content) {
+    const std::size_t share = between(0, 4);  // in quarters: the disk may have got nothing, or all
+    const auto reached = [&] { return between(1, 4) <= share; };
+    for (const SimNode::Write& write : writes) {
+      if (write.truncates) {
+        if (reached()) content.resize(write.at);
+        continue;
+      }
+      for (std::size_t from = 0; from < write.bytes.size(); from += blockBytes) {
+        if (!reached()) continue;
+        const std::size_t length = std::min(blockBytes, write.bytes.size() - from);
+        content.resize(std::max(content.size(), write.at + from + length));
+        content.replace(write.at + from, length, write.bytes, from, length);
+      }
+    }
+    return content;
   }
 
   std::string mixed(const std::string& durable, std::string live, std::size_t from) {
@@ -157,6 +182,7 @@ void SimDurability::synced(SimNode& node, SimNode::State now) {
   node.durable = std::move(now);
   node.everSynced = true;
   node.changedFrom = node.durable.content.size();
+  node.unsynced.clear();
 }
 
 bool SimDurability::Change::safe() const {

@@ -43,6 +43,14 @@ struct SimNode {
   State durable;                // as of the last fsync
   bool everSynced = false;      // else the disk may hold nothing of it
   std::size_t changedFrom = 0;  // contents below this offset are as they were at the last fsync
+  // Of a file that is written in the middle: what was written since, instead of the offset.
+  struct Write {
+    std::size_t at = 0;
+    std::string bytes;
+    bool truncates = false;
+  };
+  bool byWrites = false;
+  std::vector<Write> unsynced;
   std::optional<State> buried;  // what a file held when its last name went
 };
 

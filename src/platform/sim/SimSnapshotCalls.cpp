@@ -31,12 +31,13 @@ bool isMeant(SimVolumes& volumes, const Uuid& volume, const std::string& name, X
 SysResult<std::unique_ptr<OpenVolume>> SimSnapshotCalls::open(const std::string& mountPoint,
                                                               const VolumeUuid& expected) {
   if (const SysStatus begun = volumes_.begin(SimCall::open, mountPoint); !begun) return Errno{begun.error()};
-  for (const SimVolume& volume : volumes_.volumes()) {
-    if (volume.mountPoint != mountPoint) continue;
-    if (VolumeUuid(volume.uuid.lower()) != expected) return Errno{ESTALE};
-    return std::unique_ptr<OpenVolume>(std::make_unique<SimOpenVolume>(volume.uuid));
-  }
-  return Errno{ENOENT};
+  std::optional<Uuid> mounted;
+  volumes_.visit([&](const SimVolume& volume) {
+    if (!mounted && volume.mountPoint == mountPoint) mounted = volume.uuid;
+  });
+  if (!mounted) return Errno{ENOENT};
+  if (VolumeUuid(mounted->lower()) != expected) return Errno{ESTALE};
+  return std::unique_ptr<OpenVolume>(std::make_unique<SimOpenVolume>(*mounted));
 }
 
 SysStatus SimSnapshotCalls::fs_snapshot_create(OpenVolume& volume, const std::string& name) {
@@ -81,6 +82,34 @@ SysStatus SimSnapshotCalls::unmount(const std::string& path, bool force) {
 SysResult<FileSystemStatus> SimSnapshotCalls::statfs(const std::string& path) {
   if (const SysStatus begun = volumes_.begin(SimCall::statfs, path); !begun) return Errno{begun.error()};
   return volumes_.status(path);
+}
+
+SysResult<std::vector<FileSystemStatus>> SimSnapshotCalls::getmntinfo() {
+  std::vector<FileSystemStatus> statuses;
+  for (const SimVolume& volume : volumes_.volumes()) statuses.push_back(volumes_.status(volume.mountPoint));
+  for (const SimVolumes::Mount& mount : volumes_.mounts()) statuses.push_back(volumes_.status(mount.directory));
+  return statuses;
+}
+
+SysResult<std::map<Xid, std::uint64_t>> SimSnapshotCalls::changedSnapshots(OpenVolume& volume) {
+  const Uuid& uuid = own(volume).uuid;
+  if (const SysStatus begun = volumes_.begin(SimCall::list, uuid.lower()); !begun) return Errno{begun.error()};
+  std::map<Xid, std::uint64_t> changed;
+  for (const SimSnapshot& snapshot : volumes_.snapshots(uuid)) {
+    if (snapshot.lastChange > 0) changed.emplace(snapshot.xid, snapshot.lastChange);
+  }
+  return changed;
+}
+
+SysResult<std::uint64_t> SimSnapshotCalls::lastChange(const std::string& path) {
+  if (const SysStatus begun = volumes_.begin(SimCall::statfs, path); !begun) return Errno{begun.error()};
+  for (const SimVolumes::Mount& mount : volumes_.mounts()) {
+    if (mount.directory != path) continue;
+    for (const SimSnapshot& snapshot : volumes_.snapshots(mount.volume)) {
+      if (snapshot.xid == mount.xid) return snapshot.lastChange;
+    }
+  }
+  return Errno{EINVAL};
 }
 
 bool SimSnapshotCalls::waitForSpace(const std::string& mountPoint, std::chrono::nanoseconds) {

@@ -22,6 +22,9 @@ class SimSnapshotCalls final : public SnapshotCalls {
                               std::uint32_t mountFlags) override;
   SysStatus unmount(const std::string& path, bool force) override;
   SysResult<FileSystemStatus> statfs(const std::string& path) override;
+  SysResult<std::vector<FileSystemStatus>> getmntinfo() override;
+  SysResult<std::map<Xid, std::uint64_t>> changedSnapshots(OpenVolume& volume) override;
+  SysResult<std::uint64_t> lastChange(const std::string& path) override;
   // A scripted failure stands for the time that passed.
   bool waitForSpace(const std::string& mountPoint, std::chrono::nanoseconds duration) override;
 

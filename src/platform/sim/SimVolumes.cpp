@@ -69,16 +69,30 @@ void SimVolumes::add(SimVolume volume) {
   announce(event);
 }
 
+DiskEvent SimVolumes::removeVolume(const Uuid& uuid) {
+  SimVolume* volume = find(uuid);
+  if (!volume) std::abort();
+  DiskEvent event = eventOf(DiskEvent::Kind::disappeared, *volume);
+  unmounted_[uuid] = std::move(volume->snapshots);
+  volumes_.erase(volumes_.begin() + (volume - volumes_.data()));
+  return event;
+}
+
 void SimVolumes::take(const Uuid& uuid) {
   DiskEvent event;
   {
     os::NativeLock lock(mutex_);
-    SimVolume* volume = find(uuid);
-    if (!volume) std::abort();
-    event = eventOf(DiskEvent::Kind::disappeared, *volume);
-    unmounted_[uuid] = std::move(volume->snapshots);
-    volumes_.erase(volumes_.begin() + (volume - volumes_.data()));
+    event = removeVolume(uuid);
     std::erase_if(mounts_, [&](const Mount& mount) { return mount.volume == uuid; });
+  }
+  announce(event);
+}
+
+void SimVolumes::takeButMounts(const Uuid& uuid) {
+  DiskEvent event;
+  {
+    os::NativeLock lock(mutex_);
+    event = removeVolume(uuid);
   }
   announce(event);
 }
@@ -119,6 +133,11 @@ std::vector<SimVolume> SimVolumes::volumes() {
   return volumes_;
 }
 
+void SimVolumes::visit(FunctionRef<void(const SimVolume&)> visitor) {
+  os::NativeLock lock(mutex_);
+  for (const SimVolume& volume : volumes_) visitor(volume);
+}
+
 SysResult<Xid> SimVolumes::addSnapshot(const Uuid& uuid, const std::string& name, Date created) {
   os::NativeLock lock(mutex_);
   SimVolume* volume = find(uuid);
@@ -126,6 +145,7 @@ SysResult<Xid> SimVolumes::addSnapshot(const Uuid& uuid, const std::string& name
   if (withName(volume->snapshots, name) != volume->snapshots.end()) return Errno{EEXIST};
   const Xid xid{++transaction_ << 16 | (nextId_++ & 0xFFFF)};
   volume->snapshots.push_back(makeSnapshot(name, xid, created));
+  volume->snapshots.back().tree = volume->tree;
   return xid;
 }
 
@@ -161,7 +181,7 @@ SysStatus SimVolumes::mount(const Uuid& uuid, const std::string& directory, cons
     for (const Mount& mount : mounts_) {
       if (mount.directory == directory || (mount.volume == uuid && mount.xid == found->xid)) return Errno{EBUSY};
     }
-    mounts_.push_back({directory, uuid, name, found->xid, flags, false});
+    mounts_.push_back({directory, uuid, name, found->xid, flags, false, volume->description.mediaBsdName.value_or("")});
   }
   announce({DiskEvent::Kind::appeared, directory, "apfs", std::nullopt});
   return {};
@@ -210,17 +230,36 @@ FileSystemStatus SimVolumes::status(const std::string& path) {
               volume.availableBlocks};
   }
   for (const Mount& mount : mounts_) {
-    const SimVolume* volume = find(mount.volume);
-    if (!volume || !covers(mount.directory)) continue;
-    status = {mount.flags,
-              "apfs",
-              mount.directory,
-              mount.snapshot + "@/dev/" + volume->description.mediaBsdName.value_or(""),
-              volume->blockSize,
-              volume->blocks,
-              volume->availableBlocks};
+    if (!covers(mount.directory)) continue;
+    status = {mount.flags, "apfs", mount.directory, mount.snapshot + "@/dev/" + mount.device};
+    if (const SimVolume* volume = find(mount.volume)) {
+      status.blockSize = volume->blockSize;
+      status.blocks = volume->blocks;
+      status.availableBlocks = volume->availableBlocks;
+    }
   }
   return status;
+}
+
+std::optional<SimVolumes::PlacedTree> SimVolumes::treeAt(const std::string& path) {
+  os::NativeLock lock(mutex_);
+  std::optional<PlacedTree> placed;
+  std::size_t longest = 0;
+  const auto place = [&](const std::string& mountPoint, const SimTree& tree, bool isSnapshot) {
+    if (!contains(mountPoint, path) || mountPoint.size() < longest) return;
+    longest = mountPoint.size();
+    placed = PlacedTree{tree, path.substr(mountPoint == "/" ? 0 : mountPoint.size()), isSnapshot};
+    if (placed->path == "/") placed->path.clear();
+  };
+  for (const SimVolume& volume : volumes_) place(volume.mountPoint, volume.tree, false);
+  for (const Mount& mount : mounts_) {
+    const SimVolume* volume = find(mount.volume);
+    if (!volume) continue;
+    for (const SimSnapshot& snapshot : volume->snapshots) {
+      if (snapshot.xid == mount.xid) place(mount.directory, snapshot.tree, true);
+    }
+  }
+  return placed;
 }
 
 void SimVolumes::failNext(SimCall call, int error, int times) {

@@ -23,6 +23,7 @@
 #include "platform/Disks.h"
 #include "platform/SnapshotCalls.h"
 #include "platform/linux/Threads.h"
+#include "platform/sim/SimTree.h"
 
 namespace quillmark::sim {
 
@@ -32,7 +33,9 @@ struct SimSnapshot {
   std::uint64_t fileId = 0;  // the XID unless a test says otherwise
   std::int64_t createdSeconds = 0;
   std::int64_t createdNanoseconds = 0;
-  std::uint64_t ownBlocks = 0;  // come back when it is deleted, as soon as somebody waits for them
+  std::uint64_t ownBlocks = 0;   // come back when it is deleted, as soon as somebody waits for them
+  SimTree tree = {};             // as the volume's was
+  std::uint64_t lastChange = 0;  // since it was made
 };
 
 struct SimVolume {
@@ -46,6 +49,7 @@ struct SimVolume {
   std::vector<std::string> registryClasses = {"IOMedia", "IONVMeController"};
   std::uint64_t returningBlocks = 0;  // of deleted snapshots
   std::vector<SimSnapshot> snapshots;
+  SimTree tree = {};
 };
 // An internal "Data" volume, as most tests want one.
 [[nodiscard]] SimVolume makeSimVolume(const Uuid& uuid, const std::string& name = "Data",
@@ -63,6 +67,7 @@ class SimVolumes final {
     Xid xid;
     std::uint32_t flags = 0;
     bool isBusy = false;
+    std::string device = {};  // that it was mounted from
   };
 
   SimVolumes();
@@ -70,9 +75,13 @@ class SimVolumes final {
   void add(SimVolume volume);
   // Unmounted, or its disk gone: its snapshots stay for the day it comes back by add().
   void take(const Uuid& volume);
+  // The same, but mounts of its snapshots stay and keep its file system busy.
+  void takeButMounts(const Uuid& volume);
   // The volume as it stands; changes are taken over when the work returns. Aborts for an unknown one.
   void change(const Uuid& volume, FunctionRef<void(SimVolume&)> work);
   [[nodiscard]] std::vector<SimVolume> volumes();
+  // Each as it stands, in the order of mounting, without a copy. The visitor must not come back here.
+  void visit(FunctionRef<void(const SimVolume&)> visitor);
 
   // EEXIST for a name taken.
   [[nodiscard]] SysResult<Xid> addSnapshot(const Uuid& volume, const std::string& name, Date created);
@@ -99,6 +108,14 @@ class SimVolumes final {
   // What statfs gives for a path: of the longest mount point that contains it, "/" being one of no volume.
   [[nodiscard]] FileSystemStatus status(const std::string& path);
 
+  struct PlacedTree {
+    SimTree tree;
+    std::string path;  // within the tree
+    bool isSnapshot = false;
+  };
+  // Of the mount that holds the path.
+  [[nodiscard]] std::optional<PlacedTree> treeAt(const std::string& path);
+
   // The next calls of this kind fail so.
   void failNext(SimCall call, int error, int times = 1);
   // Called at the start of each call with its subject (a path or a snapshot's name): to wait, to change the machine
@@ -109,6 +126,7 @@ class SimVolumes final {
 
  private:
   [[nodiscard]] SimVolume* find(const Uuid& volume) REQUIRES(mutex_);
+  [[nodiscard]] DiskEvent removeVolume(const Uuid& volume) REQUIRES(mutex_);
 
   os::NativeMutex mutex_;
   std::vector<SimVolume> volumes_ GUARDED_BY(mutex_);  // in the order of mounting

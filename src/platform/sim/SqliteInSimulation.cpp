@@ -10,6 +10,7 @@
 
 #include "platform/linux/Threads.h"
 #include "platform/sim/LifeHost.h"
+#include "platform/sim/SqliteFiles.h"
 
 // The one process-wide installation of the simulator: SQLite knows only process-wide mutexes and file systems.
 namespace quillmark::sim {
@@ -172,16 +173,17 @@ sqlite3_vfs makeVfs(sqlite3_vfs* original) {
   sqlite3_vfs vfs = *original;
   vfs.iVersion = std::min(vfs.iVersion, 2);
   vfs.pNext = nullptr;
+  vfs.szOsFile = SqliteFiles::fileBytes(*original);
   vfs.zName = "simulation";
   vfs.pAppData = original;
   vfs.xOpen = [](sqlite3_vfs* self, sqlite3_filename name, sqlite3_file* file, int flags, int* outFlags) {
-    return real(self)->xOpen(real(self), name, file, flags, outFlags);
+    return SqliteFiles::open(*real(self), name, file, flags, outFlags);
   };
   vfs.xDelete = [](sqlite3_vfs* self, const char* name, int sync) {
-    return real(self)->xDelete(real(self), name, sync);
+    return SqliteFiles::unlink(*real(self), name, sync != 0);
   };
   vfs.xAccess = [](sqlite3_vfs* self, const char* name, int flags, int* result) {
-    return real(self)->xAccess(real(self), name, flags, result);
+    return SqliteFiles::askAbout(*real(self), name, flags, result);
   };
   vfs.xFullPathname = [](sqlite3_vfs* self, const char* name, int size, char* into) {
     return real(self)->xFullPathname(real(self), name, size, into);

@@ -3,7 +3,6 @@
 #include <fmt/format.h>
 
 #include <algorithm>
-#include <vector>
 
 #include "base/Text.h"
 
@@ -27,29 +26,30 @@ std::optional<Date> parseTimestamp(std::string_view text) {
   return parseIso8601(iso);
 }
 
-std::vector<std::string_view> nonEmptyPieces(std::string_view text) {
-  std::vector<std::string_view> pieces;
-  while (!text.empty()) {
-    const auto dot = text.find('.');
-    if (dot != 0) pieces.push_back(text.substr(0, dot));
-    if (dot == std::string_view::npos) break;
-    text.remove_prefix(dot + 1);
-  }
-  return pieces;
+// Takes the next piece between dots off the text; empty at the end.
+std::string_view takePiece(std::string_view& text) {
+  text.remove_prefix(std::min(text.find_first_not_of('.'), text.size()));
+  const std::string_view piece = text.substr(0, text.find('.'));
+  text.remove_prefix(piece.size());
+  return piece;
 }
 
-// Timestamp and label, from the piece at `at` on.
-Parsed rest(Kind kind, const std::vector<std::string_view>& pieces, std::size_t at) {
-  Parsed parsed{kind, parseTimestamp(pieces[at]), std::nullopt};
-  for (std::size_t i = at + 1; i < pieces.size(); ++i) {
-    if (parsed.label) {
-      *parsed.label += '.';
-    } else {
-      parsed.label.emplace();
-    }
-    *parsed.label += pieces[i];
+struct Beginning {
+  Kind kind;
+  std::string_view rest;  // timestamp and label
+};
+
+Beginning beginningOf(std::string_view name) {
+  if (!isOwned(name)) return {Kind::unknown(), {}};
+  std::string_view text = name.substr(prefix.size());
+  const std::string_view first = takePiece(text);
+  if (first == manualWord) return {Kind::manual(), text};
+  if (first == safetyWord) return {Kind::safety(), text};
+  if (first == autoWord) {
+    const auto known = cadence(takePiece(text));
+    if (known && text.find_first_not_of('.') != std::string_view::npos) return {Kind::automatic(*known), text};
   }
-  return parsed;
+  return {Kind::manual(), {}};
 }
 
 std::string kindPart(Kind kind) {
@@ -65,21 +65,18 @@ std::string kindPart(Kind kind) {
 }  // namespace
 
 Parsed parse(std::string_view name) {
-  if (!isOwned(name)) return {Kind::unknown(), std::nullopt, std::nullopt};
-  const Parsed bareManual{Kind::manual(), std::nullopt, std::nullopt};
-  const std::vector<std::string_view> pieces = nonEmptyPieces(name.substr(prefix.size()));
-  if (pieces.empty()) return bareManual;
-  if (pieces[0] == manualWord || pieces[0] == safetyWord) {
-    const Kind kind = pieces[0] == manualWord ? Kind::manual() : Kind::safety();
-    return pieces.size() < 2 ? Parsed{kind, std::nullopt, std::nullopt} : rest(kind, pieces, 1);
+  auto [kind, rest] = beginningOf(name);
+  Parsed parsed{kind, std::nullopt, std::nullopt};
+  const std::string_view stamp = takePiece(rest);
+  if (stamp.empty()) return parsed;
+  parsed.utcTimestamp = parseTimestamp(stamp);
+  for (std::string_view piece = takePiece(rest); !piece.empty(); piece = takePiece(rest)) {
+    parsed.label = parsed.label ? *parsed.label + "." + std::string(piece) : std::string(piece);
   }
-  if (pieces[0] == autoWord && pieces.size() >= 3) {
-    if (const auto known = cadence(pieces[1])) return rest(Kind::automatic(*known), pieces, 2);
-  }
-  return bareManual;
+  return parsed;
 }
 
-Kind kind(std::string_view name) { return parse(name).kind; }
+Kind kind(std::string_view name) { return beginningOf(name).kind; }
 
 std::string sanitizeLabel(std::string_view label) {
   std::string result;

@@ -51,18 +51,18 @@ MountTable readTable() {
   return std::move(*table);
 }
 
+// Without its descriptor, which would keep people from unmounting it.
 struct FoundVolume {
   const MountEntry* entry;
-  MountedSubvolume mounted;
-
-  [[nodiscard]] DeviceNames::Volume key() const { return {mounted.fsid, mounted.volumeUuid()}; }
+  Uuid fsid;
+  Uuid uuid;
 };
 
 std::vector<FoundVolume> mountedVolumes(const MountTable& table) {
   std::vector<FoundVolume> found;
   for (const MountEntry* entry : table.volumes()) {
-    auto mounted = openSubvolume(*entry);
-    if (mounted) found.push_back({entry, std::move(*mounted)});
+    const auto mounted = openSubvolume(*entry);
+    if (mounted) found.push_back({entry, mounted->fsid, mounted->volumeUuid()});
   }
   return found;
 }
@@ -72,10 +72,8 @@ FoundVolume volumeOfDevice(DeviceNames& names, const MountTable& table, std::str
   const auto wanted = names.volumeNamed(device);
   if (const auto problem = names.problem(); !wanted && problem) fail("The names of disks can't be read: " + *problem);
   if (!wanted) fail(fmt::format("There is no volume \"{}\".", displayName(device)));
-  for (FoundVolume& volume : mountedVolumes(table)) {
-    if (volume.mounted.fsid == wanted->fileSystem && volume.mounted.volumeUuid() == wanted->volume) {
-      return std::move(volume);
-    }
+  for (const FoundVolume& volume : mountedVolumes(table)) {
+    if (volume.fsid == wanted->fileSystem && volume.uuid == wanted->volume) return volume;
   }
   fail(fmt::format("The volume \"{}\" isn't mounted, or you may not open it.", device));
 }
@@ -83,9 +81,9 @@ FoundVolume volumeOfDevice(DeviceNames& names, const MountTable& table, std::str
 FoundVolume volumeAt(const MountTable& table, const std::string& mountPoint) {
   const MountEntry* entry = table.at(mountPoint);
   if (!entry || !entry->isVolume()) fail(fmt::format("There is no volume at \"{}\".", displayName(mountPoint)));
-  auto mounted = openSubvolume(*entry);
+  const auto mounted = openSubvolume(*entry);
   if (!mounted) fail(posixError("open", mountPoint, mounted.error()).description());
-  return {entry, std::move(*mounted)};
+  return {entry, mounted->fsid, mounted->volumeUuid()};
 }
 
 std::optional<bool> encryption(const Uuid& fsid) {
@@ -102,11 +100,11 @@ PropertyList rolesOf(const DiskDescription& description) {
 PropertyList volumeOfContainer(LinuxDisks& disks, const FoundVolume& volume) {
   const auto description = disks.describe(volume.entry->mountPoint).value_or(DiskDescription{});
   Facts facts;
-  facts.add("APFSVolumeUUID", std::optional(volume.mounted.volumeUuid().upper()));
+  facts.add("APFSVolumeUUID", std::optional(volume.uuid.upper()));
   facts.add("DeviceIdentifier", description.mediaBsdName);
   facts.add("Name", description.volumeName);
   facts.add("Roles", rolesOf(description));
-  facts.add("Encryption", encryption(volume.mounted.fsid));
+  facts.add("Encryption", encryption(volume.fsid));
   return facts.take();
 }
 
@@ -115,9 +113,10 @@ PropertyList volumeOfContainer(LinuxDisks& disks, const FoundVolume& volume) {
 PropertyList snapshotsOfVolume(DeviceNames& names, const std::string& device) {
   const MountTable table = readTable();
   const FoundVolume volume = volumeOfDevice(names, table, device);
-  const VolumeIdentity identity{volume.mounted.subvolume.id, volume.mounted.subvolume.uuid,
-                                volume.mounted.volumeUuid()};
-  const auto snapshots = listSnapshots(volume.mounted.fd.get(), identity);
+  const auto mounted = openSubvolume(*volume.entry);
+  if (!mounted) fail(posixError("open", device, mounted.error()).description());
+  const auto snapshots =
+      listSnapshots(mounted->fd.get(), {mounted->subvolume.id, mounted->subvolume.uuid, mounted->volumeUuid()});
   if (!snapshots) fail(posixError("list", device, snapshots.error()).description());
   PropertyArray rows;
   for (const ListedSnapshot& snapshot : *snapshots) {
@@ -135,10 +134,10 @@ PropertyList containers(DeviceNames& names) {
   LinuxDisks disks(names);
   std::vector<Uuid> order;
   std::map<Uuid, std::vector<FoundVolume>> byFileSystem;
-  for (FoundVolume& volume : mountedVolumes(table)) {
-    auto& volumes = byFileSystem[volume.mounted.fsid];
-    if (volumes.empty()) order.push_back(volume.mounted.fsid);
-    volumes.push_back(std::move(volume));
+  for (const FoundVolume& volume : mountedVolumes(table)) {
+    auto& volumes = byFileSystem[volume.fsid];
+    if (volumes.empty()) order.push_back(volume.fsid);
+    volumes.push_back(volume);
   }
   PropertyArray rows;
   for (const Uuid& fsid : order) {
@@ -169,7 +168,7 @@ PropertyList volumeInformation(DeviceNames& names, const std::string& deviceOrMo
   const VolumeCapacities capacities = disks.capacities(volume.entry->mountPoint);
   return Facts()
       .add("DeviceIdentifier", description.mediaBsdName)
-      .add("VolumeUUID", std::optional(volume.mounted.volumeUuid().upper()))
+      .add("VolumeUUID", std::optional(volume.uuid.upper()))
       .add("VolumeName", description.volumeName)
       .add("MountPoint", std::optional(volume.entry->mountPoint))
       .add("FilesystemType", description.volumeKind)
@@ -177,8 +176,8 @@ PropertyList volumeInformation(DeviceNames& names, const std::string& deviceOrMo
       .add("BusProtocol", description.deviceProtocol)
       .add("Internal", description.deviceInternal)
       .add("MediaName", description.deviceModel)
-      .add("EncryptionThisVolumeProper", encryption(volume.mounted.fsid))
-      .add("APFSContainerReference", names.disk(volume.mounted.fsid))
+      .add("EncryptionThisVolumeProper", encryption(volume.fsid))
+      .add("APFSContainerReference", names.disk(volume.fsid))
       .add("APFSContainerSize", capacities.total)
       .add("APFSContainerFree", capacities.available)
       .take();
