@@ -1,7 +1,5 @@
 #include <gtest/gtest.h>
 
-#include <random>
-
 #include "base/Text.h"
 #include "platform/NameText.h"
 
@@ -43,35 +41,6 @@ TEST(Utf8, takesIllFormedBytesForWhatTheyAre) {
 TEST(Text, trimsEveryKindOfBlankFromBothEnds) {
   EXPECT_EQ(trimWhitespaceAndNewlines(" \t\n\xC2\xA0 a b\xE2\x80\xA8\r\n"), "a b");
   EXPECT_EQ(trimWhitespaceAndNewlines(" \xE3\x80\x80"), "");
-}
-
-// Goal:   no two names share a text, and every text that is let in names exactly one name.
-// Method: random bytes, weighted towards escapes and their neighbours, through the coding and back.
-TEST(NameText, isOneToOneForAnyBytes) {
-  std::mt19937 random(20260301);
-  const std::vector<std::string> pieces{"a",
-                                        "/",
-                                        ".",
-                                        "\x01",
-                                        "\x7F",
-                                        "\xFF",
-                                        "\xC3\xA9",
-                                        "\xF4\x8E\xBC\x80",
-                                        "\xF4\x8E\xBB\xBF",
-                                        "\xF4\x8E\xBF\xBF",
-                                        "\xF4\x8F\x80\x80",
-                                        "\xE2\x82",
-                                        "\xF4\x8E\xBC\xAF"};
-  for (const NameEscapes escapes : {NameEscapes::illFormed, NameEscapes::controls}) {
-    for (int round = 0; round < 20000; ++round) {
-      std::string bytes;
-      for (unsigned i = random() % 8; i > 0; --i) bytes += pieces[random() % pieces.size()];
-      const std::string text = nameText(bytes, escapes);
-      ASSERT_TRUE(isValidUtf8(text));
-      ASSERT_EQ(nameBytes(text), bytes);
-      ASSERT_TRUE(isNameText(text, escapes));
-    }
-  }
 }
 
 TEST(NameText, leavesOrdinaryNamesAlone) {

@@ -1,7 +1,6 @@
 // quillmark-test-client: a genuine client that the tests drive. Connects to the socket, then carries bytes between it and
 // standard input, which has to be a socket: its first four bytes there are the errno of the connect, 0 for none.
 //   quillmark-test-client SOCKET [PROGRAM ARGUMENT...]   on SIGUSR1 becomes PROGRAM, which finds the connection open as 3
-//   quillmark-test-client SOCKET --child                 on SIGUSR1 a child carries on instead
 //   quillmark-test-client --drop-group SOCKET ...        gives up its group once it is connected
 //   quillmark-test-client --wait SOCKET ...              connects when a byte comes on standard input
 //   quillmark-test-client --carry                        goes on with the connection that is open as 3
@@ -63,11 +62,6 @@ struct Lane {
 
 void becomeAnother(char** words) {
   if (!words[0]) return;
-  if (std::strcmp(words[0], "--child") == 0) {
-    if (::fork() == 0) return;
-    ::close(driver);
-    while (true) ::pause();
-  }
   ::execv(words[0], words);
   ::_exit(126);
 }

@@ -1,6 +1,7 @@
 """The ground that the tests stand on: volumes of their own, a helper, and a connection to it."""
 
 import os
+import random
 import unittest
 
 import helper
@@ -57,6 +58,12 @@ class HelperCase(unittest.TestCase):
         self.assertEqual((caught.exception.domain, caught.exception.code, caught.exception.text),
                          ("com.harrowfern.quillmark.Error", code, text))
 
+    def run_ok(self, *words, **options):
+        """What quill prints, which goes well."""
+        done = helper.quill(*words, **options)
+        self.assertEqual(done.returncode, 0, f"{words}: {done.stdout}{done.stderr}")
+        return done.stdout
+
     def indexed(self, volume=None):
         """The listing, once it is indexed whole; else nothing."""
         listed = self.client.list(volume or self.volume)
@@ -64,6 +71,27 @@ class HelperCase(unittest.TestCase):
 
     def names(self, client=None, volume=None):
         return [snapshot["name"] for snapshot in (client or self.client).list(volume or self.volume)]
+
+
+class RandomCase(HelperCase):
+    """Work that a seed draws, on a volume of either layout. QUILLMARK_SEED brings it back."""
+
+    def draw(self, leave_out=()):
+        seed = int(os.environ.get("QUILLMARK_SEED", random.randrange(1 << 32)))
+        print(f"QUILLMARK_SEED={seed}", flush=True)
+        self.chance, self.made_snapshots = random.Random(seed), 0
+        if self.chance.random() < 0.5:
+            self.volume = self.make_volume("whole", top_level=True)
+        settings = self.client.call(helper.GET_SETTINGS)
+        settings.update(excludedPathRules=[], excludedDirectoryNames=[os.fsdecode(name) for name in leave_out])
+        self.client.call(helper.SET_SETTINGS, settings)
+
+    def create(self):
+        self.made_snapshots += 1
+        return self.client.create(self.volume, f"n{self.made_snapshots}")  # many in a second
+
+    def indexed_xids(self):
+        return set(self.client.call(helper.INDEXED, self.volume.uuid))
 
 
 class OnBothLayouts:

@@ -27,6 +27,8 @@ HEALTH = "helperHealthWithReply:"
 GET_SCHEDULE = "getScheduleForVolume:reply:"
 SET_SCHEDULE = "setScheduleForVolume:policyJSON:reply:"
 FREE_SPACE = "getFreeSpaceStatesWithReply:"
+GET_SETTINGS, SET_SETTINGS = "getHelperSettingsWithReply:", "setHelperSettings:reply:"
+INDEXED = "indexedXIDsOnVolume:reply:"
 
 PROGRAMS = os.environ.get("QUILLMARK_PROGRAMS", "")
 TEST_CLIENT = f"{PROGRAMS}/quillmark-test-client"

@@ -58,24 +58,6 @@ def detach(target):
         raise OSError(problem, f"umount {target}")
 
 
-class Elsewhere:
-    """A mount namespace of its own, as long as the context lasts, in which a command was run first."""
-
-    def __init__(self, command):
-        self.process = subprocess.Popen(["unshare", "--mount", "--propagation", "private", "sh", "-ec",
-                                         f"{command}; echo ready; read end"],
-                                        stdin=subprocess.PIPE, stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True)
-
-    def __enter__(self):
-        said = self.process.stdout.readline()
-        if said != "ready\n":
-            raise RuntimeError(f"{said}{self.process.communicate()[0]}")
-        return self
-
-    def __exit__(self, *_):
-        self.process.communicate("end\n")
-
-
 def enter(keep):
     """Goes on inside, by running this program anew there. The paths in `keep` are there as they are here."""
     if os.environ.get(INNER) != "1":

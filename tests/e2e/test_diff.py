@@ -3,13 +3,12 @@ with a reader of property lists of our own."""
 
 import os
 import plistlib
-import shutil
 import stat
 import subprocess
 
 import test_peers
 from cases import HelperCase
-from helper import ACTIVITY, LOG, PATIENCE, quill, records, wait_until
+from helper import ACTIVITY, PATIENCE, quill, records, wait_until
 from test_peers import INSTALLED, MEMBER, a_member
 
 DIFF = "diffSnapshotsOnVolume:xidA:nameA:xidB:nameB:includeTree:ignoreExclusions:reply:"
@@ -140,50 +139,3 @@ class Diff(HelperCase):
         os.chown(letters, 0, a_member()["extra_groups"][0])
         os.chmod(letters, 0o750)
         self.assertEqual(self.quill(*words, **a_member()), "/letters/gone.txt\n")
-
-    def test_a_full_scan_shows_what_is_excluded_and_changes_nothing(self):
-        rules = self.client.call("getHelperSettingsWithReply:")
-        rules["excludedDirectoryNames"] = rules["excludedDirectoryNames"] + ["scratch"]
-        self.client.call("setHelperSettings:reply:", rules)
-        self.volume.write("scratch/draft.txt", "x")
-        self.client.create(self.volume, "three")
-        *_, self.one, self.two = self.client.list(self.volume)
-        draft = ("added", None, "/scratch/draft.txt")
-        self.assertNotIn(draft, changes(contents(self.diff())))
-        full = self.diff(full=True)
-        self.assertTrue(full.endswith("-rows-full.qmdiff"))
-        self.assertIn(draft, changes(contents(full)))
-        self.assertTrue(self.records_of_comparisons()[-1]["detail"].startswith("Full scan (exclusions ignored) · "))
-        self.assertEqual(changes(self.client.call(SUBTREE, self.volume.uuid, "/scratch", self.one["xid"], self.two["xid"])),
-                         {("added", None, "/scratch")}, "the history knows of the folder and nothing below it")
-
-    def test_directories_are_compared_as_they_are_for_those_who_may_read_both(self):
-        then = self.client.mount(self.volume, self.one["name"], self.one["xid"])
-        self.volume.write("letters/later.txt", "later")
-        result = self.client.call(LOCAL, f"{then}/letters", f"{self.volume.path}/letters", True, "/letters")
-        self.assertEqual((result["volumeUUID"], result["xidA"], result["xidB"]), ("local", 0, 0))
-        self.assertLessEqual({("added", None, "/new.txt"), ("added", None, "/later.txt"), ("deleted", None, "/gone.txt")},
-                             changes(result))
-        self.assertEqual(self.records_of_comparisons(), [])
-        self.client.unmount(then)
-
-        other = f"{self.volume.path}/copy"
-        shutil.copytree(f"{self.volume.path}/letters", other)
-        os.remove(f"{other}/new.txt")
-        words = ["diff", "--local", other, f"{self.volume.path}/letters", "--name-only", "--kind", "added"]
-        self.assertEqual(self.quill(*words, **a_member()), "/new.txt\n")
-        os.chmod(other, 0o700)
-        self.assertIn(f"You do not have permission to compare this item at {other}.",
-                      self.quill(*words, status=4, **a_member()))
-
-    def test_snapshots_that_the_helper_has_not_indexed_are_compared_all_the_same(self):
-        # "disabled" keeps the helper from indexing anything by itself.
-        settings = self.client.call("getHelperSettingsWithReply:")
-        self.client.call("setHelperSettings:reply:", dict(settings, indexingMode="disabled"))
-        self.volume.write("later.txt", "later")
-        self.client.create(self.volume, "three")
-        self.one, self.two = self.two, self.client.list(self.volume)[-1]
-        self.assertFalse(self.two["isIndexed"])
-        self.assertEqual(changes(contents(self.diff())), {("added", None, "/later.txt")})
-        with open(LOG) as log:
-            self.assertNotIn("diffSnapshots failed", log.read())

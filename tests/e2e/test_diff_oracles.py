@@ -1,12 +1,10 @@
-"""What changed between two snapshots, told by others: by git, by rsync, by a walk of our own, and by each of the service's
+"""What changed between two snapshots, told by others: by rsync, by a walk of our own, and by each of the service's
 roads to an answer."""
 
 import collections
-import contextlib
 import fcntl
 import itertools
 import os
-import random
 import re
 import shutil
 import stat
@@ -14,46 +12,19 @@ import struct
 
 import sandbox
 import volumes
-from cases import HelperCase
-from helper import wait_until
+from cases import RandomCase
+from helper import GET_SETTINGS, SET_SETTINGS, wait_until
 from test_diff import CACHE, DIFF, contents
 from workload import LEFT_OUT, Tree, fallocate, name_text
 
-INDEXED, REINDEX = "indexedXIDsOnVolume:reply:", "reindexVolumeWithVolumeUUID:reply:"
-SETTINGS, SET_SETTINGS = "getHelperSettingsWithReply:", "setHelperSettings:reply:"
+REINDEX = "reindexVolumeWithVolumeUUID:reply:"
 LONGER = 5 if os.environ.get("QUILLMARK_LONG") else 1
 MOST_ENTRIES = 300
 KEEP_SIZE, PUNCH_HOLE, CLONE_RANGE = 1, 2, 0x4020940D  # linux/falloc.h, linux/fs.h
 TREE = b"/tree"  # where the work is done, below the volume
 
 
-class DiffOracles(HelperCase):
-    # Goal:   whatever git finds to differ between two commits is told of their snapshots, and nothing else but what has
-    #         another time, mode, owner, identity or witness of its content.
-    # Method: a repository is worked on in the volume, then its commits are checked out in a random order; a snapshot after
-    #         each. Of git's files a move is a deletion and an addition; it knows of no directories.
-    def test_the_commits_of_a_repository(self):
-        self.prepare()
-        tree = Sources(self.root, self.chance)
-        repository = Repository(self.root)
-        commits = []  # of each snapshot
-        for number in range(40 * LONGER):
-            for _ in range(self.chance.choice([1, 3, 10, 30])):
-                tree.change()
-            tree.thin(MOST_ENTRIES)
-            commits.append(repository.commit(number))
-            self.create()
-        for commit in self.chance.choices(commits, k=30 * LONGER):
-            repository.check_out(commit)
-            commits.append(commit)
-            self.create()
-        for a, b, before, after in self.pairs(len(commits)):
-            theirs = {below_root(path) for path in repository.changed(commits[a], commits[b])}
-            for full in (False, True):
-                told = self.told(a, b, before, after, full)
-                ours = {path for path in told if not all_directories(path, before, after)}
-                self.assert_covers(ours, theirs, before, after, (a, b, full))
-
+class DiffOracles(RandomCase):
     # Goal:   whatever `rsync --delete` would do to turn one snapshot into the other is told, and nothing else but what has
     #         another time, mode, owner, identity or witness of its content.
     # Method: random work on files of all kinds; rsync compares the contents themselves. Directories' times are nothing to
@@ -112,7 +83,7 @@ class DiffOracles(HelperCase):
     # Method: random work on files of all kinds, part of it not indexed at first; each row is compared whole. Below excluded
     #         directories a full scan sees more: without those, and with moves as deletions and additions.
     def test_the_roads_agree(self):
-        self.prepare(leave_out=[os.fsdecode(LEFT_OUT)])
+        self.prepare(leave_out=[LEFT_OUT])
         tree = Tree(self.root, self.chance)
         for _ in range(10 * LONGER):
             self.work(tree, 4)
@@ -177,31 +148,16 @@ class DiffOracles(HelperCase):
     # ---- the ground
 
     def prepare(self, leave_out=()):
-        seed = int(os.environ.get("QUILLMARK_SEED", random.randrange(1 << 32)))
-        print(f"QUILLMARK_SEED={seed}", flush=True)
-        self.chance, self.made_snapshots = random.Random(seed), 0
-        if self.chance.random() < 0.5:
-            self.volume = self.make_volume("whole", top_level=True)
-        self.client = self.connect()
-        settings = self.client.call(SETTINGS)
-        settings.update(excludedPathRules=[], excludedDirectoryNames=list(leave_out))
-        self.client.call(SET_SETTINGS, settings)
+        self.draw(leave_out)
         self.root = os.fsencode(self.volume.path) + TREE
         os.mkdir(self.root)
 
     def set_indexing(self, mode):
-        self.client.call(SET_SETTINGS, dict(self.client.call(SETTINGS), indexingMode=mode))
+        self.client.call(SET_SETTINGS, dict(self.client.call(GET_SETTINGS), indexingMode=mode))
 
     def wait_indexed(self):
         wait_until(lambda: self.indexed_xids() == {snapshot["xid"] for snapshot in self.client.list(self.volume)},
                    "the index of all")
-
-    def indexed_xids(self):
-        return set(self.client.call(INDEXED, self.volume.uuid))
-
-    def create(self):
-        self.made_snapshots += 1
-        self.client.create(self.volume, f"n{self.made_snapshots}")  # many in a second
 
     def pairs(self, count):
         """Neighbours, and some that lie apart, each with what a walk finds in both."""
@@ -408,54 +364,3 @@ def rsync_changes(before, after):
         name = re.sub(rb"\\#([0-7]{3})", lambda code: bytes([int(code[1], 8)]), name.removesuffix(b"/"))
         found.add(below_root(name) if name != b"." else name_text(TREE))
     return found
-
-
-# ---- git
-
-class Sources(Tree):
-    """Changes of the kinds that git can see."""
-
-    SEEN = ("create", "overwrite", "append", "truncate", "rename", "move_directory", "swap", "link", "symlink", "remove",
-            "remove_tree", "make_directory", "deep", "wide", "replace_kind")
-
-    def __init__(self, root, chance):
-        super().__init__(root, chance)
-        self.changes = [(weight, change) for weight, change in self.changes if change.__name__ in self.SEEN]
-        self.changes.append((5, self.executable))
-
-    def executable(self):
-        path = self.pick("file")
-        if path is not None:
-            os.chmod(self.absolute(path), self.chance.choice([0o644, 0o755]))
-
-
-class Repository:
-    """Of the files in a directory, kept elsewhere."""
-
-    def __init__(self, root):
-        self.place, self.root = "/tmp/repository.git", root
-        self.environment = dict(os.environ, GIT_DIR=self.place, GIT_WORK_TREE=os.fsdecode(root), GIT_CONFIG_NOSYSTEM="1",
-                                GIT_CONFIG_GLOBAL="/dev/null", GIT_AUTHOR_NAME="A", GIT_AUTHOR_EMAIL="a@example.org",
-                                GIT_COMMITTER_NAME="A", GIT_COMMITTER_EMAIL="a@example.org")
-        shutil.rmtree(self.place, ignore_errors=True)
-        self.git("init", "-q")
-        for name, value in (("core.protectNTFS", "false"), ("core.protectHFS", "false"), ("gc.auto", "0")):
-            self.git("config", name, value)
-
-    def git(self, *words):
-        return sandbox.run("git", *words, cwd=self.root, env=self.environment)
-
-    def commit(self, number):
-        """Without what git remembers of the files' times: it reads them all."""
-        with contextlib.suppress(FileNotFoundError):
-            os.remove(f"{self.place}/index")
-        self.git("add", "-A", ".")
-        self.git("commit", "-q", "--allow-empty", "-m", f"{number}")
-        return self.git("rev-parse", "HEAD").decode().strip()
-
-    def check_out(self, commit):
-        self.git("checkout", "-q", "-f", "--detach", commit)
-
-    def changed(self, one, other):
-        names = self.git("diff-tree", "-r", "-z", "--no-renames", "--name-only", one, other)
-        return names.split(b"\0")[:-1]

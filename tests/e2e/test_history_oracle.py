@@ -3,7 +3,6 @@
 import contextlib
 import json
 import os
-import random
 import signal
 import sqlite3
 import subprocess
@@ -12,12 +11,10 @@ import time
 
 import sandbox
 import volumes
-from cases import HelperCase
+from cases import RandomCase
 from helper import PROGRAMS, STATE, despite_changes, wait_until
 from workload import LEFT_OUT, Tree, name_text
 
-INDEXED = "indexedXIDsOnVolume:reply:"
-SETTINGS, SET_SETTINGS = "getHelperSettingsWithReply:", "setHelperSettings:reply:"
 # 0: without end.
 ROUNDS = int(os.environ.get("QUILLMARK_ROUNDS", "3000" if os.environ.get("QUILLMARK_LONG") else "300"))
 MOST_SNAPSHOTS = 8
@@ -32,32 +29,23 @@ class State:
                         for path, token in tree.visible().items()}
 
 
-class HistoryOracle(HelperCase):
+class HistoryOracle(RandomCase):
     # Goal:   after every commit, deletion, compaction, kill and restart each indexed snapshot's tree is exactly what the
     #         snapshot holds, and every move that two neighbours tell has happened.
     # Method: a book of which object lies where is kept beside random changes; snapshots are made and deleted through the
     #         service and behind its back. A program of ours reads the history and each snapshot directory by directory.
     def test_the_history_tells_what_the_snapshots_hold(self):
-        seed = int(os.environ.get("QUILLMARK_SEED", random.randrange(1 << 32)))
-        print(f"QUILLMARK_SEED={seed}", flush=True)
-        self.chance, self.states = random.Random(seed), {}
-        self.round = self.made_snapshots = 0
-        if self.chance.random() < 0.5:
-            self.volume = self.make_volume("whole", top_level=True)
-        self.fresh_connection()
-        settings = self.client.call(SETTINGS)
-        settings.update(excludedPathRules=[], excludedDirectoryNames=[os.fsdecode(LEFT_OUT)])
-        self.client.call(SET_SETTINGS, settings)
+        self.draw(leave_out=[LEFT_OUT])
+        self.states, self.round = {}, 0
         os.mkdir(f"{self.volume.path}/tree")
         self.tree = Tree(f"{self.volume.path}/tree", self.chance)
         self.create()  # without a first one of ours there is nothing that another tool's could join
         self.wait_indexed()
-        with self.subTest(seed=seed):
-            begun = time.monotonic()
-            while ROUNDS == 0 or self.round < ROUNDS:
-                self.round += 1
-                self.one_round()
-            print(f"{self.round} rounds in {time.monotonic() - begun:.0f} s, {self.tree.count} objects made", flush=True)
+        begun = time.monotonic()
+        while ROUNDS == 0 or self.round < ROUNDS:
+            self.round += 1
+            self.one_round()
+        print(f"{self.round} rounds in {time.monotonic() - begun:.0f} s, {self.tree.count} objects made", flush=True)
 
     def one_round(self):
         chance = self.chance
@@ -81,13 +69,8 @@ class HistoryOracle(HelperCase):
 
     # ---- what happens to the volume
 
-    def fresh_connection(self):
-        self.client = self.connect()
-
     def create(self):
-        state = State(self.tree, "tree")
-        self.made_snapshots += 1
-        name = self.client.create(self.volume, f"n{self.made_snapshots}")  # many in a second
+        state, name = State(self.tree, "tree"), super().create()
         self.states[next(one["xid"] for one in self.client.list(self.volume) if one["name"] == name)] = state
 
     def create_and_kill(self, delay):
@@ -98,7 +81,7 @@ class HistoryOracle(HelperCase):
         self.helper.kill()
         self.client.close()
         self.helper.start()
-        self.fresh_connection()
+        self.client = self.connect()
 
     def foreign_snapshot(self):
         """Another tool's: the service learns of it when it looks."""
@@ -142,8 +125,8 @@ class HistoryOracle(HelperCase):
 
     def wait_indexed(self):
         expected = set(self.states)
-        wait_until(lambda: set(self.client.call(INDEXED, self.volume.uuid)) == expected,
-                   f"round {self.round}: the index of {sorted(expected)}", patience=60.0)
+        wait_until(lambda: self.indexed_xids() == expected, f"round {self.round}: the index of {sorted(expected)}",
+                   patience=60.0)
 
     def places(self, top):
         own = f"{top}/.quillmark/{self.volume.uuid}"

@@ -6,20 +6,12 @@ import os
 import signal
 import sqlite3
 import subprocess
-import time
 import unittest
 
-import sandbox
 from cases import HelperCase, OnBothLayouts
-from helper import HEALTH, PROGRAMS, STATE, Client, Refused, log, wait_until
-from volumes import mounts
+from helper import INDEXED, PROGRAMS, STATE, log, wait_until
 
-INDEXED = "indexedXIDsOnVolume:reply:"
-REINDEX_VOLUME = "reindexVolumeWithVolumeUUID:reply:"
-REINDEX_ALL = "reindexAllVolumesWithReply:"
-REINDEX_SNAPSHOT = "reindexSnapshotOnVolume:xid:reply:"
 PROGRESS = "indexProgressWithVolumeUUID:snapshotXID:phase:filesScanned:"
-SETTINGS, SET_SETTINGS = "getHelperSettingsWithReply:", "setHelperSettings:reply:"
 TABLES = {"volumes", "snapshots", "baseline_nodes", "head_nodes", "changes", "history_deletions", "history_meta"}
 ENTRY = "type,inode,parent_inode,size,mtime_ns,meta_bits,generation"
 
@@ -114,136 +106,6 @@ class Indexing(HelperCase, OnBothLayouts):
         self.assertEqual(rows("PRAGMA user_version"), [(8,)])
         self.assertEqual(rows("PRAGMA integrity_check"), [("ok",)])
         self.assertEqual(os.stat(STATE).st_mode & 0o7777, 0o700)
-
-    def test_a_snapshot_of_nothing_new_adds_nothing(self):
-        self.volume.write("a", "b")
-        self.client.create(self.volume, "one")
-        self.client.create(self.volume, "two")
-        self.wait_for_index()
-        self.assertEqual(History(self.volume).changes, [])
-
-    def test_pushes_tell_how_it_goes_on_and_are_replayed_to_whoever_connects(self):
-        self.many_files(20_000)
-        self.client.create(self.volume, "big")
-        # Under way, or over already on a fast machine: whoever asks meanwhile is told first.
-        with Client() as late:
-            replayed = late.pushed(PROGRESS)
-        [snapshot] = self.wait_for_index()
-        pushes = wait_until(lambda: [p for p in [self.client.pushed(PROGRESS)] if p and p[-1][2] == "done"], "the end")[0]
-        volume = self.volume.uuid.lower()
-        self.assertEqual(pushes[0], [volume, snapshot["xid"], "indexing", 0])
-        self.assertEqual(pushes[-1], [volume, 0, "done", 0])
-        counts = [files for _, _, phase, files in pushes if phase == "indexing"]
-        self.assertTrue(all(0 <= files <= 20_100 for files in counts), counts)
-        for push in replayed:
-            self.assertEqual((push[0], push[2] in ("indexing", "done")), (volume, True))
-
-    # Goal:   a helper killed in the midst of indexing leaves a database that the next one goes on with.
-    # Method: kill -9 at moments spread over a run, again and again; no snapshot is forgotten, each next run takes in what
-    #         the ones before left, and the chain is whole. (By itself the next helper begins after a minute.)
-    def test_a_kill_in_mid_index_is_made_good_by_the_next_run(self):
-        self.many_files(15_000)
-        for turn in range(8):
-            self.volume.write(f"turn{turn}/file", "x")
-            self.client.create(self.volume, f"turn {turn}")
-            wait_until(lambda: self.client.pushed(PROGRESS) or self.indexed(), "the begin of the run")
-            time.sleep(turn * 0.01)
-            self.helper.kill()
-            self.restart()
-            history = History(self.volume)
-            self.assertEqual(len(history.ready + history.pending), turn + 1)
-            if history.ready:
-                history.check(self)
-        self.client.create(self.volume, "the last")
-        self.assertEqual(len(self.wait_for_index()), 9)
-        history = History(self.volume)
-        history.check(self)
-        for turn in range(8):
-            self.assertIn(f"/turn{turn}/file", history.head_tree)
-        self.assertEqual(self.client.call(HEALTH)["history"]["state"], "healthy")
-        self.assertEqual([entry.path for entry in mounts() if "/.index-" in entry.path], [])
-
-    def restart(self):
-        def started():
-            try:
-                self.helper.start()
-                return True
-            except AssertionError as failure:
-                if "another instance" in str(failure):  # a child of the dead one holds the lock until its exec
-                    return False
-                raise
-
-        wait_until(started, "a helper")
-        self.client = self.connect()
-
-    def test_what_is_deleted_behind_our_back_leaves_the_chain(self):
-        for label in ("one", "two", "three"):
-            self.volume.write(f"{label}.txt", label)
-            self.client.create(self.volume, label)
-        first, second, third = self.wait_for_index()
-        with self.volume.mounted_top_level() as top:
-            sandbox.run("btrfs", "subvolume", "delete", f"{self.volume.place(top)}/{second['name']}")
-        self.volume.write("four.txt", "four")
-        self.client.create(self.volume, "four")
-        wait_until(lambda: len(History(self.volume).ready) == 3 and self.indexed(), "the reconciled chain")
-        history = History(self.volume)
-        history.check(self)
-        self.assertNotIn(second["xid"], history.ready)
-        self.assertIn("/two.txt", history.changed_at(third["xid"]), "the transitions were merged")
-        self.client.delete(self.volume, first["name"])
-        wait_until(lambda: History(self.volume).baseline == third["xid"], "a new baseline")
-        History(self.volume).check(self)
-
-    def test_a_foreign_snapshot_joins_behind_ours_and_by_a_rebuild_before_them(self):
-        self.volume.snapshot_at("backups/first")
-        self.client.create(self.volume, "ours")
-        wait_until(lambda: len(History(self.volume).ready) == 1, "the baseline")
-        self.volume.write("later.txt", "x")
-        self.volume.snapshot_at("backups/second")
-        self.client.create(self.volume, "ours too")
-        wait_until(lambda: len(History(self.volume).ready) == 3, "the foreign one behind the baseline")
-        stranded = [s["name"] for s in self.client.list(self.volume) if not s["isIndexed"]]
-        self.assertEqual(stranded, [":backups:first"])
-        self.client.call(REINDEX_VOLUME, self.volume.uuid)
-        self.assertEqual(len(self.indexed()), 4)
-        History(self.volume).check(self)
-
-    def test_one_snapshot_is_indexed_anew_where_the_chain_allows_it(self):
-        first_name, second_name = self.client.create(self.volume, "one"), self.client.create(self.volume, "two")
-        first, second = self.wait_for_index()
-        with self.assertRaises(Refused) as caught:
-            self.client.call(REINDEX_SNAPSHOT, self.volume.uuid, first["xid"])
-        self.assertEqual((caught.exception.domain, caught.exception.code), ("Quillmark.SnapshotHistory", 20))
-        self.assertIn("Only the newest indexed snapshot can be re-indexed in place", caught.exception.text)
-        self.client.call(REINDEX_SNAPSHOT, self.volume.uuid, second["xid"])
-        self.wait_for_index()
-        History(self.volume).check(self)
-        with self.assertRaises(Refused) as caught:
-            self.client.call(REINDEX_SNAPSHOT, self.volume.uuid, 1)
-        self.assertEqual(caught.exception.text, "Snapshot no longer exists on this volume")
-        for name in (first_name, second_name):
-            self.client.delete(self.volume, name)
-
-    def test_all_volumes_are_rebuilt_in_turn(self):
-        other = self.make_volume("music")
-        for volume in (self.volume, other):
-            self.client.create(volume, "one")
-            self.wait_for_index(volume)
-        self.client.call(REINDEX_ALL)
-        for volume in (self.volume, other):
-            self.wait_for_index(volume)
-            History(volume).check(self)
-        self.assertRefused(1001, "Volume UUID is malformed", self.client.call, REINDEX_VOLUME, "nonsense")
-        self.assertRefused(1001, "Volume UUID is malformed", self.client.call, INDEXED, "nonsense")
-
-    def test_switched_off_it_waits_and_a_rebuild_does_not(self):
-        settings = dict(self.client.call(SETTINGS), indexingMode="disabled")
-        self.client.call(SET_SETTINGS, settings)
-        self.client.create(self.volume, "one")
-        wait_until(lambda: len(History(self.volume).pending) == 1, "the registered snapshot")
-        self.assertFalse(self.client.list(self.volume)[0]["isIndexed"])
-        self.client.call(REINDEX_VOLUME, self.volume.uuid)
-        self.assertTrue(self.client.list(self.volume)[0]["isIndexed"])
 
     # Goal:   whoever wants a snapshot for himself has it, though it is being read.
     def test_a_snapshot_that_is_being_indexed_is_deleted_mounted_and_unmounted_at_once(self):

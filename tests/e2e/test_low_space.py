@@ -4,7 +4,7 @@ import os
 
 import volumes
 from cases import HelperCase
-from helper import ACTIVITY, FREE_SPACE, HEALTH, NOTICES, quill, records, wait_until
+from helper import ACTIVITY, FREE_SPACE, HEALTH, NOTICES, records, wait_until
 
 GIB = 1 << 30
 OWN = "com.harrowfern.Quillmark."
@@ -56,7 +56,7 @@ class LowSpace(HelperCase):
         self.left = self.make_volume("left")                    # two share a file system
         self.right = volumes.Neighbour("right", self.left)
         self.made.insert(0, self.right)
-        self.quill("settings", "set", "indexingMode", "disabled")  # a snapshot that is being read is in use
+        self.run_ok("settings", "set", "indexingMode", "disabled")  # a snapshot that is being read is in use
         for volume in self.made:
             self.client.schedule(volume, enabledCadences=[], lowSpaceBytes=10_000_000_000)
         self.client.schedule(self.generous, pruneOnLowSpace=False)
@@ -84,10 +84,6 @@ class LowSpace(HelperCase):
             for volume in (self.left, self.right):
                 self.holding(2 * ballast, self.client.create, volume, f"{number}")
 
-    def quill(self, *words):
-        done = quill(*words)
-        self.assertEqual(done.returncode, 0, f"{words}: {done.stdout}{done.stderr}")
-
     @staticmethod
     def holding(size, take, volume, *arguments):
         """A snapshot whose deletion gives so much back."""
@@ -96,7 +92,7 @@ class LowSpace(HelperCase):
         os.unlink(f"{volume.path}/ballast")
 
     def protected(self, volume):
-        self.quill("protect", self.client.create(volume, "protected"), "-v", volume.name)
+        self.run_ok("protect", self.client.create(volume, "protected"), "-v", volume.name)
 
     @staticmethod
     def foreign(volume):

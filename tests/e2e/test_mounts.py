@@ -8,7 +8,7 @@ import os
 import sandbox
 import volumes
 from cases import HelperCase, OnBothLayouts
-from helper import HEALTH, PROGRAMS, quill, wait_until
+from helper import HEALTH, quill, wait_until
 from volumes import is_mounted, mounts
 
 
@@ -44,52 +44,6 @@ class Mounting(HelperCase, OnBothLayouts):
 
         self.on_both_layouts(test)
 
-    def test_the_pair_of_name_and_xid_must_be_a_living_snapshot(self):
-        name = self.client.create(self.volume, "x")
-        [snapshot] = self.client.list(self.volume)
-        for wrong in ((name, snapshot["xid"] + 1), (name + "x", snapshot["xid"]), (name, 0)):
-            with self.subTest(wrong=wrong):
-                with self.assertRaises(Exception) as caught:
-                    self.client.mount(self.volume, *wrong)
-                self.assertEqual(caught.exception.code, 1020)
-        self.assertEqual([m.path for m in mounts() if m.path.startswith("/Volumes")], [])
-
-    # Goal:   what is in use leaves its path at once, and whoever reads it goes on reading.
-    def test_a_snapshot_in_use_is_unmounted_and_its_reader_reads_on(self):
-        self.volume.write("long.txt", "word " * 100_000)
-        _, _, path = self.mounted(self.volume)
-        with open(f"{path}/long.txt") as reader:
-            self.assertEqual(reader.read(5), "word ")
-            self.assertEqual(sandbox.unmount(path), errno.EBUSY)  # so a plain try had to fail
-            self.client.unmount(path)
-            self.assertFalse(is_mounted(path) or os.path.exists(path))
-            self.assertEqual(len(reader.read()), 5 * 100_000 - 5)
-
-    def test_unmounting_what_somebody_unmounted_already_is_refused_and_a_stranger_in_the_way_is_left_alone(self):
-        name, xid, path = self.mounted(self.volume)
-        volumes.release(path)
-        with self.assertRaises(Exception) as caught:
-            self.client.unmount(path)
-        self.assertEqual(caught.exception.code, 1004)
-        sandbox.run("mount", "-t", "tmpfs", "stranger", path)
-        for call in (lambda: self.client.mount(self.volume, name, xid), lambda: self.client.unmount(path)):
-            with self.assertRaises(Exception) as caught:
-                call()
-            self.assertEqual(caught.exception.code, 1004)
-        self.assertTrue(is_mounted(path))
-
-    def test_a_snapshot_mounted_in_another_namespace_is_not_destroyed(self):
-        name = self.client.create(self.volume, "elsewhere")
-        os.makedirs("/elsewhere", exist_ok=True)
-        child = sandbox.Elsewhere(f"mount -t btrfs -o ro,subvol=/.quillmark/{self.volume.uuid}/{name} "
-                                  f"{self.volume.device} /elsewhere")
-        with child:
-            with self.assertRaises(Exception) as caught:
-                self.client.delete(self.volume, name)
-            self.assertEqual(caught.exception.code, 1031)
-            self.assertEqual(self.names(), [name])
-        self.client.delete(self.volume, name)
-
 
 class Around(HelperCase, OnBothLayouts):
     # Goal:   between two commands the service holds nothing of a volume: its owner unmounts it and may do as he likes.
@@ -123,23 +77,6 @@ class Around(HelperCase, OnBothLayouts):
             return True
         except OSError:
             return False
-
-    def test_a_bind_of_a_folder_is_no_volume_and_disturbs_none(self):
-        os.makedirs(f"{self.volume.path}/folder")
-        os.makedirs("/bound", exist_ok=True)
-        sandbox.run("mount", "--bind", f"{self.volume.path}/folder", "/bound")
-        self.addCleanup(sandbox.detach, "/bound")
-        name = self.client.create(self.volume, "x")
-        self.assertEqual(self.names(), [name])
-        self.assertEqual([v["mountPath"] for v in inventory()], [self.volume.path])
-
-    def test_a_read_only_volume_is_not_served(self):
-        self.client.create(self.volume, "x")
-        sandbox.run("mount", "-o", "remount,ro", self.volume.path)
-        with self.assertRaises(Exception) as caught:
-            self.client.create(self.volume, "y")
-        self.assertEqual(caught.exception.code, 1010)
-        self.assertEqual(inventory(), [])
 
     # Goal:   a file system that answers nothing hangs nobody.
     # Method: a FUSE mount whose daemon never reads; whoever asks it anything waits for ever.

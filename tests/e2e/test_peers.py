@@ -22,7 +22,6 @@ INSTALLED = "/usr/local/lib/quillmark-test"
 OUTSIDER, MEMBER = 1501, 1502
 COPIES = "/srv/copies"
 CONSENT = "Rejecting connection from pid={}: peer failed the designated requirement"
-NOBODY = "Rejecting connection from pid={}: peer identity could not be resolved"
 
 
 def setUpModule():
@@ -156,17 +155,6 @@ class Programs(PeerCase):
             self.assertEqual(knocking.recv(1), b"")
         self.assertIn(CONSENT.format(os.getpid()), helper.log())
 
-    def test_the_finder_extension_reaches_its_own_commands_alone(self):
-        extension = copy_of(TEST_CLIENT, "finder", signed_as("--identifier", "com.harrowfern.quillmark.findersync"))
-        with Client(program=extension) as client:
-            self.assertEqual(client.call(VERSION), "0.1.0")
-            self.assertEqual(client.call("protocolVersionWithReply:"), 18)
-            for selector, *arguments in ((helper.HEALTH,), (helper.LIST, "", False, False), (helper.CREATE, "", ""),
-                                         ("requestQuitWithReply:",)):
-                with self.assertRaises(helper.Malformed) as refused:
-                    client.call(selector, *arguments)
-                self.assertEqual(refused.exception.code, -32601, selector)
-
     def test_it_is_told_that_the_key_is_no_releases(self):
         note = "Clients are told by the key that this build made for itself"
         with Client() as client:
@@ -252,24 +240,6 @@ class Users(PeerCase):
                 client.call(VERSION)
             self.assertIn(CONSENT.format(client.process.pid), helper.log())
 
-    def test_knocking_does_not_fill_the_log(self):
-        before = len(helper.log().splitlines())
-        pid = os.fork()
-        if pid == 0:
-            os.setgroups([])
-            os.setresgid(OUTSIDER, OUTSIDER, OUTSIDER)
-            os.setresuid(OUTSIDER, OUTSIDER, OUTSIDER)
-            for _ in range(500):
-                with contextlib.suppress(OSError), socket.socket(socket.AF_UNIX) as knocking:
-                    knocking.connect(helper.SOCKET)
-                    knocking.recv(1)
-            os._exit(0)
-        os.waitpid(pid, 0)
-        self.assertLess(len(helper.log().splitlines()) - before, 60)
-        self.assertIn(f"connections of uid={OUTSIDER} were refused within a minute: further ones are only counted",
-                      helper.log())
-        self.assertServed()
-
 
 class Connections(PeerCase):
     def assertEnded(self, client):
@@ -295,14 +265,6 @@ class Connections(PeerCase):
             with self.assertRaises(OSError):
                 client.call(VERSION)
             self.assertIn(CONSENT.format(client.process.pid), helper.log())
-
-    def test_a_child_that_speaks_on_its_parents_connection_is_cut_off(self):
-        with Client("--child") as client:
-            self.assertEqual(client.call(VERSION), "0.1.0")
-            client.process.send_signal(signal.SIGUSR1)
-            wait_until(lambda: children(client.process.pid), "the child")
-            self.assertEnded(client)
-            client.process.kill()
 
     # Goal:   a program on a file system that has stopped answering is refused and delays nobody.
     # Method: a dozen genuine clients that were started from it knock at once, while others are served.
@@ -350,7 +312,3 @@ class Knock:
 
     def was_refused(self):
         return self.socket.recv(4, socket.MSG_WAITALL) == bytes(4) and self.socket.recv(1) == b""
-
-
-def children(pid):
-    return Path(f"/proc/{pid}/task/{pid}/children").read_text().split()

@@ -4,7 +4,6 @@ import json
 import os
 import pty
 import signal
-import stat
 import subprocess
 import threading
 import time
@@ -67,11 +66,6 @@ def record(detail):
 
 
 class Safety(HelperCase):
-    def run_ok(self, *words):
-        done = quill(*words)
-        self.assertEqual(done.returncode, 0, f"{words}: {done.stdout}{done.stderr}")
-        return done.stdout
-
     def on_photos(self, *words):
         return self.run_ok(*words, "-v", "photos")
 
@@ -107,26 +101,6 @@ class Safety(HelperCase):
         self.assertEqual({event["client"] for event in events}, {"cli"})
         self.assertEqual({event["user"] for event in events}, {"root"})
         self.assertEqual(len(self.run_ok("log", "--failed", "-v", self.volume.path).splitlines()), 2)
-
-    def test_batches_do_what_they_can(self):
-        names = [self.on_photos("create", label).strip() for label in ("one", "two", "three")]
-        self.on_photos("protect", "two")
-        mounted = self.on_photos("mount", "one", "three").split()
-        self.assertEqual([os.path.exists(f"{path}/.") for path in mounted], [True, True])
-        self.assertEqual(self.on_photos("unmount", "one", mounted[1]).split(), mounted)
-        done = quill("delete", "one", "two", "three", "-v", "photos")
-        self.assertEqual(done.returncode, 4, done.stderr)
-        self.assertEqual(done.stdout.split(), [names[0], names[2]])
-        self.assertEqual(self.names(), [names[1]])
-
-    def test_tags_stay_with_their_snapshot(self):
-        self.on_photos("safety", "risky work")
-        self.on_photos("tag", "latest", "tests passed")
-        self.assertEqual(self.on_photos("tag", "latest"), "tests passed\n")
-        self.assertIn("tag=tests\\x20passed", self.on_photos("list"))
-        self.assertIn(".safety.", self.on_photos("list"))
-        self.on_photos("tag", "latest", "--clear")
-        self.assertEqual(self.on_photos("tag", "latest"), "")
 
     # Goal:   what can't be known is never taken for "nothing is protected".
     def test_a_store_of_rubbish_stops_every_deletion_and_stays_as_it_is(self):
@@ -180,23 +154,6 @@ class LogFiles(HelperCase):
     def rotate(self, number):
         os.rename(ACTIVITY, f"{os.path.dirname(ACTIVITY)}/activity-20260301-09000{number}.000-000{number}.log")
 
-    def test_following_survives_rotations_and_ends_cleanly(self):
-        self.append(record("one") + record("two"))
-        following = Following("-n", "1", "--json").read()
-        following.wait_for(1)
-        for number in range(1, 4):
-            self.append(record(f"before {number}"))
-            self.rotate(number)
-            self.append(record(f"behind {number}"))
-            following.wait_for(1 + 2 * number)
-        quill("create", "seen", "-v", "photos")
-        following.wait_for(8)
-        status, errors = following.end()
-        self.assertEqual((status, errors), (0, ""))
-        told = [json.loads(line) for line in following.lines]
-        self.assertEqual([event["detail"] for event in told if event["kind"] != "indexSnapshot"],
-                         ["two", *(f"{word} {n}" for n in (1, 2, 3) for word in ("before", "behind")), "seen"])
-
     def test_following_ends_when_nobody_reads_on(self):
         self.append(record("one"))
         following = Following()
@@ -205,17 +162,6 @@ class LogFiles(HelperCase):
         self.assertEqual(following.process.wait(helper.PATIENCE), 0)
         self.assertEqual(following.process.stderr.read(), "")
         following.process.stderr.close()
-
-    def test_a_cursor_outlives_rotation(self):
-        words = ("log", "--json", "--cursor", "/tmp/seen")
-        self.addCleanup(os.unlink, "/tmp/seen")
-        self.append(record("one"))
-        self.assertIn('"one"', quill(*words).stdout)
-        self.rotate(1)
-        self.append(record("two"))
-        self.assertEqual([json.loads(line)["detail"] for line in quill(*words).stdout.splitlines()], ["two"])
-        self.assertEqual(quill(*words).stdout, "")
-        self.assertEqual(stat.S_IMODE(os.stat(ACTIVITY).st_mode) & 0o444, 0o444)
 
     # Goal:   a log as long as it gets is printed at once, and its end is found without holding the rest.
     # Method: nine files of 4 MiB; the first line's time is taken, and what a process holds that read all of them from a

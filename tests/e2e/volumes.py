@@ -1,7 +1,6 @@
 """Real btrfs volumes on loop devices, looked at by means of our own: ioctls and the btrfs program, never the service."""
 
 import contextlib
-import datetime
 import errno
 import fcntl
 import os
@@ -240,24 +239,3 @@ def mounts():
 
 def is_mounted(path):
     return any(entry.path == path for entry in mounts())
-
-
-def listed_name(path):
-    """How a foreign snapshot at this path of the top level (bytes) is named to clients."""
-    joined = b"".join({b"/": b":", b":": b"%3A", b"%": b"%25"}.get(bytes([b]), bytes([b])) for b in path)
-    text = ""
-    for scalar in joined.decode("utf-8", "surrogateescape"):
-        code = ord(scalar)
-        if 0xDC80 <= code <= 0xDCFF:  # a byte of no scalar
-            text += chr(0x10EF00 + code - 0xDC00)
-        elif code < 0x20 or code == 0x7F or 0x10EF00 <= code <= 0x10EFFF:
-            text += "".join(chr(0x10EF00 + b) for b in scalar.encode())
-        else:
-            text += scalar
-    return ":" + text
-
-
-def utc_second(offset=0):
-    """The time as snapshot names spell it, some seconds from now."""
-    moment = datetime.datetime.now(datetime.timezone.utc) + datetime.timedelta(seconds=offset)
-    return moment.strftime("%Y-%m-%dT%H-%M-%SZ")

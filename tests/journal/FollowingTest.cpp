@@ -2,15 +2,13 @@
 #include <set>
 
 #include "JournalMachine.h"
-#include "platform/linux/Clock.h"
-#include "platform/linux/Posix.h"
 #include "platform/sim/Draws.h"
+#include "tests/base/ForwardingPosix.h"
 
 namespace quillmark {
 namespace {
 
 using ::testing::ElementsAreArray;
-using ::testing::IsEmpty;
 using ::testing::IsSupersetOf;
 
 std::vector<std::string> numbers(int from, int end) {
@@ -75,34 +73,21 @@ TEST(FollowingTest, followersSeeEachRecordOnceAndInOrder) {
   EXPECT_GT(restarts, 5) << "pruning under a reader was never met";
 }
 
-// The machine's files, with something happening before a chosen call of whoever uses them through this.
-class DisturbedPosix final : public Posix {
+// The machine's files, with something happening before each call of a reader.
+class DisturbedPosix final : public ForwardingPosix {
  public:
-  DisturbedPosix(Posix& files, FunctionRef<void(int call)> disturb) : files_(files), disturb_(disturb) {}
+  DisturbedPosix(Posix& files, FunctionRef<void(int call)> disturb) : ForwardingPosix(files), disturb_(disturb) {}
 
   SysResult<int> open(const std::string& path, OpenFlags flags) override { return files().open(path, flags); }
-  void close(int fd) override { files_.close(fd); }
   SysResult<std::size_t> read(int fd, std::span<std::byte> into) override { return files().read(fd, into); }
   SysResult<std::size_t> pread(int fd, std::span<std::byte> into, std::uint64_t offset) override {
     return files().pread(fd, into, offset);
   }
-  SysResult<std::size_t> write(int, std::string_view) override { return Errno{EROFS}; }
-  SysStatus fsync(int) override { return Errno{EROFS}; }
-  SysStatus fchmod(int, std::uint32_t) override { return Errno{EROFS}; }
-  SysStatus fchown(int, std::uint32_t, std::uint32_t) override { return Errno{EROFS}; }
-  SysStatus ftruncate(int, std::int64_t) override { return Errno{EROFS}; }
   SysResult<FileStatus> fstat(int fd) override { return files().fstat(fd); }
-  SysStatus tryLockFile(int) override { return Errno{EROFS}; }
   SysResult<FileStatus> lstat(const std::string& path) override { return files().lstat(path); }
-  SysStatus mkdir(const std::string&, std::uint32_t) override { return Errno{EROFS}; }
-  SysStatus rmdir(const std::string&) override { return Errno{EROFS}; }
-  SysStatus unlink(const std::string&) override { return Errno{EROFS}; }
-  SysStatus rename(const std::string&, const std::string&) override { return Errno{EROFS}; }
-  SysStatus chmod(const std::string&, std::uint32_t) override { return Errno{EROFS}; }
-  SysStatus chown(const std::string&, std::uint32_t, std::uint32_t) override { return Errno{EROFS}; }
   // The directory as it was before the disturbance, for a listing that was overtaken.
   SysResult<std::vector<std::string>> list(const std::string& path) override {
-    auto names = files_.list(path);
+    auto names = inner().list(path);
     disturb_(++calls_);
     return names;
   }
@@ -112,113 +97,61 @@ class DisturbedPosix final : public Posix {
  private:
   Posix& files() {
     disturb_(++calls_);
-    return files_;
+    return inner();
   }
 
-  Posix& files_;
   FunctionRef<void(int call)> disturb_;
   int calls_ = 0;
 };
 
+// A follower reads while a writer appends and rotates at the reader's n-th call, n = 1, 2, ... until the read ends
+// before; then it reads all the rest by its cursor, and the check looks at it.
+void followDisturbed(std::int64_t retained, int appended, FunctionRef<void(JournalMachine&, Follower&, int)> check) {
+  for (const bool hasCursor : {false, true}) {
+    bool wasDisturbed = true;
+    for (int at = 1; wasDisturbed; ++at) {
+      SCOPED_TRACE("at call " + std::to_string(at));
+      JournalMachine machine;
+      const auto log = machine.log(machine.shape(1, retained));
+      int written = 0;
+      const auto append = [&](int count) {
+        for (; count > 0; --count) EXPECT_APPENDED(log->append(eventWith(std::to_string(written++))));
+      };
+      append(2);
+      Follower follower;
+      if (hasCursor) follower.read(machine.reader());
+      append(1);
+      const auto disturb = [&](int call) {
+        if (call == at) append(appended);
+      };
+      DisturbedPosix disturbed(*machine.posix, disturb);
+      follower.read({disturbed, machine.platformLog, machine.shape()});
+      follower.read(machine.reader());
+      check(machine, follower, written);
+      wasDisturbed = disturbed.calls() >= at;
+    }
+  }
+}
+
 // Goal:   a writer that rotates once or several times between any two calls of a reader makes it miss nothing and
 //         repeat nothing.
-// Method: the writer comes at the reader's n-th call, n = 1, 2, ... until the read ends before; then all the rest is
-//         read by cursor.
 TEST(FollowingTest, aRotationBetweenAnyTwoCallsOfAReaderIsHarmless) {
   for (const int appended : {1, 2, 5}) {
-    for (const bool hasCursor : {false, true}) {
-      for (int at = 1;; ++at) {
-        JournalMachine machine;
-        const auto log = machine.log(machine.shape(1, 1000));
-        int written = 0;
-        const auto append = [&] { EXPECT_APPENDED(log->append(eventWith(std::to_string(written++)))); };
-        append();
-        append();
-        Follower follower;
-        if (hasCursor) follower.read(machine.reader());
-        append();
-        const auto disturb = [&](int call) {
-          if (call != at) return;
-          for (int i = 0; i < appended; ++i) append();
-        };
-        DisturbedPosix disturbed(*machine.posix, disturb);
-        follower.read({disturbed, machine.platformLog, machine.shape()});
-        follower.read(machine.reader());
-        EXPECT_THAT(follower.seen, ElementsAreArray(numbers(0, written))) << "at call " << at;
-        EXPECT_EQ(follower.restarts, 0);
-        if (disturbed.calls() < at) break;
-      }
-    }
+    followDisturbed(1000, appended, [](JournalMachine&, const Follower& follower, int written) {
+      EXPECT_THAT(follower.seen, ElementsAreArray(numbers(0, written)));
+      EXPECT_EQ(follower.restarts, 0);
+    });
   }
 }
 
 // Goal: where a reader's files are pruned under it, it goes on with the oldest that is left and gives nothing twice.
 TEST(FollowingTest, pruningBetweenAnyTwoCallsOfAReaderIsNoFailure) {
-  for (const bool hasCursor : {false, true}) {
-    for (int at = 1;; ++at) {
-      JournalMachine machine;
-      const auto log = machine.log(machine.shape(1, 2));
-      int written = 0;
-      const auto append = [&] { EXPECT_APPENDED(log->append(eventWith(std::to_string(written++)))); };
-      append();
-      append();
-      Follower follower;
-      if (hasCursor) follower.read(machine.reader());
-      append();
-      const auto disturb = [&](int call) {
-        if (call != at) return;
-        for (int i = 0; i < 4; ++i) append();
-      };
-      DisturbedPosix disturbed(*machine.posix, disturb);
-      follower.read({disturbed, machine.platformLog, machine.shape()});
-      follower.read(machine.reader());
-      const std::vector<int> seen = [&] {
-        std::vector<int> all;
-        for (const std::string& detail : follower.seen) all.push_back(std::stoi(detail));
-        return all;
-      }();
-      EXPECT_EQ(std::adjacent_find(seen.begin(), seen.end(), std::greater_equal<>()), seen.end()) << "at call " << at;
-      const std::vector<std::string> left = machine.details();
-      EXPECT_THAT(follower.seen, IsSupersetOf(left)) << "at call " << at;
-      if (disturbed.calls() < at) break;
-    }
-  }
-}
-
-// Goal: the same with a real writer's thread and two real readers beside it, through more than ten rotations.
-TEST(FollowingTest, twoReadersFollowAWriterAtWork) {
-  sim::SimPosix place;  // for its directory only
-  os::LinuxPosix posix;
-  os::LinuxClock clock;
-  os::LinuxDispatch dispatch(clock);
-  sim::SimPlatformLog platformLog;
-  JSONLinesDescription shape = activityLogDescription({.sharedDirectory = place.root() + "/log"});
-  shape.rotationBytes = 20'000;
-  shape.retainedArchiveCount = 1000;
-  JSONLinesLog<HelperEvent> log(dispatch, posix, platformLog, shape);
-  constexpr int count = 1500;
-  Guarded<bool> done(dispatch, false);
-  Group group(dispatch);
-  std::array<Follower, 2> followers;
-  std::array<sim::SimPlatformLog, 2> logs;
-  for (std::size_t i = 0; i < followers.size(); ++i) {
-    group.enter();
-    dispatch.global(QualityOfService::utility)->async([&, i] {
-      const JSONLinesReader<HelperEvent> reader(posix, logs[i], shape);
-      while (!done.with([](bool value) { return value; })) followers[i].read(reader);
-      group.leave();
-    });
-  }
-  for (int i = 0; i < count; ++i) EXPECT_APPENDED(log.append(eventWith(std::to_string(i))));
-  done.with([](bool& value) { value = true; });
-  group.wait();
-  EXPECT_GT(posix.list(shape.directoryPath)->size(), 10U);
-  for (Follower& follower : followers) {
-    follower.read({posix, platformLog, shape});
-    EXPECT_THAT(follower.seen, ElementsAreArray(numbers(0, count)));
-    EXPECT_EQ(follower.restarts, 0);
-  }
-  for (const auto& quiet : logs) EXPECT_THAT(quiet.entries(), IsEmpty());
+  followDisturbed(2, 4, [](JournalMachine& machine, const Follower& follower, int) {
+    // Of one digit each.
+    const auto& seen = follower.seen;
+    EXPECT_EQ(std::adjacent_find(seen.begin(), seen.end(), std::greater_equal<>()), seen.end());
+    EXPECT_THAT(seen, IsSupersetOf(machine.details()));
+  });
 }
 
 }  // namespace

@@ -8,7 +8,6 @@ namespace quillmark {
 namespace {
 
 using ::testing::ElementsAre;
-using ::testing::ElementsAreArray;
 using ::testing::EndsWith;
 using ::testing::HasSubstr;
 using ::testing::IsEmpty;
@@ -74,27 +73,6 @@ TEST(JSONLinesLog, keepsTheNewestArchivesUnderNamesInTheOrderOfTheirAge) {
   machine.clock.jumpWall(std::chrono::hours(-48));
   EXPECT_APPENDED(machine.log(1)->append(eventWith("10"))) << "another process, the clock set back";
   EXPECT_THAT(machine.details(), ElementsAre("2", "3", "4", "5", "6", "7", "8", "9", "10"));
-}
-
-// Goal:   rotation in the middle of a reader's way loses nothing and repeats nothing; only pruning makes it begin again.
-TEST(JSONLinesLog, aCursorGoesByTheFileAndNotByItsName) {
-  JournalMachine machine;
-  const auto log = machine.log(machine.shape(300, 2));  // two lines a file
-  EXPECT_APPENDED(log->append(eventWith("1")));
-  const ReadBatch<HelperEvent> first = machine.read();
-  EXPECT_FALSE(first.resumedCursor);
-  const ReadBatch<HelperEvent> nothing = machine.read(first.cursor);
-  EXPECT_TRUE(nothing.resumedCursor);
-  EXPECT_EQ(nothing.cursor, first.cursor);
-  EXPECT_THAT(nothing.records, IsEmpty());
-  for (const char* detail : {"2", "3", "4", "5"}) EXPECT_APPENDED(log->append(eventWith(detail)));
-  const ReadBatch<HelperEvent> rest = machine.read(first.cursor);
-  EXPECT_TRUE(rest.resumedCursor);
-  EXPECT_THAT(detailsOf(rest.records), ElementsAre("2", "3", "4", "5"));
-  for (const char* detail : {"6", "7"}) EXPECT_APPENDED(log->append(eventWith(detail)));
-  const ReadBatch<HelperEvent> again = machine.read(first.cursor);
-  EXPECT_FALSE(again.resumedCursor) << "its file was pruned";
-  EXPECT_THAT(detailsOf(again.records), ElementsAre("3", "4", "5", "6", "7"));
 }
 
 TEST(JSONLinesLog, aCursorThatCannotBeOfItsFileBeginsAgain) {

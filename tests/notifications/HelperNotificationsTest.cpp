@@ -35,47 +35,15 @@ TEST(HelperNotifications, holdAKeyBackUntilItsCooldownIsOver) {
   }
 }
 
-TEST(HelperNotifications, areNotSilentForYearsAfterTheClockWasSetBack) {
-  sim::SimPosix files;
-  prepareMachine(files);
-  const Date start = sim::SimulationOptions().start;
-  EXPECT_EQ(NoticeLife(files, start + Seconds(1e8)).toldByPosting("low", "key"), everywhere);
-  NoticeLife back(files, start);
-  EXPECT_EQ(back.toldByPosting("low", "key"), everywhere);
-  EXPECT_EQ(back.toldByPosting("low", "key"), silence);
-}
-
-TEST(HelperNotifications, sendOutWithoutAKeyEachTime) {
+TEST(HelperNotifications, goOutEachTimeWithoutAKeyOrAsADelivery) {
   sim::SimPosix files;
   prepareMachine(files);
   NoticeLife life(files);
-  for (int i = 0; i < 3; ++i) EXPECT_EQ(life.toldByPosting("low", std::nullopt), everywhere);
+  for (int i = 0; i < 2; ++i) EXPECT_EQ(life.toldByPosting("low", std::nullopt), everywhere);
   EXPECT_EQ(life.stateText(), "[none]");
-}
-
-TEST(HelperNotifications, deliverWhateverTheCooldown) {
-  sim::SimPosix files;
-  prepareMachine(files);
-  NoticeLife life(files);
-  EXPECT_EQ(life.toldByPosting("low", "key"), everywhere);
-  life.run([&] { life.notices.deliver(life.notice("low", "key")); });
-  EXPECT_THAT(life.told, SizeIs(4));
-  life.run([&] { life.notices.deliver(life.notice("low", "fresh")); });
-  EXPECT_FALSE(life.isActive("fresh")) << "only a post begins a condition";
-}
-
-TEST(HelperNotifications, keepCooldownsAndConditionsOverARestart) {
-  sim::SimPosix files;
-  prepareMachine(files);
-  const Date start = sim::SimulationOptions().start;
-  EXPECT_EQ(NoticeLife(files, start).toldByPosting("low", "key"), everywhere);
-  EXPECT_EQ(files.lstat(sim::hostPathsUnder(files.root()).state("notifications-state.json"))->mode, 0600U);
-  NoticeLife next(files, start + 1799s);
-  EXPECT_EQ(next.stateText(), R"({"lastPostedByKey":{"key":"2026-03-01T09:00:00Z"}})");
-  EXPECT_TRUE(next.isActive("key"));
-  EXPECT_EQ(next.toldByPosting("low", "key"), silence);
-  next.simulation.runFor(1s);
-  EXPECT_EQ(next.toldByPosting("low", "key"), everywhere);
+  for (int i = 0; i < 2; ++i) life.run([&] { life.notices.deliver(life.notice("low", "key")); });
+  EXPECT_THAT(life.told, SizeIs(6));
+  EXPECT_FALSE(life.isActive("key")) << "only a post begins a condition";
 }
 
 TEST(HelperNotifications, announceAtOnceWhatComesBackAfterItsEnd) {
@@ -86,6 +54,7 @@ TEST(HelperNotifications, announceAtOnceWhatComesBackAfterItsEnd) {
   life.run([&] { life.notices.resolve("key", "Free space recovered", "Data is well."); });
   EXPECT_FALSE(life.isActive("key"));
   EXPECT_EQ(life.stateText(), R"({"lastPostedByKey":{}})");
+  EXPECT_EQ(files.lstat(life.paths.state("notifications-state.json"))->mode, 0600U);
   HelperNotification expected;
   expected.id = life.logged().back().id;
   expected.timestamp = life.life.clock().now();

@@ -163,9 +163,7 @@ TEST_F(Log, picksByKindVolumeTimeAndOutcome) {
       {{"--since", "2026-03-01T10:03:30+01:00", "-v", "Data"}, 1},
   };
   for (const auto& [options, count] : cases) {
-    std::vector<std::string> words{"log"};
-    words.insert(words.end(), options.begin(), options.end());
-    const Result result = world.run(words);
+    const Result result = world.run({"log"}, options);
     EXPECT_EQ(std::count(result.output.begin(), result.output.end(), '\n'), count) << testing::PrintToString(options);
     EXPECT_EQ(result.exitCode, 0);
   }

@@ -59,9 +59,7 @@ TEST_F(Notices, arePickedByVolumeImportanceAndTime) {
   EXPECT_EQ(here.find("elsewhere"), std::string::npos);
   for (const std::vector<std::string>& words :
        {std::vector<std::string>{"--critical"}, {"-v", "home"}, {"-v", homeUUID}, {"--since", "2026-03-01 09:01"}}) {
-    std::vector<std::string> all{"notices"};
-    all.insert(all.end(), words.begin(), words.end());
-    const std::string output = world.run(all).output;
+    const std::string output = world.run({"notices"}, words).output;
     EXPECT_EQ(std::count(output.begin(), output.end(), '\n'), 1) << words[0];
     EXPECT_THAT(output, HasSubstr(" elsewhere "));
   }

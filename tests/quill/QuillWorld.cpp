@@ -169,6 +169,11 @@ Result QuillWorld::run(const std::vector<std::string>& arguments) {
   return {exitCode, sink.output, sink.errors};
 }
 
+Result QuillWorld::run(std::vector<std::string> arguments, const std::vector<std::string>& more) {
+  arguments.insert(arguments.end(), more.begin(), more.end());
+  return run(arguments);
+}
+
 void QuillWorld::append(const std::string& file, const std::string& text) const {
   std::filesystem::create_directories(paths.sharedDirectory);
   std::ofstream(paths.sharedDirectory + "/" + file, std::ios::app) << text;

@@ -95,6 +95,8 @@ class QuillWorld {
  public:
   QuillWorld();
   [[nodiscard]] Result run(const std::vector<std::string>& arguments);
+  // With more words behind them.
+  [[nodiscard]] Result run(std::vector<std::string> arguments, const std::vector<std::string>& more);
 
   FakeVolumes volumes;
   ScriptedHelper helper;

@@ -66,9 +66,7 @@ TEST(Schedule, changesWhatWasSaidAndNothingElse) {
     world.schedules[asciiLower(dataUUID)] = odd;
     SchedulePolicy expected = odd;
     change(expected);
-    Words all{"schedule", "--json"};
-    all.insert(all.end(), words.begin(), words.end());
-    const Result result = world.run(all);
+    const Result result = world.run({"schedule", "--json"}, words);
     ASSERT_EQ(result.exitCode, 0) << words[0] << result.errors;
     SchedulePolicy stored = world.schedules[asciiLower(dataUUID)];
     EXPECT_EQ(decodeJson<SchedulePolicy>(result.output), stored);
@@ -98,9 +96,7 @@ TEST(Schedule, whatCannotBeIsRefusedBeforeTheHelperIsAsked) {
       {{"stop"}, "not \"stop\""}};
   for (const auto& [words, message] : cases) {
     QuillWorld world;
-    Words all{"schedule"};
-    all.insert(all.end(), words.begin(), words.end());
-    const Result result = world.run(all);
+    const Result result = world.run({"schedule"}, words);
     EXPECT_EQ(result.exitCode, exitWrongUse) << message;
     EXPECT_THAT(result.errors, HasSubstr(message));
     EXPECT_THAT(world.helper.calls, IsEmpty());

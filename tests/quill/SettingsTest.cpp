@@ -52,9 +52,7 @@ TEST(Settings, setChangesOneAndNothingElse) {
     world.settings = own();
     HelperSettings expected = own();
     change(expected);
-    Words all{"settings", "set"};
-    all.insert(all.end(), words.begin(), words.end());
-    const Result result = world.run(all);
+    const Result result = world.run({"settings", "set"}, words);
     EXPECT_EQ(result.exitCode, 0) << result.errors;
     EXPECT_EQ(world.settings, expected) << words[0];
     EXPECT_THAT(result.output, HasSubstr(words[0] + " "));
@@ -110,9 +108,7 @@ TEST(Settings, whatCannotBeIsRefusedBeforeTheHelperIsAsked) {
   for (const Case& each : cases) {
     QuillWorld world;
     world.input = each.input;
-    Words all{"settings"};
-    all.insert(all.end(), each.words.begin(), each.words.end());
-    const Result result = world.run(all);
+    const Result result = world.run({"settings"}, each.words);
     EXPECT_EQ(result.exitCode, exitWrongUse) << each.message << result.output;
     EXPECT_THAT(result.errors, HasSubstr(each.message));
     EXPECT_THAT(world.helper.calls, IsEmpty());

@@ -61,19 +61,6 @@ TEST(HelperSettingsPersistence, mergesNewDefaultsOnceIntoAnOldFile) {
   EXPECT_THAT(last.settings.current()->excludedPathRules, ElementsAre("/mine"));
 }
 
-TEST(HelperSettingsPersistence, takesAnEmptyObjectForAllDefaultsBeforeTheFirstVersion) {
-  sim::SimPosix files;
-  prepareMachine(files);
-  StoreLife life(files);
-  life.put(store, "{}");
-  HelperSettings before;
-  before.exclusionDefaultsVersion = 0;
-  EXPECT_EQ(life.settings.current(), before);
-  EXPECT_THAT(life.settings.mergeNewDefaults(), IsEmpty());
-  EXPECT_EQ(life.settings.current(), HelperSettings());
-  EXPECT_EQ(life.text(store), encodeJson(HelperSettings()));
-}
-
 TEST(HelperSettingsPersistence, servesDefaultsOverAFileThatItNeverOverwrites) {
   for (const std::string text : {"", "[]", "{\"indexingMode\":\"half\"}", "{\"monitoredPaths\":[1]}"}) {
     sim::SimPosix files;
@@ -85,7 +72,7 @@ TEST(HelperSettingsPersistence, servesDefaultsOverAFileThatItNeverOverwrites) {
     const std::string why = life.settings.loadFailureDescription().value_or("");
     EXPECT_THAT(life.helperLog.errors,
                 ElementsAre("Helper settings store is unreadable; automatic deletion disabled: " + why));
-    const Error refused = StoreLife::failureOf([&] { (void)life.settings.update(settingsWith(2)); });
+    const Error refused = failureOf([&] { (void)life.settings.update(settingsWith(2)); });
     EXPECT_EQ(refused.code(), 1099);
     EXPECT_EQ(refused.description(), "Helper settings storage is degraded and cannot be overwritten: " + why);
     EXPECT_EQ(life.text(store), text);
@@ -125,24 +112,19 @@ void updateUnderFault(sim::SimPosix& files, const HelperSettings& before) {
 // Goal:   acknowledged settings are there afterwards, whatever fails; what fails leaves the old or the new, whole.
 // Method: every call of a load and a save fails, ends the process or ends the power; the next process looks.
 TEST(HelperSettingsPersistence, keepsAcknowledgedSettingsWhateverFails) {
-  const auto update = [](sim::SimPosix& files) { updateUnderFault(files, settingsWith(2)); };
-  const auto look = [](sim::SimPosix& after, const sim::FaultRun& run) {
-    return lookAtSettings(after, run, settingsWith(2), settingsWith(3));
-  };
-  const auto prepare = [](sim::SimPosix& files) {
-    prepareMachine(files);
-    (void)StoreLife(files).settings.update(settingsWith(2));
-  };
-  EXPECT_THAT(sim::forEachFault(everyFailure, prepare, update, look), IsEmpty());
-}
-
-TEST(HelperSettingsPersistence, keepsTheFirstSettingsOfAMachineWhateverFails) {
-  const auto update = [](sim::SimPosix& files) { updateUnderFault(files, HelperSettings()); };
-  const auto look = [](sim::SimPosix& after, const sim::FaultRun& run) {
-    return lookAtSettings(after, run, HelperSettings(), settingsWith(3));
-  };
-  const auto prepare = [](sim::SimPosix& files) { prepareMachine(files, MachineState::fresh); };
-  EXPECT_THAT(sim::forEachFault(everyFailure, prepare, update, look), IsEmpty());
+  for (const MachineState state : {MachineState::used, MachineState::fresh}) {
+    const bool isUsed = state == MachineState::used;
+    const HelperSettings before = isUsed ? settingsWith(2) : HelperSettings();
+    const auto prepare = [&](sim::SimPosix& files) {
+      prepareMachine(files, state);
+      if (isUsed) (void)StoreLife(files).settings.update(before);
+    };
+    const auto update = [&](sim::SimPosix& files) { updateUnderFault(files, before); };
+    const auto look = [&](sim::SimPosix& after, const sim::FaultRun& run) {
+      return lookAtSettings(after, run, before, settingsWith(3));
+    };
+    EXPECT_THAT(sim::forEachFault(everyFailure, prepare, update, look), IsEmpty()) << isUsed;
+  }
 }
 
 // Goal:   merged defaults are in use and named even if they can't be saved, and the store stays writable.

@@ -92,6 +92,8 @@ TEST(HelperSettings, decodeMissingAndNullKeysAsDefaults) {
   HelperSettings wanted;
   wanted.exclusionDefaultsVersion = 0;
   EXPECT_EQ(decodeJson<HelperSettings>("{}"), wanted);
+  EXPECT_EQ(wanted.excludedPathRules.size(), 61U);
+  EXPECT_EQ(wanted.excludedDirectoryNames.size(), 9U);
   EXPECT_EQ(decodeJson<HelperSettings>(
                 R"({"measureSnapshotSizes":null,"exclusionDefaultsVersion":null,"indexingMode":null,"more":[1]})"),
             wanted);
@@ -107,11 +109,8 @@ TEST(HelperSettings, decodeMissingAndNullKeysAsDefaults) {
 }
 
 TEST(HelperSettings, refuseAnyKeyOfTheWrongType) {
-  for (const char* key :
-       {"indexingMode", "indexOnBattery", "excludedPathRules", "excludedDirectoryNames", "safetySnapshotRetentionHours",
-        "monitoringEnabled", "monitoredPaths", "monitoringSensitivity", "monitoringAutoSnapshot",
-        "monitoringProtectsSnapshots", "finderBadgesEnabled", "measureSnapshotSizes", "automaticDeletionEnabled",
-        "exclusionDefaultsVersion"}) {
+  for (const char* key : {"indexingMode", "indexOnBattery", "excludedPathRules", "safetySnapshotRetentionHours",
+                          "monitoringSensitivity", "measureSnapshotSizes", "exclusionDefaultsVersion"}) {
     EXPECT_THROW((void)decodeJson<HelperSettings>("{\"" + std::string(key) + "\":{}}"), Error) << key;
   }
   EXPECT_THROW((void)decodeJson<HelperSettings>(R"({"excludedPathRules":["/a",1]})"), Error);

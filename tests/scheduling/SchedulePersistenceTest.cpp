@@ -6,10 +6,8 @@ namespace quillmark {
 namespace {
 
 using testing::ElementsAre;
-using testing::HasSubstr;
 using testing::IsEmpty;
 using testing::StartsWith;
-using testing::UnorderedElementsAre;
 
 const std::string store = "schedules.json";
 const std::string marker = ".foreign-protection-migrated";
@@ -52,19 +50,6 @@ TEST(SchedulePersistence, keepsPoliciesNormalizedUnderFoldedUuids) {
   EXPECT_THAT(next.log.entries(), IsEmpty());
 }
 
-TEST(SchedulePersistence, stampsAPolicyByTheOneStoredBefore) {
-  sim::SimPosix files;
-  prepareMachine(files);
-  StoreLife life(files);
-  SchedulePolicy off = first;
-  off.enabled = false;
-  const Date early = Date::fromReference(1000);
-  EXPECT_EQ(life.schedules.stampAndSetPolicy(volumeA, off, early).scheduleDisabledAt, early);
-  EXPECT_EQ(life.schedules.stampAndSetPolicy(volumeA, off, early + Seconds(60)).scheduleDisabledAt, early);
-  EXPECT_FALSE(life.schedules.stampAndSetPolicy(volumeA, first, early + Seconds(120)).scheduleDisabledAt);
-  EXPECT_EQ(StoreLife(files).schedules.policy(volumeA), first.stamped(off, early));
-}
-
 TEST(SchedulePersistence, normalizesWhatAFileHolds) {
   sim::SimPosix files;
   prepareMachine(files);
@@ -94,7 +79,7 @@ TEST(SchedulePersistence, neverOverwritesAFileThatItCannotUnderstand) {
     EXPECT_EQ(life.log.entries()[0].type, PlatformLogType::fault);
     EXPECT_EQ(life.log.entries()[0].message,
               "schedule store decode failed; automatic mutations disabled: " + why.substr(15));
-    const Error refused = StoreLife::failureOf([&] { (void)life.schedules.setPolicy(volumeB, first); });
+    const Error refused = failureOf([&] { (void)life.schedules.setPolicy(volumeB, first); });
     EXPECT_EQ(refused.code(), 1099);
     EXPECT_EQ(refused.description(), "Schedule storage is degraded and cannot be overwritten: " + why);
     EXPECT_EQ(life.text(store), text);
@@ -165,7 +150,7 @@ void setUnderFault(sim::SimPosix& files, const std::optional<SchedulePolicy>& be
     EXPECT_EQ(life.schedules.policy(volumeA), unread ? SchedulePolicy::makeDefault().normalized()
                                                      : before.value_or(SchedulePolicy::makeDefault().normalized()));
     const std::string left = life.text(store);
-    const Error refused = StoreLife::failureOf([&] { (void)life.schedules.setPolicy(volumeA, second); });
+    const Error refused = failureOf([&] { (void)life.schedules.setPolicy(volumeA, second); });
     EXPECT_EQ(refused.description(), "Schedule storage is degraded and cannot be overwritten: " + why);
     EXPECT_EQ(life.text(store), left);
     throw;
@@ -175,25 +160,20 @@ void setUnderFault(sim::SimPosix& files, const std::optional<SchedulePolicy>& be
 // Goal:   an acknowledged policy is there afterwards, whatever fails; what fails leaves the old or the new, whole.
 // Method: every call of a load and a save fails, ends the process or ends the power; the next process looks.
 TEST(SchedulePersistence, keepsAnAcknowledgedPolicyWhateverFails) {
-  const auto complaints = sim::forEachFault(
-      everyFailure,
-      [](sim::SimPosix& files) {
-        prepareMachine(files);
-        StoreLife life(files);
-        (void)life.schedules.setPolicy(volumeA, first);
-        (void)life.schedules.setPolicy(volumeB, first);
-      },
-      [](sim::SimPosix& files) { setUnderFault(files, first); },
-      [](sim::SimPosix& after, const sim::FaultRun& run) { return lookAtPolicies(after, run, first, second); });
-  EXPECT_THAT(complaints, IsEmpty());
-}
-
-TEST(SchedulePersistence, keepsTheFirstPolicyOfAMachineWhateverFails) {
-  const auto complaints = sim::forEachFault(
-      everyFailure, [](sim::SimPosix& files) { prepareMachine(files, MachineState::fresh); },
-      [](sim::SimPosix& files) { setUnderFault(files, std::nullopt); },
-      [](sim::SimPosix& after, const sim::FaultRun& run) { return lookAtPolicies(after, run, std::nullopt, second); });
-  EXPECT_THAT(complaints, IsEmpty());
+  for (const MachineState state : {MachineState::used, MachineState::fresh}) {
+    const auto before = state == MachineState::used ? std::optional(first) : std::nullopt;
+    const auto prepare = [&](sim::SimPosix& files) {
+      prepareMachine(files, state);
+      if (!before) return;
+      StoreLife life(files);
+      for (const VolumeUuid& volume : {volumeA, volumeB}) (void)life.schedules.setPolicy(volume, first);
+    };
+    const auto set = [&](sim::SimPosix& files) { setUnderFault(files, before); };
+    const auto look = [&](sim::SimPosix& after, const sim::FaultRun& run) {
+      return lookAtPolicies(after, run, before, second);
+    };
+    EXPECT_THAT(sim::forEachFault(everyFailure, prepare, set, look), IsEmpty()) << before.has_value();
+  }
 }
 
 void putUnprotected(sim::SimPosix& files) {

@@ -1,7 +1,5 @@
 #include <gtest/gtest.h>
 
-#include <random>
-
 #include "scheduling/rules/SchedulePlanner.h"
 
 namespace quillmark {
@@ -64,19 +62,6 @@ TEST(SchedulePlanner, isDueOncePerSlotOverBothShiftsOfTheClock) {
           lastSlot = present;
         }
       }
-    }
-  }
-}
-
-TEST(SchedulePlanner, takesOneSnapshotForAllSlotsSleptThrough) {
-  std::mt19937_64 chance(4);
-  std::uniform_int_distribution<std::int64_t> nap(1, 40 * 3600);
-  for (const SnapshotCadence cadence : allCadences) {
-    std::int64_t now = at(2025, 4, 28), last = now;
-    for (; now < at(2025, 10, 1); now += nap(chance)) {
-      const bool due = SchedulePlanner::dueOccurrence(cadence, date(last), date(now), berlin.name).has_value();
-      ASSERT_EQ(due, slot(cadence, berlin.local(now)) != slot(cadence, berlin.local(last))) << now;
-      if (due) last = now;
     }
   }
 }

@@ -36,21 +36,5 @@ TEST(SchedulePolicy, keepsTheTimeOfStoppingOverLaterSaves) {
   EXPECT_EQ(off.stamped(resumed, third).scheduleDisabledAt, third);
 }
 
-TEST(SchedulePolicy, stampsEachCadenceByItself) {
-  const Date first = Date::fromReference(100), second = Date::fromReference(200);
-  SchedulePolicy policy;
-  policy.enabledCadences = {freq, hourly, daily, weekly, monthly};
-  const SchedulePolicy all = policy.stamped(std::nullopt, first);
-  EXPECT_FALSE(all.cadenceDisabledAt);
-  policy.enabledCadences.erase(weekly);
-  const SchedulePolicy one = policy.stamped(all, first);
-  EXPECT_EQ(one.cadenceDisabledAt, (std::map<SnapshotCadence, Date>{{weekly, first}}));
-  policy.enabledCadences.erase(daily);
-  EXPECT_EQ(policy.stamped(one, second).cadenceDisabledAt,
-            (std::map<SnapshotCadence, Date>{{daily, second}, {weekly, first}}));
-  policy.enabledCadences = {freq, hourly, daily, weekly, monthly};
-  EXPECT_FALSE(policy.stamped(one, second).cadenceDisabledAt);
-}
-
 }  // namespace
 }  // namespace quillmark

@@ -11,27 +11,11 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "base/HelperLog.h"
+#include "HelperParts.h"
 #include "journal/AuditTrail.h"
-#include "platform/Files.h"
-#include "platform/PropertyList.h"
-#include "platform/sim/SimPlatform.h"
-#include "platform/sim/Simulation.h"
-#include "scheduling/HelperSettingsPersistence.h"
 #include "scheduling/PeopleText.h"
 #include "scheduling/ScheduleEventNotifier.h"
-#include "scheduling/SchedulePersistence.h"
-#include "scheduling/Scheduler.h"
-#include "scheduling/VolumeClockPersistence.h"
-#include "snapshots/APFSManager.h"
-#include "snapshots/MountNames.h"
 #include "snapshots/SnapshotHistory.h"
-#include "snapshots/SnapshotMutationScope.h"
-#include "snapshots/SnapshotNamePersistence.h"
-#include "snapshots/SnapshotTagStore.h"
-#include "snapshots/VolumeProtectionStore.h"
-#include "snapshots/VolumeQueueRegistry.h"
-#include "snapshots/VolumeService.h"
 
 namespace quillmark {
 
@@ -106,28 +90,17 @@ class RecordingHistory final : public SnapshotHistory {
   std::vector<std::string> claimed;
 };
 
-class RecordingLog final : public HelperLog {
- public:
-  std::vector<std::string> lines;
-
- protected:
-  void emit(LogLevel, std::string_view message, CodeLocation) override { lines.emplace_back(message); }
-};
-
 class SchedulerMachine {
  public:
   explicit SchedulerMachine(sim::SimulationOptions options = {}) : simulation(std::move(options)) {
     volumes.add(sim::makeSimVolume(uuid));
-    for (const std::string& directory : {paths.userMountRoot, paths.privateMountRoot, paths.stateDirectory}) {
-      createDirectories(posix, directory, 0755);
-    }
-    sim.processes().script(paths.diskutil, [this](const ProcessRequest& request) { return diskutil(request); });
-    managed.callbacks.inventoryChanged = [this](const std::string& volumeUUID) {
-      if (!mutations.holdsBack(volumeUUID)) ++changeNotices;
+    helper.managed.callbacks.inventoryChanged = [this](const std::string& volumeUUID) {
+      if (!helper.mutations.holdsBack(volumeUUID)) ++changeNotices;
       scheduler->bumpGeneration(volumeUUID);
     };
-    managed.callbacks.identityMigration = [this](const VolumeInfo& volume, const std::map<std::uint64_t, Xid>& xids) {
-      protection.migrateIdentities(volume, xids);
+    helper.managed.callbacks.identityMigration = [this](const VolumeInfo& volume,
+                                                        const std::map<std::uint64_t, Xid>& xids) {
+      helper.protection.migrateIdentities(volume, xids);
     };
   }
 
@@ -142,19 +115,19 @@ class SchedulerMachine {
   [[nodiscard]] Date now() { return life.clock().now(); }
 
   void setPolicy(const SchedulePolicy& policy) {
-    run([&] { schedules.setPolicy(VolumeUuid(uuid.lower()), policy); });
+    run([&] { helper.schedules.setPolicy(VolumeUuid(uuid.lower()), policy); });
   }
   void setSettings(const HelperSettings& changed) {
-    run([&] { settings.update(changed); });
+    run([&] { helper.settings.update(changed); });
   }
   // The volume was here before, and people know.
   void knowSince(Date date) {
     run([&] {
-      clocks.noteSeen(VolumeUuid(uuid.lower()), date);
-      clocks.markDiscoveryNoticeSent(VolumeUuid(uuid.lower()));
+      helper.clocks.noteSeen(VolumeUuid(uuid.lower()), date);
+      helper.clocks.markDiscoveryNoticeSent(VolumeUuid(uuid.lower()));
     });
   }
-  [[nodiscard]] VolumeInfo volume() { return apfs.resolveVolume(uuid.upper()); }
+  [[nodiscard]] VolumeInfo volume() { return helper.apfs.resolveVolume(uuid.upper()); }
 
   Xid add(const std::string& name, Date createdAt) { return *volumes.addSnapshot(uuid, name, createdAt); }
   // An own one, named as if taken then.
@@ -184,19 +157,13 @@ class SchedulerMachine {
     return found;
   }
   void protect(const std::string& name) {
-    run([&] { protection.setProtected(volume(), true, [&] { return std::optional(xidOf(name)); }); });
+    run([&] { helper.protection.setProtected(volume(), true, [&] { return std::optional(xidOf(name)); }); });
   }
   void setFree(std::int64_t bytes) {
     volumes.change(uuid, [&](sim::SimVolume& changed) {
       changed.blockSize = 1000;
       changed.blocks = 100'000'000;
       changed.availableBlocks = static_cast<std::uint64_t>(bytes / 1000);
-    });
-  }
-  void mountForUser(const std::string& name) {
-    run([&] {
-      const std::string path = userMountPath(paths, volume(), xidOf(name));
-      ASSERT_TRUE(volumes.mount(uuid, path, name, mntReadOnly));
     });
   }
   void breakProtection() { write(paths.state("protected.json"), "no JSON"); }
@@ -217,9 +184,7 @@ class SchedulerMachine {
   sim::SimVolumes volumes;
   sim::SimPlatform sim{life, volumes};
   sim::SimPosix& posix = sim.files();
-  const Platform platform = sim.platform();
   const HostPaths& paths = sim.paths();
-  RecordingLog log;
   RecordingNotifier notifier;
   RecordingTrail audit;
   RecordingHistory history;
@@ -229,77 +194,29 @@ class SchedulerMachine {
   std::vector<std::string> appeared;
   int invalidations = 0;
 
-  VolumeProtectionStore protection{life.dispatch(), posix, life.random(), sim.log(), platform.attributes, paths};
-  SnapshotNamePersistence displayNames{life.dispatch(), posix, life.random(), sim.log(), paths};
-  SnapshotTagStore tags{life.dispatch(), posix, life.random(), platform.attributes, paths};
-  SnapshotMutationScope mutations{life.dispatch()};
-  VolumeQueueRegistry queues{life.dispatch()};
-  SnapshotIdentity identity{life.dispatch(),
-                            platform.processes,
-                            platform.propertyLists,
-                            posix,
-                            life.random(),
-                            sim.log(),
-                            paths,
-                            SnapshotIdentity::FileIds::areXids};
-  SnapshotServices managed{platform.snapshots, platform.disks, posix, sim.log(), paths, identity, {}};
-  APFSManager apfs{managed, "apfs"};
-  VolumeService volumeService{life.dispatch(),    platform.disks,         platform.snapshots,
-                              platform.processes, platform.propertyLists, paths};
-  SchedulePersistence schedules{life.dispatch(), posix, life.random(), sim.log(), paths};
-  HelperSettingsPersistence settings{life.dispatch(), posix, life.random(), log, paths};
-  VolumeClockPersistence clocks{life.dispatch(), posix, life.random(), sim.log(), paths};
-  const SchedulerServices services{
-      .dispatch = life.dispatch(),
-      .random = life.random(),
-      .calls = platform.snapshots,
-      .disks = platform.disks,
-      .platformLog = sim.log(),
-      .log = log,
-      .paths = paths,
-      .apfs = apfs,
-      .volumeQueues = queues,
-      .mutations = mutations,
-      .protection = protection,
-      .names = displayNames,
-      .tags = tags,
-      .audit = audit,
-      .schedules = schedules,
-      .settings = settings,
-      .clocks = clocks,
-      .notifier = notifier,
-      .history = &history,
-      .volumeList = [this] { return volumeService.listVolumes(); },
-      .automaticDeletionBlocked = [this] { return healthBlocks || !isTrusted(); },
-      .scheduleSnapshotsChanged = [this](const std::string&) { ++changeNotices; },
-      .dropCachedXidData = {},
-      .invalidateVolumeList = [this] { ++invalidations; },
-      .volumeAppeared = [this](const std::string& path) { appeared.push_back(path); },
-  };
+  HelperParts helper{life, sim, volumes, posix, sim.snapshots()};
+  RecordingLog& log = helper.log;
+  const SchedulerServices services = [this] {
+    SchedulerServices made = helper.services(helper.protection, audit, notifier);
+    made.history = &history;
+    made.automaticDeletionBlocked = [this] { return healthBlocks || !isTrusted(); };
+    made.scheduleSnapshotsChanged = [this](const std::string&) { ++changeNotices; };
+    made.invalidateVolumeList = [this] { ++invalidations; };
+    made.volumeAppeared = [this](const std::string& path) { appeared.push_back(path); };
+    return made;
+  }();
   const std::shared_ptr<Scheduler> scheduler = Scheduler::make(services);
 
  private:
   // As the health of the service sees it.
   [[nodiscard]] bool isTrusted() {
-    if (schedules.loadFailureDescription() || settings.loadFailureDescription()) return false;
+    if (helper.schedules.loadFailureDescription() || helper.settings.loadFailureDescription()) return false;
     try {
-      protection.ensureLoaded();
+      helper.protection.ensureLoaded();
       return true;
     } catch (const Error&) {
       return false;
     }
-  }
-  sim::SimProgram diskutil(const ProcessRequest& request) {
-    PropertyArray entries;
-    for (const sim::SimVolume& volume : volumes.volumes()) {
-      if (volume.description.mediaBsdName != request.arguments.back()) continue;
-      for (const sim::SimSnapshot& snapshot : volume.snapshots) {
-        entries.push_back(PropertyList(PropertyDictionary{{"SnapshotName", PropertyList(snapshot.name)},
-                                                          {"SnapshotXID", PropertyList(snapshot.xid.value)}}));
-      }
-    }
-    return {.output = platform.propertyLists.write(
-                PropertyList(PropertyDictionary{{"Snapshots", PropertyList(std::move(entries))}}))};
   }
 };
 

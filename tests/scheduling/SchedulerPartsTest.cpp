@@ -5,7 +5,6 @@
 #include "journal/HelperNotification.h"
 #include "platform/sim/Simulation.h"
 #include "scheduling/AttemptRecords.h"
-#include "scheduling/EventThrottle.h"
 #include "scheduling/LowSpacePass.h"
 #include "scheduling/PeopleText.h"
 #include "wire/Json.h"
@@ -49,25 +48,6 @@ TEST(PruneKind, GoesByTheNameAlone) {
     EXPECT_EQ(pruneKind(test.name), test.kind) << test.name;
   }
   EXPECT_EQ(word(PruneKind::foreign), "foreign");
-}
-
-TEST(EventThrottle, LetsAnEventOutOncePerIntervalVolumeAndCadence) {
-  sim::Simulation simulation;
-  EventThrottle throttle(simulation.startLife("helper").dispatch());
-  const auto isDue = [&](std::optional<SnapshotCadence> cadence, const VolumeUuid& of = volume) {
-    return throttle.isDue(of, ScheduleEvent::createFailed, cadence, EventIntervals::createFailed);
-  };
-  EXPECT_TRUE(isDue(SnapshotCadence::hourly));
-  EXPECT_FALSE(isDue(SnapshotCadence::hourly));
-  EXPECT_TRUE(isDue(SnapshotCadence::daily));
-  EXPECT_TRUE(isDue(std::nullopt));
-  EXPECT_TRUE(isDue(SnapshotCadence::hourly, VolumeUuid("other")));
-  simulation.runFor(std::chrono::seconds(3599));
-  EXPECT_FALSE(isDue(SnapshotCadence::hourly));
-  simulation.runFor(std::chrono::seconds(2));
-  EXPECT_TRUE(isDue(SnapshotCadence::hourly));
-  simulation.jumpWallClock(Seconds(-86400));
-  EXPECT_TRUE(isDue(SnapshotCadence::hourly)) << "a clock set back holds nothing up for a day";
 }
 
 TEST(AttemptRecords, HoldBackOneSlotOfOneCadence) {

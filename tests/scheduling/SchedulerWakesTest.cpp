@@ -4,9 +4,14 @@ namespace quillmark {
 namespace {
 
 using ::testing::ElementsAre;
-using ::testing::IsEmpty;
 
 struct WakingMachine : SchedulerMachine {
+  // Past what starting brings.
+  explicit WakingMachine(const SchedulePolicy& policy = only({Cadence::hourly})) {
+    setPolicy(policy);
+    start();
+    runFor(90s);
+  }
   // Runs so many seconds; those, counted from now, in which anything ran at all.
   std::vector<int> secondsAwake(int seconds) {
     std::vector<int> awake;
@@ -30,18 +35,12 @@ struct WakingMachine : SchedulerMachine {
 // Goal:   nothing wakes the machine but what is due: nobody polls for a resume, a clock or a disk.
 // Method: count the seconds of a day in which any fiber of the helper ran.
 TEST(SchedulerWakes, areOneEachMinuteAndOneEachQuarterOfAnHour) {
-  WakingMachine machine;
-  machine.setPolicy(only({}));
-  machine.start();
-  machine.runFor(60s);  // what starting brings
-  EXPECT_EQ(machine.secondsAwake(86400), WakingMachine::due(86400, 0, 844));
+  WakingMachine machine(only({}));
+  EXPECT_EQ(machine.secondsAwake(86400), WakingMachine::due(86400, 30, 814));
 }
 
 TEST(SchedulerWakes, areNoneInAMachineThatSleepsAndComeAtOnceWhenItIsAwake) {
   WakingMachine machine;
-  machine.setPolicy(only({SnapshotCadence::hourly}));
-  machine.start();
-  machine.runFor(90s);
   const std::uint64_t before = machine.simulation.steps();
   machine.simulation.sleepMachine(3h);
   EXPECT_EQ(machine.simulation.steps(), before);
@@ -54,9 +53,6 @@ TEST(SchedulerWakes, areNoneInAMachineThatSleepsAndComeAtOnceWhenItIsAwake) {
 
 TEST(SchedulerWakes, comeAtOnceWhenTheClockIsSetForward) {
   WakingMachine machine;
-  machine.setPolicy(only({SnapshotCadence::hourly}));
-  machine.start();
-  machine.runFor(90s);
   machine.simulation.jumpWallClock(Seconds(2 * 3600));
   machine.simulation.runUntilIdle();
   EXPECT_THAT(machine.shortNames(),
@@ -66,9 +62,6 @@ TEST(SchedulerWakes, comeAtOnceWhenTheClockIsSetForward) {
 // Timers by the wall clock would wait until it reads again what it had read.
 TEST(SchedulerWakes, goOnEachMinuteWhenTheClockIsSetBack) {
   WakingMachine machine;
-  machine.setPolicy(only({SnapshotCadence::hourly}));
-  machine.start();
-  machine.runFor(90s);
   machine.simulation.jumpWallClock(Seconds(-2 * 3600));
   machine.simulation.runUntilIdle();
   const std::vector<int> awake = machine.secondsAwake(1800);

@@ -10,7 +10,6 @@
 
 #include <cstdio>
 
-#include "base/Error.h"
 #include "base/HelperLog.h"
 #include "platform/Files.h"
 #include "platform/sim/FaultSweep.h"
@@ -19,6 +18,7 @@
 #include "scheduling/HelperSettingsPersistence.h"
 #include "scheduling/SchedulePersistence.h"
 #include "scheduling/VolumeClockPersistence.h"
+#include "tests/base/Failures.h"
 
 namespace quillmark {
 
@@ -61,16 +61,6 @@ class StoreLife final {
     const auto listed = files.list(paths.stateDirectory);
     return listed ? *listed : std::vector<std::string>();
   }
-  [[nodiscard]] static Error failureOf(FunctionRef<void()> work) {
-    try {
-      work();
-    } catch (const Error& error) {
-      return error;
-    }
-    ADD_FAILURE() << "nothing was thrown";
-    return Error("", 0, "");
-  }
-
   sim::Simulation simulation;
   sim::Life& life = simulation.startLife("helper");
   sim::SimPosix& files;

@@ -10,7 +10,6 @@
 #include "history/SnapshotHistoryManager.h"
 #include "platform/Files.h"
 #include "platform/PlatformLog.h"
-#include "platform/PropertyList.h"
 #include "platform/Transport.h"
 #include "platform/VolumeAttributes.h"
 #include "platform/linux/DirectoryReader.h"
@@ -22,6 +21,7 @@
 #include "service/HelperEnvironment.h"
 #include "tests/platform/DispatchBackends.h"
 #include "tests/service/DirectClient.h"
+#include "tests/snapshots/SimDiskutil.h"
 #include "wire/Commands.h"
 #include "wire/QuillmarkError.h"
 
@@ -178,7 +178,10 @@ class RaceMachine final {
       names.push_back("com.harrowfern.Quillmark.manual." + std::to_string(i));
       (void)volumes_.addSnapshot(volumeUuid, names.back(), dispatch.clock().now());
     }
-    processes_.script(paths_.diskutil, [this](const ProcessRequest&) { return diskutil(); });
+    processes_.script(paths_.diskutil, [this](const ProcessRequest& request) {
+      return sim::SimProgram{.output =
+                                 snapshotsAsDiskutilListsThem(volumes_, propertyLists_, request.arguments.back())};
+    });
     environment.start();
   }
   // What still runs for clients that are gone runs out first.
@@ -192,16 +195,6 @@ class RaceMachine final {
   [[nodiscard]] std::size_t left() { return volumes_.snapshots(volumeUuid).size(); }
 
  private:
-  sim::SimProgram diskutil() {
-    PropertyArray entries;
-    for (const sim::SimSnapshot& snapshot : volumes_.snapshots(volumeUuid)) {
-      entries.push_back(PropertyList(PropertyDictionary{{"SnapshotName", PropertyList(snapshot.name)},
-                                                        {"SnapshotXID", PropertyList(snapshot.xid.value)}}));
-    }
-    return {.output = propertyLists_.write(
-                PropertyList(PropertyDictionary{{"Snapshots", PropertyList(std::move(entries))}}))};
-  }
-
   Dispatch& dispatch_;
   const std::string root_ = freshDirectory();
   const HostPaths paths_ = sim::hostPathsUnder(root_);

@@ -6,7 +6,6 @@
 
 #include <array>
 #include <cerrno>
-#include <functional>
 #include <map>
 #include <set>
 #include <string>
@@ -33,7 +32,6 @@ struct Failures {
 struct Facts {
   std::set<Xid> isProtected;
   std::set<Uuid> protectForeign;
-  std::function<std::int64_t(int cadence)> slot;  // that holds this moment
 };
 
 class WitnessedCalls final : public SnapshotCalls {
@@ -50,10 +48,6 @@ class WitnessedCalls final : public SnapshotCalls {
     const int cadence = cadenceOf(name);
     if (cadence < 0) broken.push_back("created " + name);
     if (failures_.cannotCreate.at(static_cast<std::size_t>(cadence))) return Errno{EIO};
-    for (const sim::SimSnapshot& other : volumes_.snapshots(opened_.at(&volume))) {
-      const bool isInSlot = cadenceOf(other.name) == cadence && other.createdSeconds >= facts_.slot(cadence);
-      if (isInSlot) broken.push_back("second of its slot: " + name + " after " + other.name);
-    }
     return calls_.fs_snapshot_create(volume, name);
   }
   SysStatus fs_snapshot_delete(OpenVolume& volume, const std::string& name, Xid meant) override {

@@ -26,22 +26,17 @@ struct Told {
 
 class Witness final : public AuditTrail {
  public:
-  Witness(sim::Simulation& simulation, const Failures& failures) : simulation_(simulation), failures_(failures) {}
+  explicit Witness(const Failures& failures) : failures_(failures) {}
 
   std::optional<Error> append(const HelperEvent& event) override;
-  void broadcast(const std::string& volumeUUID, std::optional<SnapshotCadence> cadence, ScheduleEvent event,
-                 const std::string& message);
+  void broadcast(const std::string& volumeUUID, std::optional<SnapshotCadence> cadence, ScheduleEvent event);
   void noticed(const std::string& json);
 
   Told told;
   std::vector<std::string> broken;
   std::function<void()> freeSpaceTold;
-  std::map<std::string, double> seenSince;  // the first sighting of each volume
-  std::map<std::string, double> lastTold;   // since the clock was set back or the process began
 
  private:
-  void mindThrottle(const std::string& key, double interval);
-  sim::Simulation& simulation_;
   const Failures& failures_;
 };
 
@@ -55,8 +50,8 @@ class Helper final : private ScheduleEventNotifier {
 
  private:
   void broadcast(const std::string& volumeUUID, std::optional<SnapshotCadence> cadence, ScheduleEvent event,
-                 const std::string& message) override {
-    witness_.broadcast(volumeUUID, cadence, event, message);
+                 const std::string&) override {
+    witness_.broadcast(volumeUUID, cadence, event);
   }
   void pushFreeSpaceStates(const std::string&) override { witness_.freeSpaceTold(); }
   void deliver(const HelperNotification& notice) override { notifications.deliver(notice); }
@@ -65,7 +60,6 @@ class Helper final : private ScheduleEventNotifier {
   void resolve(const std::string& key, const std::string& title, const std::string& message) override {
     notifications.resolve(key, title, message);
   }
-  [[nodiscard]] std::string snapshotCatalog(sim::SimVolumes& volumes, const std::string& bsdName);
   [[nodiscard]] HealthProbes probes();
 
   Witness& witness_;
@@ -73,27 +67,13 @@ class Helper final : private ScheduleEventNotifier {
  public:
   sim::Life& life;
   sim::SimPlatform sim;
-  const Platform platform;
   const HostPaths& paths;
   FailingFiles files;
   WitnessedCalls calls;
-  RecordingLog log;
-  VolumeProtectionStore protection;
+  HelperParts parts;
   FailingProtection failingProtection;
-  SnapshotNamePersistence displayNames;
-  SnapshotTagStore tags;
-  SnapshotMutationScope mutations;
-  VolumeQueueRegistry queues;
-  SnapshotIdentity identity;
-  SnapshotServices managed;
-  APFSManager apfs;
-  VolumeService volumeService;
-  SchedulePersistence schedules;
-  HelperSettingsPersistence settings;
-  VolumeClockPersistence clocks;
   HelperNotifications notifications;
   HealthMonitor health;
-  std::function<void()> listed;
   std::shared_ptr<Scheduler> scheduler;
 };
 

@@ -4,6 +4,7 @@
 
 #include "base/Text.h"
 #include "platform/sim/Draws.h"
+#include "snapshots/MountNames.h"
 
 namespace quillmark::months {
 namespace {
@@ -64,16 +65,14 @@ bool matches(std::string_view told, std::string_view expected) {
 }  // namespace
 
 Machine::Machine(std::uint64_t seed, Date start, std::string zone)
-    : seed_(seed), simulation_({.seed = seed, .start = start, .timeZone = zone}), witness_(simulation_, failures_),
+    : seed_(seed), simulation_({.seed = seed, .start = start, .timeZone = zone}), witness_(failures_),
       shift_(momentOf(start) - simulation_.clock().monotonic().time_since_epoch().count()) {
   model.zone = std::move(zone);
-  facts_.slot = [this](int cadence) { return slotStart(cadence, now1970(), model.zone); };
   witness_.freeSpaceTold = [this] { wakes_.back().isFreeSpace = true; };
   this->start(nullptr);
 }
 
 void Machine::start(std::unique_ptr<sim::SimPosix> files) {
-  witness_.lastTold.clear();
   helper_ = std::make_unique<Helper>(simulation_, volumes_, std::move(files), failures_, facts_, witness_, [this] {
     wakes_.push_back({now(), false});
   });
@@ -114,7 +113,6 @@ void Machine::sleepUntil(Moment moment) {
 
 void Machine::jump(std::int64_t seconds) {
   happened("clock is set by " + std::to_string(seconds) + " s");
-  if (seconds < 0) witness_.lastTold.clear();
   shift_ += seconds * second;
   jumped_ += seconds * second;
   troubleSince_.reset();
@@ -221,8 +219,8 @@ void Machine::protect(const Uuid& uuid, const std::string& name, bool isProtecte
   const Xid xid = simSnapshot(uuid, name).xid;
   const bool isInFile = failures_.refusesAttributes.contains(uuid);
   const bool isStored = store(Store::protection, model.protection, isInFile && failsWrites(Store::protection), [&] {
-    helper_->protection.setProtected(helper_->apfs.resolveVolume(uuid.upper()), isProtected,
-                                     [&] { return std::optional(xid); });
+    helper_->parts.protection.setProtected(helper_->parts.apfs.resolveVolume(uuid.upper()), isProtected,
+                                           [&] { return std::optional(xid); });
   });
   if (!isStored) return;
   at(uuid, name).isProtected = isProtected;
@@ -236,10 +234,10 @@ void Machine::label(const Uuid& uuid, const std::string& name, const std::string
   std::optional<Error> failure;
   bool isTagged = false;
   run([&] {
-    const VolumeInfo volume = helper_->apfs.resolveVolume(uuid.upper());
-    failure = helper_->displayNames.setDisplayName(volume.key(), name, text);
+    const VolumeInfo volume = helper_->parts.apfs.resolveVolume(uuid.upper());
+    failure = helper_->parts.displayNames.setDisplayName(volume.key(), name, text);
     try {
-      helper_->tags.setTag(volume, text, [&] { return std::optional(simSnapshot(uuid, name).xid); });
+      helper_->parts.tags.setTag(volume, text, [&] { return std::optional(simSnapshot(uuid, name).xid); });
       isTagged = true;
     } catch (const Error&) {
     }
@@ -282,7 +280,7 @@ void Machine::mount(const Uuid& uuid, const std::string& name, bool isForIndexin
   happened("mounts " + name + " of " + at(uuid).name);
   const Xid xid = simSnapshot(uuid, name).xid;
   VolumeInfo volume;
-  run([&] { volume = helper_->apfs.resolveVolume(uuid.upper()); });
+  run([&] { volume = helper_->parts.apfs.resolveVolume(uuid.upper()); });
   const std::string user = userMountPath(helper_->paths, volume, xid);
   const std::string indexing = helper_->paths.privateMountRoot + "/.index-" +
                                snapshotMountName(volume.name, volume.uuid) + "-" + std::to_string(xid.value);
@@ -317,7 +315,7 @@ bool Machine::setPolicy(const Uuid& uuid, ModelPolicy policy, bool isDiskBroken)
   happened("policy of " + at(uuid).name + (policy.enabled ? " on" : " off") + (isDiskBroken ? " fails" : ""));
   stamp(policy, at(uuid).policy, secondsOf(now()));
   const bool isStored = store(Store::schedules, model.schedules, isDiskBroken, [&] {
-    helper_->schedules.stampAndSetPolicy(VolumeUuid(uuid.lower()), policyOf(policy), helper_->life.clock().now());
+    helper_->parts.schedules.stampAndSetPolicy(VolumeUuid(uuid.lower()), policyOf(policy), helper_->life.clock().now());
     helper_->scheduler->bumpGeneration(uuid.lower());
   });
   if (!isStored) return false;
@@ -335,7 +333,7 @@ bool Machine::setSettings(bool automaticDeletion, int safetyHours, bool isDiskBr
     HelperSettings settings;
     settings.automaticDeletionEnabled = automaticDeletion;
     settings.safetySnapshotRetentionHours = safetyHours;
-    helper_->settings.update(settings);
+    helper_->parts.settings.update(settings);
   });
   if (!isStored) return false;
   model.automaticDeletion = automaticDeletion;
@@ -367,10 +365,6 @@ void Machine::restart(const std::map<Store, Broken>& broken) {
   model.settings = troubleOf(Store::settings);
   model.protection = troubleOf(Store::protection);
   restartModel(broken);
-  witness_.seenSince.clear();
-  for (const auto& [uuid, volume] : model.volumes) {
-    if (volume.firstSeen) witness_.seenSince[uuid] = *volume.firstSeen;
-  }
   start(std::move(files));
 }
 
@@ -500,9 +494,6 @@ void Machine::tellModel() {
       continue;
     }
     ++minuteWakes;
-    for (const auto& [uuid, volume] : model.volumes) {
-      if (volume.isPresent) witness_.seenSince.emplace(uuid, secondsOf(wake.at));
-    }
     model.minute(wake.at);
   }
 }

@@ -85,20 +85,6 @@ TEST(Simulation, ASeedRepeatsToTheLastDrawAndAnotherGoesAnotherWay) {
   EXPECT_NE(runOfSeed(8).first, draw);
 }
 
-TEST(Simulation, TheOrderOfUnrelatedItemsIsReallyDrawn) {
-  std::set<std::string> orders;
-  for (std::uint64_t seed = 0; seed < 60; ++seed) {
-    Simulation simulation({.seed = seed});
-    Life& life = simulation.startLife("life");
-    std::string order;
-    simulation.run(life, [&] {
-      for (const char name : {'a', 'b', 'c'}) life.spawn("fiber", [&, name] { order += name; });
-    });
-    orders.insert(order);
-  }
-  EXPECT_EQ(orders.size(), 6U);
-}
-
 // What run() says of a body that can never end.
 std::string deadlockOf(Simulation& simulation, Life& life, FunctionRef<void()> body) {
   try {

@@ -109,30 +109,6 @@ TEST_F(SqliteInSimulation, FibersShareAConnectionAndASeedRepeats) {
   EXPECT_EQ(runOnce(1), runOnce(2));
 }
 
-// Goal:   a life that is frozen in a transaction keeps nobody from working on a copy of its files.
-TEST_F(SqliteInSimulation, ASuccessorRecoversFromACopyOfAFrozenLifesFiles) {
-  Simulation simulation;
-  Life& life = simulation.startLife("first");
-  simulation.run(life, [&] {
-    life.spawn("writer", [&] {
-      Database database(directory_ / "db");
-      database.execute("PRAGMA journal_mode=WAL; CREATE TABLE t(x); INSERT INTO t VALUES ('kept')");
-      database.execute("BEGIN; INSERT INTO t VALUES ('lost')");
-      life.delay(1h);
-    });
-  });
-  life.kill();
-  const std::filesystem::path copy = directory_ / "copy";
-  std::filesystem::create_directory(copy);
-  for (const char* name : {"db", "db-wal"}) std::filesystem::copy_file(directory_ / name, copy / name);
-  Life& next = simulation.startLife("second");
-  simulation.run(next, [&] {
-    Database database(copy / "db");
-    EXPECT_EQ(database.value("SELECT group_concat(x) FROM t"), "kept");
-    EXPECT_EQ(database.execute("INSERT INTO t VALUES ('new')"), SQLITE_OK);
-  });
-}
-
 TEST_F(SqliteInSimulation, OutsideAFiberItWorksAsEver) {
   { Simulation simulation; }
   Database database(directory_ / "db");

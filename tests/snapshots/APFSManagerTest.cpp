@@ -8,7 +8,6 @@ namespace {
 
 using SnapshotNameInfo::Kind;
 using ::testing::ElementsAre;
-using ::testing::HasSubstr;
 using ::testing::IsEmpty;
 
 TEST(APFSManager, suffixesTheLabelOfATakenNameUpToEight) {
@@ -23,8 +22,7 @@ TEST(APFSManager, suffixesTheLabelOfATakenNameUpToEight) {
     for (int i = 2; i <= 8; ++i) {
       EXPECT_EQ(machine.apfs.createSnapshot(volume, "", Kind::manual(), date), plain + ".-" + std::to_string(i));
     }
-    const Error error =
-        SnapshotMachine::failureOf([&] { (void)machine.apfs.createSnapshot(volume, "", Kind::manual(), date); });
+    const Error error = failureOf([&] { (void)machine.apfs.createSnapshot(volume, "", Kind::manual(), date); });
     EXPECT_EQ(error.description(), "fs_snapshot_create failed: File exists");
     EXPECT_EQ(machine.volumes.snapshots(machine.uuid).size(), 8U);
     EXPECT_EQ(machine.apfs.createSnapshot(volume, "x", Kind::manual(), date), plain + ".x");
@@ -55,14 +53,13 @@ TEST(APFSManager, saysWhatToDoWhenAVolumeMayNotBeRead) {
     for (const Case& operation : cases) {
       for (const int error : {EACCES, EPERM, EIO}) {
         machine.volumes.failNext(sim::SimCall::open, error);
-        const Error failure = SnapshotMachine::failureOf([&] { operation.operation(); });
+        const Error failure = failureOf([&] { operation.operation(); });
         EXPECT_EQ(failure.code(), static_cast<long>(operation.code));
         std::string wanted = "open(/Volumes/Data) failed: " + errnoText(error);
         if (error != EIO) {
           wanted +=
               ". Quillmark does not have permission to read this volume. Grant it Full Disk Access in System Settings "
-              "▸ "
-              "Privacy & Security, then re-index the volume.";
+              "▸ Privacy & Security, then re-index the volume.";
         }
         EXPECT_EQ(failure.description(), wanted);
       }
@@ -78,10 +75,10 @@ TEST(APFSManager, growsItsListBufferToSixteenMiBAndNoFurther) {
     machine.volumes.failNext(sim::SimCall::list, ERANGE, 8);
     EXPECT_EQ(machine.apfs.listRawSnapshots(volume).size(), 1U) << "16 MiB itself is tried";
     machine.volumes.failNext(sim::SimCall::list, ERANGE, 9);
-    EXPECT_EQ(SnapshotMachine::failureOf([&] { (void)machine.apfs.listRawSnapshots(volume); }).description(),
+    EXPECT_EQ(failureOf([&] { (void)machine.apfs.listRawSnapshots(volume); }).description(),
               "fs_snapshot_list buffer grew past 16 MiB; aborting");
     machine.volumes.failNext(sim::SimCall::list, EIO);
-    EXPECT_EQ(SnapshotMachine::failureOf([&] { (void)machine.apfs.listRawSnapshots(volume); }).description(),
+    EXPECT_EQ(failureOf([&] { (void)machine.apfs.listRawSnapshots(volume); }).description(),
               "fs_snapshot_list failed: Input/output error");
   });
 }
@@ -106,11 +103,11 @@ TEST(APFSManager, mountsReadOnlyAndCleansUpAfterAFailure) {
     EXPECT_TRUE(isSnapshotMount(machine.calls, path));
     EXPECT_EQ(machine.volumes.mounts().at(0).flags, mntReadOnly | mntNoSuid | mntNoDev);
     const std::string second = machine.paths.userMountRoot + "/other";
-    const Error busy = SnapshotMachine::failureOf([&] { machine.apfs.mountSnapshot(volume, a, second); });
+    const Error busy = failureOf([&] { machine.apfs.mountSnapshot(volume, a, second); });
     EXPECT_EQ(busy.description(), "Snapshot \"a\" is already mounted, so it cannot be mounted again right now.");
     EXPECT_EQ(busy.code(), static_cast<long>(QuillmarkErrorCode::snapshotInUse));
     EXPECT_FALSE(machine.posix.lstat(second)) << "the directory made for it is gone";
-    EXPECT_EQ(SnapshotMachine::failureOf([&] {
+    EXPECT_EQ(failureOf([&] {
                 machine.apfs.mountSnapshot(volume, {"b", a.xid}, second);
               }).description(),
               "fs_snapshot_mount failed: No such file or directory");
@@ -125,7 +122,7 @@ TEST(APFSManager, refusesAMountRootThatIsNoDirectory) {
     const Xid xid = machine.add("a");
     ASSERT_TRUE(machine.posix.rmdir(machine.paths.userMountRoot));
     writeAtomically(machine.posix, machine.life.random(), machine.paths.userMountRoot, "", 0600);
-    EXPECT_EQ(SnapshotMachine::failureOf([&] {
+    EXPECT_EQ(failureOf([&] {
                 machine.apfs.mountSnapshot(machine.volume(), {"a", xid}, machine.paths.userMountRoot + "/a");
               }).description(),
               "Mount root exists but is not a directory: " + machine.paths.userMountRoot);
@@ -149,10 +146,10 @@ TEST(APFSManager, unmountsWhatIsBusyByForceAndWhatIsGoneAsDone) {
     EXPECT_FALSE(machine.posix.lstat(path)) << "no mount point, but its directory";
 
     machine.volumes.failNext(sim::SimCall::unmount, EPERM);
-    EXPECT_EQ(SnapshotMachine::failureOf([&] { machine.apfs.unmountSnapshot(path, false); }).description(),
+    EXPECT_EQ(failureOf([&] { machine.apfs.unmountSnapshot(path, false); }).description(),
               "unmount(" + path + ") failed: Operation not permitted");
     createDirectories(machine.posix, path + "/leftover", 0700);
-    EXPECT_EQ(SnapshotMachine::failureOf([&] { machine.apfs.unmountSnapshot(path, false); }).description(),
+    EXPECT_EQ(failureOf([&] { machine.apfs.unmountSnapshot(path, false); }).description(),
               "rmdir(" + path + ") failed: Directory not empty");
   });
 }
@@ -186,11 +183,11 @@ TEST(APFSManager, touchesNoOtherSnapshotThatTookTheName) {
     const Xid second = machine.add("a");
     ASSERT_NE(first, second);
     const VolumeInfo volume = machine.volume();
-    EXPECT_EQ(SnapshotMachine::failureOf([&] {
+    EXPECT_EQ(failureOf([&] {
                 machine.apfs.deleteSnapshot(volume, {"a", first});
               }).description(),
               "fs_snapshot_delete failed: No such file or directory");
-    EXPECT_EQ(SnapshotMachine::failureOf([&] {
+    EXPECT_EQ(failureOf([&] {
                 machine.apfs.mountSnapshot(volume, {"a", first}, machine.paths.userMountRoot + "/a");
               }).description(),
               "fs_snapshot_mount failed: No such file or directory");
@@ -203,7 +200,7 @@ TEST(APFSManager, refusesToChooseBetweenAVolumeAndItsCopy) {
   SnapshotMachine machine;
   machine.volumes.add(sim::makeSimVolume(machine.uuid, "Data", "/Volumes/Copy", "disk2s1"));
   machine.run([&] {
-    EXPECT_EQ(SnapshotMachine::failureOf([&] { (void)machine.volume(); }).description(),
+    EXPECT_EQ(failureOf([&] { (void)machine.volume(); }).description(),
               "Two mounted volumes have the UUID " + machine.uuid.lower() +
                   ": /Volumes/Data and /Volumes/Copy. One seems to be a copy of the other; unmount one of them.");
   });
@@ -239,9 +236,8 @@ TEST(APFSManager, resolvesOnlyVolumesThatItServes) {
         EXPECT_EQ(volume.uuid, machine.uuid.upper()) << "spelled as the caller spelled it";
         EXPECT_EQ(volume.isAPFSData, wanted.isData) << wanted.what;
       } else {
-        EXPECT_EQ(
-            SnapshotMachine::failureOf([&] { (void)machine.apfs.resolveVolume(machine.uuid.upper()); }).description(),
-            "No mounted APFS volume with UUID " + machine.uuid.upper())
+        EXPECT_EQ(failureOf([&] { (void)machine.apfs.resolveVolume(machine.uuid.upper()); }).description(),
+                  "No mounted APFS volume with UUID " + machine.uuid.upper())
             << wanted.what;
       }
     });

@@ -1,10 +1,10 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "base/Error.h"
 #include "platform/linux/PropertyList.h"
 #include "snapshots/DiskutilFacts.h"
 #include "snapshots/DiskutilSnapshotCatalog.h"
+#include "tests/base/Failures.h"
 
 namespace quillmark {
 namespace {
@@ -53,29 +53,23 @@ TEST(DiskutilCatalog, refusesEachFlawByItsCodeAndText) {
   };
   os::LinuxPropertyLists lists;
   for (const Case& bad : cases) {
-    try {
-      (void)DiskutilSnapshotCatalog::parse(lists, bad.output);
-      ADD_FAILURE() << bad.message;
-    } catch (const Error& error) {
-      EXPECT_EQ(error.domain(), "Quillmark.DiskutilSnapshotCatalog");
-      EXPECT_EQ(error.code(), bad.code);
-      EXPECT_THAT(error.description(), ::testing::StartsWith(bad.message));
-    }
+    const Error error = failureOf([&] { (void)DiskutilSnapshotCatalog::parse(lists, bad.output); });
+    EXPECT_EQ(error.domain(), "Quillmark.DiskutilSnapshotCatalog");
+    EXPECT_EQ(error.code(), bad.code);
+    EXPECT_THAT(error.description(), ::testing::StartsWith(bad.message));
   }
 }
 
 TEST(DiskutilFacts, readContainersAndPassOverWhatTheyLack) {
   os::LinuxPropertyLists lists;
-  const std::string volumes =
-      "<dict><key>DeviceIdentifier</key><string>disk3s1</string><key>CapacityInUse</key><integer>10</integer>"
-      "<key>FileVault</key><true/><key>Roles</key><array><string>Data</string></array></dict>"
-      "<dict><key>DeviceIdentifier</key><string>disk3s2</string><key>Roles</key><array><string>xART</string></array></"
-      "dict>"
-      "<dict><key>CapacityInUse</key><integer>99</integer></dict>";
-  const APFSContainers containers = parseContainers(
-      lists, plist("<dict><key>Containers</key><array><dict/><dict><key>ContainerReference</key><string>disk3</string>"
-                   "<key>CapacityCeiling</key><integer>100</integer><key>Volumes</key><array>" +
-                   volumes + "</array></dict></array></dict>"));
+  const APFSContainers containers = parseContainers(lists, plist(R"(<dict><key>Containers</key><array><dict/><dict>
+    <key>ContainerReference</key><string>disk3</string><key>CapacityCeiling</key><integer>100</integer>
+    <key>Volumes</key><array>
+      <dict><key>DeviceIdentifier</key><string>disk3s1</string><key>CapacityInUse</key><integer>10</integer>
+        <key>FileVault</key><true/><key>Roles</key><array><string>Data</string></array></dict>
+      <dict><key>DeviceIdentifier</key><string>disk3s2</string><key>Roles</key><array><string>xART</string></array></dict>
+      <dict><key>CapacityInUse</key><integer>99</integer></dict>
+    </array></dict></array></dict>)"));
   ASSERT_EQ(containers.size(), 1U);
   const APFSContainerInfo& info = containers.at("disk3");
   EXPECT_EQ(info.total, 100U);

@@ -4,6 +4,7 @@
 
 #include "platform/SnapshotCalls.h"
 #include "snapshots/KernelSnapshotList.h"
+#include "tests/base/Failures.h"
 #include "wire/QuillmarkError.h"
 
 namespace quillmark {
@@ -81,13 +82,9 @@ TEST(KernelSnapshotList, refusesEachMalformedRecordInTheSystemsWords) {
       {{.name = std::string(3, '\0')}, "empty snapshot name"},
   };
   for (const Case& bad : cases) {
-    try {
-      (void)parse(Entry{}.bytes() + bad.entry.bytes(), 2);
-      ADD_FAILURE() << bad.detail;
-    } catch (const Error& error) {
-      EXPECT_EQ(error.description(), std::string("Malformed snapshot-list entry 1: ") + bad.detail);
-      EXPECT_EQ(error.code(), static_cast<long>(QuillmarkErrorCode::snapshotListFailed));
-    }
+    const Error error = failureOf([&] { (void)parse(Entry{}.bytes() + bad.entry.bytes(), 2); });
+    EXPECT_EQ(error.description(), std::string("Malformed snapshot-list entry 1: ") + bad.detail);
+    EXPECT_EQ(error.code(), static_cast<long>(QuillmarkErrorCode::snapshotListFailed));
   }
   // The name may lie anywhere within its entry, in front of its reference too.
   EXPECT_NO_THROW((void)parse(Entry{.nameOffset = -24, .nameLength = 4}.bytes(), 1));

@@ -1,6 +1,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "base/FunctionRef.h"
 #include "base/HelperLog.h"
 #include "platform/sim/SimThreadIdentity.h"
 #include "platform/sim/Simulation.h"
@@ -46,6 +47,19 @@ struct Rights {
   }
   Verdict reads(const std::string& path, PeerUser user = {1000}) {
     return check(Asked::mayRead, path, std::move(user));
+  }
+  // What a refusal says; empty when there is none.
+  std::string said(FunctionRef<void()> work) {
+    std::string text;
+    simulation.run(life, [&] {
+      try {
+        work();
+      } catch (const Error& error) {
+        text = error.description();
+        EXPECT_EQ(QuillmarkError::codeOf(error), QuillmarkErrorCode::insufficientPrivileges);
+      }
+    });
+    return text;
   }
   void hangs(const std::string& path) { identities.put(path, {.access = never}); }
   // So many questions at the same time.
@@ -233,38 +247,21 @@ TEST(PeerAuthorization, tellsOnlyTheSlowestYet) {
 TEST(PeerAuthorization, speaksToTheUser) {
   Rights rights;
   rights.hangs("/net/x");
-  const auto said = [&](auto&& work) -> std::string {
-    std::string text;
-    rights.simulation.run(rights.life, [&] {
-      try {
-        work();
-      } catch (const Error& error) {
-        text = error.description();
-        EXPECT_EQ(QuillmarkError::codeOf(error), QuillmarkErrorCode::insufficientPrivileges);
-      }
-    });
-    return text;
+  const auto said = [&](const std::string& path) {
+    return rights.said([&] { rights.authorization.authorize(Asked::mayRead, path, rights.anna, "browse it", 10s); });
   };
-  EXPECT_EQ(said([&] { rights.authorization.authorize(Asked::mayRead, "x", rights.anna, "browse it", 10s); }),
-            "You do not have permission to browse it at x.");
-  EXPECT_EQ(said([&] { rights.authorization.authorize(Asked::mayRead, "/net/x", rights.anna, "browse it", 10s); }),
+  EXPECT_EQ(said("x"), "You do not have permission to browse it at x.");
+  EXPECT_EQ(said("/net/x"),
             "The disk holding /net/x stopped responding, so Quillmark could not confirm your permission to browse it "
             "there. This is usually a network volume that has gone away. Reconnect it, or eject it, and try again.");
-  EXPECT_EQ(said([&] { rights.authorization.authorize(Asked::mayRead, "/data", rights.anna, "browse it", 10s); }), "");
+  EXPECT_EQ(said("/data"), "");
 }
 
 TEST(PeerAuthorization, judgesTheOpenDirectoryAndLeavesNoDescriptorBehind) {
   Rights rights;
-  const auto said = [&](int fd, const std::string& path) -> std::string {
-    std::string text;
-    rights.simulation.run(rights.life, [&] {
-      try {
-        rights.authorization.authorizeOpenDirectory(fd, path, rights.anna, "replace this item", 60s);
-      } catch (const Error& error) {
-        text = error.description();
-      }
-    });
-    return text;
+  const auto said = [&](int fd, const std::string& path) {
+    return rights.said(
+        [&] { rights.authorization.authorizeOpenDirectory(fd, path, rights.anna, "replace this item", 60s); });
   };
   rights.identities.open(3, {.allows = [](const UserIdentity&, unsigned mode) { return mode == 3; }});
   rights.identities.open(4, {.allows = [](const UserIdentity&, unsigned) { return false; }});

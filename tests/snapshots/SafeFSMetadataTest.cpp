@@ -7,7 +7,6 @@ namespace {
 
 using sim::Fault;
 using sim::FileWorkCall;
-using testing::UnorderedElementsAre;
 
 constexpr std::uint32_t noDump = 0x40;
 
@@ -107,7 +106,7 @@ TEST_F(Copy, SaysWhichStepFailedAndLeavesTheLastTwoAside) {
         Case{FileWorkCall::flags, ""}, Case{FileWorkCall::setFlags, ""}}) {
     world.work.setFault({.fault = Fault::fail, .only = one.call, .error = EPERM});
     const std::string words = one.words;
-    EXPECT_EQ(failureOf([&] { copy(); }), words.empty() ? "" : words + " failed: Operation not permitted");
+    EXPECT_EQ(complaintOf([&] { copy(); }), words.empty() ? "" : words + " failed: Operation not permitted");
     EXPECT_TRUE(world.work.faultFired()) << words;
   }
 }

@@ -7,7 +7,6 @@ namespace {
 
 using sim::Fault;
 using sim::FileWorkCall;
-using testing::EndsWith;
 using testing::IsEmpty;
 using testing::Not;
 
@@ -22,18 +21,18 @@ TEST(SafeFS, ANameThatIsMoreOrLessThanOneIsRefusedBeforeAnyCall) {
         std::string("\xF4\x8E\xBC\xAF"), std::string("\xF4\x8E\xBD\xA1")}) {
     const std::string message = "\"" + name + "\" is not a single path component";
     const std::vector<std::string> failures{
-        failureOf([&] { SafeFS::validateComponent(name); }),
-        failureOf([&] { (void)files.openChild(name, top); }),
-        failureOf([&] { (void)files.createChild(name, top, 0700); }),
-        failureOf([&] { (void)files.ensureChild(name, top, 0700, 0, 0); }),
-        failureOf([&] { files.writeAtomically("", name, top, 0600, 0, 0); }),
-        failureOf([&] { (void)files.rename(name, top, "x", top, RenameMode::replace); }),
-        failureOf([&] { (void)files.rename("x", top, name, top, RenameMode::replace); }),
-        failureOf([&] { (void)files.lstatChild(name, top); })};
+        complaintOf([&] { SafeFS::validateComponent(name); }),
+        complaintOf([&] { (void)files.openChild(name, top); }),
+        complaintOf([&] { (void)files.createChild(name, top, 0700); }),
+        complaintOf([&] { (void)files.ensureChild(name, top, 0700, 0, 0); }),
+        complaintOf([&] { files.writeAtomically("", name, top, 0600, 0, 0); }),
+        complaintOf([&] { (void)files.rename(name, top, "x", top, RenameMode::replace); }),
+        complaintOf([&] { (void)files.rename("x", top, name, top, RenameMode::replace); }),
+        complaintOf([&] { (void)files.lstatChild(name, top); })};
     EXPECT_THAT(failures, testing::Each(message));
     files.removeTree(name, top);
   }
-  EXPECT_THAT(failureOf([&] { (void)files.openParent("/a/.."); }), "\"..\" is not a single path component");
+  EXPECT_THAT(complaintOf([&] { (void)files.openParent("/a/.."); }), "\"..\" is not a single path component");
   EXPECT_THAT(world.work.calls(), IsEmpty());
   for (const char* name : {"a", "...", "with blank", "\xF4\x8E\xBF\xBF"}) SafeFS::validateComponent(name);
   try {
@@ -60,8 +59,8 @@ TEST(SafeFS, APathIsSplitIntoItsParentAndItsLastName) {
               world.work.lstat(world.path(one.parent.empty() ? "." : one.parent))->inode)
         << one.path;
   }
-  EXPECT_EQ(failureOf([&] { (void)world.files.openParent("/"); }), "\"/\" is not a single path component");
-  EXPECT_EQ(failureOf([&] { (void)world.files.openParent("bare"); }),
+  EXPECT_EQ(complaintOf([&] { (void)world.files.openParent("/"); }), "\"/\" is not a single path component");
+  EXPECT_EQ(complaintOf([&] { (void)world.files.openParent("bare"); }),
             "open directory \"\" failed: No such file or directory");
 }
 
@@ -142,11 +141,11 @@ TEST(SafeFS, AChildThatIsALinkIsNeverOpened) {
   world.link("directory", "link");
   const SafeFS::Directory top = world.top();
   EXPECT_EQ(world.files.openChild("directory", top).fd() >= 0, true);
-  EXPECT_EQ(failureOf([&] { (void)world.files.openChild("link", top); }),
+  EXPECT_EQ(complaintOf([&] { (void)world.files.openChild("link", top); }),
             "open directory \"link\" failed: Too many levels of symbolic links");
-  EXPECT_EQ(failureOf([&] { (void)world.files.openChild("file", top); }),
+  EXPECT_EQ(complaintOf([&] { (void)world.files.openChild("file", top); }),
             "open directory \"file\" failed: Not a directory");
-  EXPECT_EQ(failureOf([&] { (void)world.files.createChild("directory", top, 0700); }),
+  EXPECT_EQ(complaintOf([&] { (void)world.files.createChild("directory", top, 0700); }),
             "create directory \"directory\" failed: File exists");
 }
 
@@ -186,7 +185,7 @@ TEST(SafeFS, EnsureChildBearsAnotherHand) {
       std::filesystem::remove(world.path("n"));
       if (!removes) world.makeDirectory("n");
     });
-    const std::string failure = failureOf([&] { (void)world.files.ensureChild("n", top, 0700, 0, 0); });
+    const std::string failure = complaintOf([&] { (void)world.files.ensureChild("n", top, 0700, 0, 0); });
     EXPECT_EQ(failure, removes ? "" : "replace non-directory at \"n\" failed: Is a directory");
     EXPECT_EQ(world.tree(), "n/");
   }
@@ -203,7 +202,7 @@ TEST(SafeFS, OpenCreatingAsksAboutTheDeepestLevelBeforeItMakesTheOthers) {
       EXPECT_EQ(world.files.statDirectory(found)->inode, deepest);
       throw Error("test", 1, "not here");
     };
-    EXPECT_EQ(failureOf([&] { (void)world.files.openCreating(path, 0750, refuse); }), "not here");
+    EXPECT_EQ(complaintOf([&] { (void)world.files.openCreating(path, 0750, refuse); }), "not here");
     EXPECT_EQ(world.tree("a"), "b/");
     int asked = 0;
     const SafeFS::Directory made = world.files.openCreating(path, 0750, [&](const SafeFS::Directory&) { ++asked; });
@@ -212,7 +211,7 @@ TEST(SafeFS, OpenCreatingAsksAboutTheDeepestLevelBeforeItMakesTheOthers) {
     EXPECT_EQ(world.files.statDirectory(made)->inode, world.work.lstat(world.path("a/b/c/d"))->inode);
     EXPECT_EQ(world.files.statDirectory(made)->mode, 0750U);
     const std::string again =
-        failureOf([&] { (void)world.files.openCreating(path, 0700, [](const SafeFS::Directory&) {}); });
+        complaintOf([&] { (void)world.files.openCreating(path, 0700, [](const SafeFS::Directory&) {}); });
     EXPECT_EQ(again, "");
     std::filesystem::remove_all(world.path("a/b/c"));
   }
@@ -236,7 +235,7 @@ TEST(SafeFS, OpenCreatingRefusesWhatItCannotMake) {
            {world.path("file/x"), "open directory \"" + world.path("file") + "\" failed: Not a directory"},
            {world.path("dangling/x"), "open directory \"" + world.path("dangling") + "\"" + missing},
            {world.path("no/../x"), "\"..\" is not a single path component"}}) {
-    EXPECT_EQ(failureOf([&] { (void)world.files.openCreating(one.path, 0755, [](const auto&) {}); }), one.failure);
+    EXPECT_EQ(complaintOf([&] { (void)world.files.openCreating(one.path, 0755, [](const auto&) {}); }), one.failure);
   }
   // What was made before a later level failed stays.
   EXPECT_EQ(world.tree(), "dangling@ file no/");
@@ -244,7 +243,7 @@ TEST(SafeFS, OpenCreatingRefusesWhatItCannotMake) {
   world.work.beforeEach([&](FileWorkCall call) {
     if (call == FileWorkCall::mkdirat) world.link("/etc", "trap");
   });
-  EXPECT_EQ(failureOf([&] { (void)world.files.openCreating(world.path("trap/x"), 0755, [](const auto&) {}); }),
+  EXPECT_EQ(complaintOf([&] { (void)world.files.openCreating(world.path("trap/x"), 0755, [](const auto&) {}); }),
             "open directory \"trap\" failed: Too many levels of symbolic links");
 }
 

@@ -10,6 +10,7 @@
 #include "platform/sim/SimFileWork.h"
 #include "platform/sim/SimThisProcess.h"
 #include "snapshots/SafeFS.h"
+#include "tests/base/Failures.h"
 
 namespace quillmark {
 
@@ -50,16 +51,5 @@ class SafeFSWorld final {
     return all;
   }
 };
-
-// What an operation fails with, as text; empty when it doesn't.
-template <class Operation>
-std::string failureOf(Operation operation) {
-  try {
-    operation();
-  } catch (const Error& error) {
-    return error.description();
-  }
-  return {};
-}
 
 }  // namespace quillmark

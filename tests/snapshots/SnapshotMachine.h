@@ -9,12 +9,11 @@
 
 #include <optional>
 
+#include "SimDiskutil.h"
 #include "platform/Files.h"
-#include "platform/PropertyList.h"
-#include "platform/sim/SimPlatform.h"
-#include "platform/sim/SimVolumes.h"
 #include "platform/sim/Simulation.h"
 #include "snapshots/APFSManager.h"
+#include "tests/base/Failures.h"
 
 namespace quillmark {
 
@@ -43,17 +42,6 @@ class SnapshotMachine {
   void remove(const std::string& name) { ASSERT_TRUE(volumes.removeSnapshot(uuid, name)); }
   [[nodiscard]] std::size_t diskutilRuns() const { return processes.launches().size(); }
 
-  // The error that the work throws.
-  [[nodiscard]] static Error failureOf(FunctionRef<void()> work) {
-    try {
-      work();
-    } catch (const Error& error) {
-      return error;
-    }
-    ADD_FAILURE() << "nothing was thrown";
-    return Error("", 0, "");
-  }
-
   const SnapshotIdentity::FileIds fileIds;
   const Uuid uuid = *Uuid::parse("00112233-4455-6677-8899-aabbccddeeff");
   sim::Simulation simulation{{.seed = 11}};
@@ -79,13 +67,7 @@ class SnapshotMachine {
   sim::SimProgram diskutil(const ProcessRequest& request) {
     EXPECT_THAT(request.arguments, ::testing::ElementsAre("apfs", "listSnapshots", "-plist", "disk1s1"));
     if (beforeDiskutil) beforeDiskutil();
-    PropertyArray entries;
-    for (const sim::SimSnapshot& snapshot : volumes.snapshots(uuid)) {
-      entries.push_back(PropertyList(PropertyDictionary{{"SnapshotName", PropertyList(snapshot.name)},
-                                                        {"SnapshotXID", PropertyList(snapshot.xid.value)}}));
-    }
-    const std::string truth =
-        propertyLists.write(PropertyList(PropertyDictionary{{"Snapshots", PropertyList(std::move(entries))}}));
+    const std::string truth = snapshotsAsDiskutilListsThem(volumes, propertyLists, request.arguments.back());
     return diskutilScript ? diskutilScript(truth) : sim::SimProgram{.output = truth};
   }
 };

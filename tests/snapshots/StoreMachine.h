@@ -13,7 +13,6 @@
 #include <set>
 #include <string>
 
-#include "base/Error.h"
 #include "platform/Files.h"
 #include "platform/linux/Random.h"
 #include "platform/linux/Threads.h"
@@ -23,6 +22,7 @@
 #include "snapshots/SnapshotNamePersistence.h"
 #include "snapshots/SnapshotTagStore.h"
 #include "snapshots/VolumeProtectionStore.h"
+#include "tests/base/Failures.h"
 
 namespace quillmark {
 
@@ -58,6 +58,12 @@ class StoreLife {
   bool unprotect(std::uint64_t xid, const VolumeInfo& volume = data) { return setProtected(xid, false, volume); }
   bool setProtected(std::uint64_t xid, bool isProtected, const VolumeInfo& volume) {
     return protection.setProtected(volume, isProtected, [&] { return std::optional(Xid{xid}); });
+  }
+  void forget(std::uint64_t xid, const VolumeInfo& volume = data) {
+    protection.lock()->forgetDeleted(volume, Xid{xid});
+  }
+  void migrate(const std::map<std::uint64_t, Xid>& moves, const VolumeInfo& volume = data) {
+    protection.migrateIdentities(volume, moves);
   }
   [[nodiscard]] Numbers protectedXids(const VolumeInfo& volume = data) {
     Numbers numbers;
@@ -100,16 +106,6 @@ class StoreLife {
   SnapshotTagStore tags{threads, posix, random, attributes, paths};
   SnapshotNamePersistence names{threads, posix, random, log, paths};
 };
-
-// The description of the error that the work throws; "nothing" when it throws none.
-[[nodiscard]] inline std::string complaintOf(FunctionRef<void()> work) {
-  try {
-    work();
-  } catch (const Error& error) {
-    return error.description();
-  }
-  return "nothing";
-}
 
 // Complains of what a failed replacement left in the state directory.
 [[nodiscard]] inline std::string leftovers(StoreLife& life) {

@@ -27,14 +27,11 @@ struct Inventory {
   VolumeService service{machine.life.dispatch(), machine.disks,         machine.calls,
                         machine.processes,       machine.propertyLists, machine.paths};
   std::vector<std::string> runs;
-  std::string list =
-      "<plist><dict><key>Containers</key><array><dict><key>ContainerReference</key><string>disk1</string><key>Volumes</"
-      "key>"
-      "<array><dict><key>DeviceIdentifier</key><string>disk1s1</string><key>CapacityInUse</key><integer>700</integer></"
-      "dict>"
-      "<dict><key>DeviceIdentifier</key><string>disk1s2</string><key>CapacityInUse</key><integer>50</integer></dict></"
-      "array>"
-      "</dict></array></dict></plist>";
+  std::string list = R"(<plist><dict><key>Containers</key><array><dict>
+    <key>ContainerReference</key><string>disk1</string><key>Volumes</key><array>
+    <dict><key>DeviceIdentifier</key><string>disk1s1</string><key>CapacityInUse</key><integer>700</integer></dict>
+    <dict><key>DeviceIdentifier</key><string>disk1s2</string><key>CapacityInUse</key><integer>50</integer></dict>
+    </array></dict></array></dict></plist>)";
   std::string info = "<plist><dict><key>BusProtocol</key><string>Loop</string></dict></plist>";
 };
 

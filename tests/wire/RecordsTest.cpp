@@ -6,7 +6,6 @@
 #include <random>
 
 #include "journal/HelperEvent.h"
-#include "scheduling/rules/HelperSettings.h"
 #include "scheduling/rules/SchedulePolicy.h"
 #include "snapshots/APFSVolume.h"
 #include "wire/Json.h"
@@ -110,17 +109,6 @@ TEST(Records, refuseAPolicyWithoutARequiredKeyOrWithAnUnknownCadence) {
   std::string odd = good;
   odd.replace(odd.find("[\"hourly\",2]"), 12, "[\"hourly\"]");
   EXPECT_THAT(complaintOf<SchedulePolicy>(odd), HasSubstr("pairs"));
-}
-
-TEST(Records, takeSettingsWithEveryKeyMissing) {
-  const auto settings = decodeJson<HelperSettings>("{}");
-  HelperSettings defaults;
-  defaults.exclusionDefaultsVersion = 0;
-  EXPECT_EQ(settings, defaults);
-  EXPECT_EQ(settings.excludedPathRules.size(), 61U);
-  EXPECT_EQ(settings.excludedDirectoryNames.size(), 9U);
-  EXPECT_EQ(decodeJson<HelperSettings>(encodeJson(HelperSettings())), HelperSettings());
-  EXPECT_NE(complaintOf<HelperSettings>(R"({"indexingMode":"half"})"), "");
 }
 
 TEST(Errors, mapEveryNumberOutsideTheTableToInternalError) {

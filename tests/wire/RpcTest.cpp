@@ -9,8 +9,6 @@
 namespace quillmark {
 namespace {
 
-using ::testing::HasSubstr;
-
 RpcFault faultOf(std::string_view line) {
   const auto decoded = decodeCall(line);
   const auto* refusal = std::get_if<RpcRefusal>(&decoded);

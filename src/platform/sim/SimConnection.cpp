@@ -33,10 +33,6 @@ SimConnection::Line SimConnection::stamped(std::string text, const Lane& lane) {
   return {std::move(text), arrival};
 }
 
-bool SimConnection::breaksNow() {
-  return setting_.options.dropOneIn > 0 && draws_.below(setting_.options.dropOneIn) == 0;
-}
-
 void SimConnection::start(Callbacks callbacks) {
   callbacks_ = std::move(callbacks);
   started_ = true;
@@ -47,7 +43,6 @@ void SimConnection::start(Callbacks callbacks) {
 void SimConnection::send(std::string line) {
   if (over_ || closing_) return;
   if (line.size() > setting_.options.limits.maxReplyBytes) return end(CloseReason::lineTooLong);
-  if (breaksNow()) return end(CloseReason::peerClosed);
   if (unsent_.lines.empty()) shrankAt_ = server_.clock().monotonic();
   unsent_.push(stamped(std::move(line), unsent_.lines.empty() ? toClient_ : unsent_));
   moveToClient();
@@ -152,7 +147,6 @@ void SimConnection::deliver() {
 
 void SimConnection::clientSend(std::string_view line) {
   if (!over_ && line.size() > setting_.options.limits.maxRequestBytes) end(CloseReason::lineTooLong);
-  if (!over_ && breaksNow()) end(CloseReason::peerClosed);
   MutexLock lock(clientMutex_);
   // What the server doesn't read fills the socket, and then the sender waits.
   while (!over_ && toServer_.bytes > setting_.options.socketBytes) clientChanged_.wait(clientMutex_);

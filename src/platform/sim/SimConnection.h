@@ -60,7 +60,6 @@ class SimConnection final : public TransportConnection, public std::enable_share
   };
 
   [[nodiscard]] Line stamped(std::string text, const Lane& lane);
-  [[nodiscard]] bool breaksNow();
   [[nodiscard]] bool serverReads() const { return started_ && !closing_ && pauses_ == 0 && !outboxFull_; }
   void scheduleDelivery();
   void deliver();

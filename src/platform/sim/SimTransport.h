@@ -21,7 +21,6 @@ namespace quillmark::sim {
 struct SimTransportOptions {
   TransportLimits limits = {};
   std::chrono::nanoseconds maxDelay{0};  // of each line, drawn; order is kept
-  unsigned dropOneIn = 0;                // lines after which the connection breaks; 0 is never
   std::size_t socketBytes = 208 * 1024;
 };
 
