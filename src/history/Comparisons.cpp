@@ -1,6 +1,7 @@
 #include "history/Comparisons.h"
 
 #include "base/HelperLog.h"
+#include "history/MemoryReturn.h"
 #include "history/NetChange.h"
 #include "history/index/Comparison.h"
 
@@ -58,7 +59,9 @@ Comparisons::Answer Comparisons::fullScan(const ComparisonRequest& request) {
                         .lowPriority = false});
   };
   const ShardedEntries a = scan(request.a);
+  MemoryReturn::Held held(services_.memory, a.count());
   const ShardedEntries b = scan(request.b);
+  held.holds(a.count() + b.count());
   Answer answer{std::make_shared<Comparison>(ofTrees(a, b, request.includeTree)), {}};
   cache_.insert(keyOf(request), answer.comparison);
   progress_.done(request.volume.key());
@@ -83,6 +86,7 @@ Comparison Comparisons::treesFromHistory(const ComparisonRequest& request) {
   if (before.isEmpty() || after.isEmpty()) {
     throw historyError("Snapshot history does not contain both requested states");
   }
+  const MemoryReturn::Held held(services_.memory, before.count() + after.count());
   return ofTrees(before, after, true);
 }
 
@@ -105,7 +109,9 @@ Comparisons::Answer Comparisons::fallback(const ComparisonRequest& request) {
     return scanned.tree;
   };
   const auto a = treeOf(request.a);
+  MemoryReturn::Held held(services_.memory, a->count());
   const auto b = treeOf(request.b);
+  held.holds(a->count() + b->count());
   answer.comparison = std::make_shared<Comparison>(ofTrees(*a, *b, request.includeTree));
   cache_.insert(keyOf(request), answer.comparison);
   progress_.done(volume);

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <utility>
 
 #include "history/ContentWitness.h"
 #include "history/Retries.h"
@@ -20,6 +21,9 @@ bool allowsNames(int code) {
 }
 
 bool isDenial(int code) { return isOneOf(code, {EPERM, EINTR, EACCES, ENAMETOOLONG}); }
+
+// Between two looks at whether the walk is to end.
+constexpr std::size_t recordsPerLook = 4096;
 
 unsigned workerCount(const ScanRequest& request, DirectoryReader& reader) {
   if (!request.parallel) return 1;
@@ -69,21 +73,12 @@ void DirectoryWalk::work() {
 
 void DirectoryWalk::workThroughFrames() {
   ScanCollector::Entries entries;
-  DirectoryRecords records;
+  Batch batch;
   while (const std::optional<Frame> frame = nextFrame()) {
     std::vector<Frame> found;
     try {
-      enumerate(frame->path, records);
-      const ScanParent parent{frame->path, frame->inode};
-      for (std::size_t i = 0; i < records.size(); ++i) {
-        const auto [name, facts] = records[i];
-        if (collector_.take(entries, parent, name, facts)) {
-          found.push_back({frame->path + "/" + std::string(name), facts.inode});
-        }
-        // One thread alone can tell each step; several tell theirs a directory at a time.
-        if (!request_.parallel) collector_.count(entries);
-      }
-      collector_.count(entries);
+      enumerate(frame->path, batch);
+      handIn(*frame, batch.records, entries, found);
     } catch (const std::exception& exception) {
       fail(asError(exception));
       found.clear();
@@ -91,6 +86,23 @@ void DirectoryWalk::workThroughFrames() {
     finishFrame(std::move(found));
   }
   mergeEntries(std::move(entries));
+}
+
+// A directory that was found takes about as much as is counted for its entry: the path of each counts as a whole there.
+void DirectoryWalk::handIn(const Frame& frame, const DirectoryRecords& records, ScanCollector::Entries& entries,
+                           std::vector<Frame>& found) {
+  const ScanParent parent{frame.path, frame.inode};
+  for (std::size_t i = 0; i < records.size(); ++i) {
+    const auto [name, facts] = records[i];
+    if (collector_.take(entries, parent, name, facts)) {
+      found.push_back({frame.path + "/" + std::string(name), facts.inode});
+    }
+    const bool looks = (i + 1) % recordsPerLook == 0;
+    // One thread alone can tell each step; several tell theirs a directory at a time.
+    if (!request_.parallel || looks) collector_.count(entries);
+    if (looks && collector_.isCancelled()) throw posixError("scan", request_.root, ECANCELED);
+  }
+  collector_.count(entries);
 }
 
 std::optional<DirectoryWalk::Frame> DirectoryWalk::nextFrame() {
@@ -122,17 +134,17 @@ void DirectoryWalk::mergeEntries(ScanCollector::Entries entries) {
   splice(buckets_, std::move(entries.buckets));
 }
 
-void DirectoryWalk::enumerate(const std::string& path, DirectoryRecords& into) {
-  into.clear();
+void DirectoryWalk::enumerate(const std::string& path, Batch& into) {
+  into.records.clear();
   std::optional<Failure> failed = readInBulk(path, into);
   if (failed && allowsNames(failed->code)) {
     stats_.addBulkFallback();
-    into.clear();
+    into.records.clear();
     failed = readByNames(path, into);
   }
   if (!failed) return;
   if (path.empty() || !isForgiven(path, failed->code)) throw Error(failed->error);
-  into.clear();
+  into.records.clear();
 }
 
 bool DirectoryWalk::isForgiven(const std::string& path, int code) {
@@ -150,11 +162,12 @@ bool DirectoryWalk::isForgiven(const std::string& path, int code) {
   return true;
 }
 
-std::optional<DirectoryWalk::Failure> DirectoryWalk::readInBulk(const std::string& path, DirectoryRecords& into) {
+std::optional<DirectoryWalk::Failure> DirectoryWalk::readInBulk(const std::string& path, Batch& batch) {
+  DirectoryRecords& into = batch.records;
   const auto directory = retried(dispatch_, [&] { return tree_.open(path); });
   if (!directory) return failure("open ", path, directory.error());
   for (;;) {
-    if (collector_.isCancelled()) return Failure{ECANCELED, posixError("scan", request_.root, ECANCELED)};
+    if (auto ended = mustEnd(batch)) return ended;
     std::size_t at = into.size();
     const auto more = retried(dispatch_, [&] { return (*directory)->readRecords(into); });
     if (!more && more.error() == EBADMSG) {
@@ -171,7 +184,7 @@ std::optional<DirectoryWalk::Failure> DirectoryWalk::readInBulk(const std::strin
   }
 }
 
-std::optional<DirectoryWalk::Failure> DirectoryWalk::readByNames(const std::string& path, DirectoryRecords& into) {
+std::optional<DirectoryWalk::Failure> DirectoryWalk::readByNames(const std::string& path, Batch& into) {
   const auto directory = retried(dispatch_, [&] { return tree_.opendir(path); });
   if (!directory) return failure("opendir ", path, directory.error());
   for (;;) {
@@ -179,14 +192,14 @@ std::optional<DirectoryWalk::Failure> DirectoryWalk::readByNames(const std::stri
     if (!names) return failure("readdir ", path, names.error());
     if (names->empty()) return std::nullopt;
     for (const std::string& name : *names) {
-      if (auto failed = readEntry(**directory, path, name, into)) return failed;
+      if (auto ended = mustEnd(into)) return ended;
+      if (auto failed = readEntry(**directory, path, name, into.records)) return failed;
     }
   }
 }
 
 std::optional<DirectoryWalk::Failure> DirectoryWalk::readEntry(OpenDirectory& directory, const std::string& path,
                                                                const std::string& name, DirectoryRecords& into) {
-  if (collector_.isCancelled()) return Failure{ECANCELED, posixError("scan", request_.root, ECANCELED)};
   auto facts = retried(dispatch_, [&] { return directory.lstat(name); });
   if (facts) {
     if (facts->type == FileType::regular) facts->generation = contentWitness(directory, name, *facts);
@@ -198,6 +211,13 @@ std::optional<DirectoryWalk::Failure> DirectoryWalk::readEntry(OpenDirectory& di
   if (!toleratesDenial || !isDenial(facts.error())) return failure("lstat ", path + "/" + name, facts.error());
   stats_.addDeniedEntry(absolute(path + "/" + name));
   return std::nullopt;
+}
+
+std::optional<DirectoryWalk::Failure> DirectoryWalk::mustEnd(Batch& batch) {
+  const std::size_t bytes = batch.records.memoryBytes();
+  if (bytes > batch.counted) collector_.working().take(bytes - std::exchange(batch.counted, bytes));
+  if (!collector_.isCancelled()) return std::nullopt;
+  return Failure{ECANCELED, posixError("scan", request_.root, ECANCELED)};
 }
 
 std::string DirectoryWalk::absolute(const std::string& path) const {

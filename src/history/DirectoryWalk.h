@@ -31,6 +31,11 @@ class DirectoryWalk final {
     std::string path;  // within the tree
     std::uint64_t inode = 0;
   };
+  // What one thread reads, of one directory after the other.
+  struct Batch {
+    DirectoryRecords records;
+    std::size_t counted = 0;  // of the memory they take
+  };
   struct Failure {
     int code = 0;  // errno; 0 for what is no failed call
     Error error;
@@ -38,18 +43,23 @@ class DirectoryWalk final {
 
   void work();
   void workThroughFrames();
+  // Adds the directories that are to be read next. Throws Error.
+  void handIn(const Frame& frame, const DirectoryRecords& records, ScanCollector::Entries& entries,
+              std::vector<Frame>& found);
   [[nodiscard]] std::optional<Frame> nextFrame() EXCLUDES(mutex_);
   void finishFrame(std::vector<Frame> found) EXCLUDES(mutex_);
   void fail(Error error) EXCLUDES(mutex_);
   void mergeEntries(ScanCollector::Entries entries) EXCLUDES(mutex_);
 
-  // What is below the directory; nothing for one that is put up with. Throws Error.
-  void enumerate(const std::string& path, DirectoryRecords& into);
-  [[nodiscard]] std::optional<Failure> readInBulk(const std::string& path, DirectoryRecords& into);
-  [[nodiscard]] std::optional<Failure> readByNames(const std::string& path, DirectoryRecords& into);
+  // Puts what is below the directory into the records; nothing for one that is put up with. Throws Error.
+  void enumerate(const std::string& path, Batch& into);
+  [[nodiscard]] std::optional<Failure> readInBulk(const std::string& path, Batch& into);
+  [[nodiscard]] std::optional<Failure> readByNames(const std::string& path, Batch& into);
   // Nothing for an entry that is put up with, too.
   [[nodiscard]] std::optional<Failure> readEntry(OpenDirectory& directory, const std::string& path,
                                                  const std::string& name, DirectoryRecords& into);
+  // Some directories never end: asked before each part of one.
+  [[nodiscard]] std::optional<Failure> mustEnd(Batch& batch);
   // Whether a directory below the root that fails so counts as empty.
   [[nodiscard]] bool isForgiven(const std::string& path, int code);
   [[nodiscard]] std::string absolute(const std::string& path) const;

@@ -18,7 +18,7 @@ class FullScanChanges final : public HeadChanges {
                                                             .lowPriority = job.lowPriority,
                                                             .yields = true,
                                                             .lastChange = &lastChange});
-    return {store_.computeDelta(job.volume.key(), tree), tree.count(), lastChange};
+    return {store_.computeDelta(job.volume.key(), tree), tree.count(), lastChange, tree.claim()};
   }
 
  private:

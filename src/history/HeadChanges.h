@@ -5,6 +5,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <memory>
 
 #include "history/SnapshotHistoryStore.h"
 #include "snapshots/VolumeInfo.h"
@@ -21,8 +22,9 @@ class HeadChanges {
  public:
   struct Found {
     HistoryDelta delta;
-    std::size_t entries = 0;       // of the snapshot's tree
-    std::uint64_t lastChange = 0;  // of the snapshot (SnapshotCalls.h), as it was before it was looked at
+    std::size_t entries = 0;                 // of the snapshot's tree
+    std::uint64_t lastChange = 0;            // of the snapshot (SnapshotCalls.h), as it was before it was looked at
+    std::shared_ptr<TreeClaim> memory = {};  // that the delta takes
   };
   virtual ~HeadChanges() = default;
   [[nodiscard]] virtual Found since(Xid head, const IndexJob& job) = 0;

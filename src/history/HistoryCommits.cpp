@@ -11,6 +11,27 @@ namespace {
 using SnapshotIndex::EntryView;
 using SnapshotIndex::Facts;
 
+// What lies beside a tree counts with it.
+class DeltaMemory final {
+ public:
+  explicit DeltaMemory(TreeClaim* claim) : claim_(claim) {}
+
+  void added(const HistoryDelta& delta) {
+    paths_ += delta.back().path.capacity();
+    if (delta.size() % changesPerCount == 0) count(delta);
+  }
+  void count(const HistoryDelta& delta) {
+    const std::size_t bytes = delta.capacity() * sizeof(HistoryChange) + paths_;
+    const bool fits = !claim_ || claim_->take(bytes - std::exchange(counted_, bytes));
+    if (!fits) throw historyError("What changed takes too much memory");
+  }
+
+ private:
+  static constexpr std::size_t changesPerCount = 4096;
+  TreeClaim* const claim_;
+  std::size_t paths_ = 0, counted_ = 0;
+};
+
 bool isEmpty(HistoryConnection& connection, HistoryTree tree) {
   HistoryStatement row = connection.prepare("SELECT NOT EXISTS(SELECT 1 FROM " + historyTreeTable(tree) + ")");
   return row.next() && row.integer(0) == 1;
@@ -133,18 +154,24 @@ HistoryDelta computeHistoryDelta(HistoryConnection& connection, const VolumeUuid
   const auto scanned = tree.byPath();
   std::optional<EntryView> before = head.next(), after = scanned->next();
   HistoryDelta delta;
+  DeltaMemory memory(tree.claim().get());
+  const auto add = [&](HistoryChange change) {
+    delta.push_back(std::move(change));
+    memory.added(delta);
+  };
   while (before || after) {
     const int order = !before ? 1 : !after ? -1 : before->path.compare(after->path);
     if (order < 0) {
-      delta.push_back({std::string(before->path), *before, std::nullopt});
+      add({std::string(before->path), *before, std::nullopt});
     } else if (order > 0) {
-      delta.push_back({std::string(after->path), std::nullopt, *after});
+      add({std::string(after->path), std::nullopt, *after});
     } else if (static_cast<const Facts&>(*before) != *after) {
-      delta.push_back({std::string(after->path), *before, *after});
+      add({std::string(after->path), *before, *after});
     }
     if (order <= 0) before = head.next();
     if (order >= 0) after = scanned->next();
   }
+  memory.count(delta);
   return delta;
 }
 

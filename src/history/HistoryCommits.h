@@ -13,7 +13,7 @@ void commitHistoryBaseline(HistoryConnection& connection, const VolumeUuid& volu
                            const SnapshotIndex::ShardedEntries& entries);
 void commitHistoryDelta(HistoryConnection& connection, const VolumeUuid& volume, Xid expectedHead, Xid xid,
                         const HistoryDelta& delta);
-// What the tree changes against the head. Takes memory for what differs, not for the tree.
+// What the tree changes against the head. Takes memory for what differs, not for the tree; it counts with the tree's.
 [[nodiscard]] HistoryDelta computeHistoryDelta(HistoryConnection& connection, const VolumeUuid& volume,
                                                const SnapshotIndex::ShardedEntries& tree);
 

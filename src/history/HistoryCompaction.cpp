@@ -21,9 +21,28 @@ constexpr std::array tablesOfVolumes{std::pair{"baseline_nodes", "volume_uuid"},
                                      std::pair{"snapshot_changes", "volume_uuid"},
                                      std::pair{"volumes", "uuid"}};
 
+enum class How {
+  stepwise,   // each step is a transaction of its own; the head waits for the pending snapshot that will succeed it
+  inOnePiece  // inside the caller's transaction; pending snapshots don't count, and stay
+};
+
+class StepTransaction final {
+ public:
+  StepTransaction(HistoryConnection& connection, How how) {
+    if (how == How::stepwise) own_.emplace(connection);
+  }
+  void commit() {
+    if (own_) own_->commit();
+  }
+
+ private:
+  std::optional<HistoryTransaction> own_;
+};
+
 class Compaction final {
  public:
-  Compaction(HistoryConnection& connection, const VolumeUuid& volume) : connection_(connection), volume_(volume) {}
+  Compaction(HistoryConnection& connection, const VolumeUuid& volume, How how)
+      : connection_(connection), volume_(volume), how_(how) {}
 
   // Throws the mismatch error when the chain contradicts itself.
   void run() {
@@ -40,6 +59,14 @@ class Compaction final {
     if (!holds) {
       throw Error(std::string(snapshotHistoryDomain), invariantFailed,
                   "Snapshot history metadata invariant failed for volume " + volume_.text());
+    }
+  }
+
+  void discardVolume() {
+    if (how_ == How::inOnePiece) {
+      restartHistoryVolume(connection_, volume_);
+    } else {
+      dropHistoryVolume(connection_, volume_);
     }
   }
 
@@ -77,10 +104,10 @@ class Compaction final {
     const std::optional<Xid> next = find(
         "SELECT xid FROM snapshots WHERE volume_uuid=? AND xid>? AND state='ready' ORDER BY xid LIMIT 1", baseline);
     if (!next) {
-      if (!hasSnapshots()) dropHistoryVolume(connection_, volume_);
+      if (how_ == How::inOnePiece || !hasSnapshots()) discardVolume();
       return false;
     }
-    HistoryTransaction transaction(connection_);
+    StepTransaction transaction(connection_, how_);
     for (const Xid xid : changedXids(baseline, *next)) moveBaselineOver(xid);
     run("DELETE FROM changes WHERE volume_uuid=? AND xid<=?", volume_, *next);
     run("UPDATE volumes SET baseline_xid=? WHERE uuid=?", *next, volume_);
@@ -110,7 +137,7 @@ class Compaction final {
 
   // The transition of `deleted` becomes part of the later one, if both tell the same story.
   void merge(Xid deleted, Xid next) {
-    HistoryTransaction transaction(connection_);
+    StepTransaction transaction(connection_, how_);
     requireSameStory(deleted, next);
     run("UPDATE changes SET xid=?3 WHERE volume_uuid=?1 AND xid=?2 AND NOT EXISTS"
         " (SELECT 1 FROM changes AS n WHERE n.volume_uuid=?1 AND n.xid=?3 AND n.path=changes.path)",
@@ -150,14 +177,14 @@ class Compaction final {
 
   // The head's transition stays while a pending snapshot will succeed it.
   bool stepHeadBack(Xid head, Xid baseline) {
-    if (find("SELECT xid FROM snapshots WHERE volume_uuid=? AND xid>? AND state='pending' LIMIT 1", head)) return false;
+    if (how_ == How::stepwise && isWaitedFor(head)) return false;
     const std::optional<Xid> previous = find(
         "SELECT xid FROM snapshots WHERE volume_uuid=? AND xid<? AND state='ready' ORDER BY xid DESC LIMIT 1", head);
     if (!previous || *previous < baseline) {
-      dropHistoryVolume(connection_, volume_);
+      discardVolume();
       return false;
     }
-    HistoryTransaction transaction(connection_);
+    StepTransaction transaction(connection_, how_);
     run("DELETE FROM head_nodes WHERE volume_uuid=?1 AND path IN"
         " (SELECT path FROM changes WHERE volume_uuid=?1 AND xid=?2 AND before_type IS NULL)",
         volume_, head);
@@ -193,34 +220,35 @@ class Compaction final {
   std::optional<Xid> readyEnd(const std::string& function) {
     return find("SELECT " + function + "(xid) FROM snapshots WHERE volume_uuid=? AND state='ready'");
   }
+  bool isWaitedFor(Xid head) {
+    return find("SELECT xid FROM snapshots WHERE volume_uuid=? AND xid>? AND state='pending' LIMIT 1", head)
+        .has_value();
+  }
   bool hasSnapshots() { return find("SELECT xid FROM snapshots WHERE volume_uuid=? LIMIT 1").has_value(); }
 
   HistoryConnection& connection_;
   const VolumeUuid& volume_;
+  const How how_;
 };
 
-}  // namespace
-
-void markHistoryDeletions(HistoryConnection& connection, const VolumeUuid& volume, const std::vector<Xid>& xids) {
-  HistoryTransaction transaction(connection);
+void markDeleted(HistoryConnection& connection, const VolumeUuid& volume, const std::vector<Xid>& xids) {
   for (const Xid xid : xids) {
     connection.prepare("INSERT OR IGNORE INTO history_deletions(volume_uuid,xid) VALUES(?,?)").runWith(volume, xid);
     for (const char* table : {"snapshots", "snapshot_changes"}) {
       connection.prepare("DELETE FROM " + std::string(table) + " WHERE volume_uuid=? AND xid=?").runWith(volume, xid);
     }
   }
-  transaction.commit();
 }
 
-void compactHistoryVolume(HistoryConnection& connection, HelperLog& log, const VolumeUuid& volume) {
-  Compaction compaction(connection, volume);
+void compact(HistoryConnection& connection, HelperLog& log, const VolumeUuid& volume, How how) {
+  Compaction compaction(connection, volume, how);
   try {
     compaction.run();
   } catch (const Error& error) {
     if (error.code() != transitionMismatch) throw;
     log.error("history: transition mismatch while compacting " + volume.text() +
               "; dropping volume history for rebuild (" + error.description() + ")");
-    dropHistoryVolume(connection, volume);
+    compaction.discardVolume();
   }
   try {
     compaction.testInvariant();
@@ -228,8 +256,26 @@ void compactHistoryVolume(HistoryConnection& connection, HelperLog& log, const V
     if (error.code() != invariantFailed) throw;
     log.error("history: metadata invariant failed for " + volume.text() + "; dropping volume history for rebuild (" +
               error.description() + ")");
-    dropHistoryVolume(connection, volume);
+    compaction.discardVolume();
   }
+}
+
+}  // namespace
+
+void markHistoryDeletions(HistoryConnection& connection, const VolumeUuid& volume, const std::vector<Xid>& xids) {
+  HistoryTransaction transaction(connection);
+  markDeleted(connection, volume, xids);
+  transaction.commit();
+}
+
+void compactHistoryVolume(HistoryConnection& connection, HelperLog& log, const VolumeUuid& volume) {
+  compact(connection, log, volume, How::stepwise);
+}
+
+void withdrawFromHistory(HistoryConnection& connection, HelperLog& log, const VolumeUuid& volume,
+                         const std::vector<Xid>& xids) {
+  markDeleted(connection, volume, xids);
+  compact(connection, log, volume, How::inOnePiece);
 }
 
 void dropHistoryVolume(HistoryConnection& connection, const VolumeUuid& volume) {

@@ -16,6 +16,10 @@ namespace quillmark {
 void markHistoryDeletions(HistoryConnection& connection, const VolumeUuid& volume, const std::vector<Xid>& xids);
 // Works off the volume's marks, as far as the chain allows now, and tests what is left.
 void compactHistoryVolume(HistoryConnection& connection, HelperLog& log, const VolumeUuid& volume);
+// Both at once, inside the caller's transaction. Pending snapshots don't keep the head from stepping back, and stay
+// whatever becomes of the chain: for when none of them is being scanned.
+void withdrawFromHistory(HistoryConnection& connection, HelperLog& log, const VolumeUuid& volume,
+                         const std::vector<Xid>& xids);
 // Inside the caller's transaction: of the volume only the pending snapshots stay.
 void restartHistoryVolume(HistoryConnection& connection, const VolumeUuid& volume);
 void dropHistoryVolume(HistoryConnection& connection, const VolumeUuid& volume);

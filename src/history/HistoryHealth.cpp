@@ -22,6 +22,14 @@ std::string namesOf(const std::vector<VolumeUuid>& volumes, VolumeService& inven
   return join(items, "; ");
 }
 
+// Of a volume that isn't there nobody can do anything about it.
+std::vector<std::string> failuresOfMounted(RepairFailures& failures, VolumeService& inventory) {
+  if (failures.isEmpty()) return {};
+  std::set<VolumeUuid> mounted;
+  for (const APFSVolume& listed : inventory.listVolumes()) mounted.emplace(listed.id);
+  return failures.textsOf(mounted);
+}
+
 }  // namespace
 
 HelperSubsystemHealth historyHealth(const HistoryServices& services, const HistoryProviders& providers,
@@ -39,7 +47,7 @@ HelperSubsystemHealth historyHealth(const HistoryServices& services, const Histo
   } catch (const std::exception& failure) {
     return {unavailable, "history health query failed: " + asError(failure).description()};
   }
-  std::vector<std::string> texts = failures.texts();
+  std::vector<std::string> texts = failuresOfMounted(failures, services.volumes);
   if (providers.pendingRestoreCleanups) {
     for (const std::string& path : providers.pendingRestoreCleanups()) {
       texts.push_back("Restore cleanup pending: " + path);

@@ -12,6 +12,7 @@ class Disks;
 class Dispatch;
 class HelperLog;
 class HistoryCaches;
+class MemoryReturn;
 class MountPinRegistry;
 class PlatformLog;
 class Posix;
@@ -36,6 +37,7 @@ struct HistoryServices {
   MountPinRegistry& mountPins;
   AuditTrail& audit;
   HistoryCaches* caches = nullptr;  // absent: nothing is kept
+  MemoryReturn* memory = nullptr;   // absent: what was used stays with the process
 };
 
 }  // namespace quillmark

@@ -1,5 +1,6 @@
 #include "history/IndexProgress.h"
 
+#include <algorithm>
 #include <optional>
 
 namespace quillmark {
@@ -14,7 +15,7 @@ void IndexProgress::counted(const VolumeUuid& volume, Xid xid, std::int64_t file
   const auto progress = active_.with([&](auto& active) -> std::optional<ActiveIndexProgress> {
     const auto found = active.find(volume);
     if (found == active.end() || found->second.phase != "indexing" || found->second.snapshotXID != xid) return {};
-    found->second.filesScanned = files;
+    found->second.filesScanned = std::max(found->second.filesScanned, files);
     return found->second;
   });
   if (progress) push(*progress);

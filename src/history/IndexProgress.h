@@ -20,7 +20,8 @@ class IndexProgress final {
 
   // The volume's run is at this snapshot from now on.
   void begin(const VolumeUuid& volume, Xid xid, const std::string& phase = "indexing");
-  // Of a scan; told as long as the run is indexing that snapshot.
+  // Of a scan; told as long as the run is indexing that snapshot, and never less than before: a scan tells some of what
+  // turns out to be excluded.
   void counted(const VolumeUuid& volume, Xid xid, std::int64_t files);
   void remove(const VolumeUuid& volume);
   void done(const VolumeUuid& volume);

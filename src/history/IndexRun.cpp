@@ -5,6 +5,7 @@
 #include <algorithm>
 
 #include "base/HelperLog.h"
+#include "history/MemoryReturn.h"
 #include "snapshots/APFSManager.h"
 #include "wire/QuillmarkError.h"
 
@@ -73,24 +74,27 @@ void IndexRun::recordFailure(const VolumeInfo& volume, const Error& failure) {
 }
 
 void IndexRun::indexPending(const VolumeInfo& volume, Forced forced) {
+  std::set<Xid> gone;
   while (true) {
     try {
       return indexOnce(volume, forced);
     } catch (const Error& failure) {
       // Whoever wanted the snapshot deletes it or mounts it; either way what is left goes on.
-      const bool goesOn = HistoryWork::isClaim(failure) ? mayResume(volume) : isOfGone(volume, failure);
+      const bool goesOn = HistoryWork::isClaim(failure) ? mayResume(volume) : isOfGone(volume, failure, gone);
       if (!goesOn) throw;
     }
   }
 }
 
-bool IndexRun::isOfGone(const VolumeInfo& volume, const Error& failure) {
-  if (HistoryWork::isCancellation(failure)) return false;
+bool IndexRun::isOfGone(const VolumeInfo& volume, const Error& failure, std::set<Xid>& known) {
+  if (work_.isStopped() || HistoryWork::isCancellation(failure)) return false;
   try {
     const std::set<Xid> onDisk = xidsOnDisk(volume);
-    const std::vector<StoredSnapshot> pending = store_.pendingSnapshots(volume.key());
-    return std::any_of(pending.begin(), pending.end(),
-                       [&](const StoredSnapshot& snapshot) { return !onDisk.contains(snapshot.xid); });
+    bool isNews = false;
+    for (const StoredSnapshot& snapshot : store_.pendingSnapshots(volume.key())) {
+      if (!onDisk.contains(snapshot.xid) && known.insert(snapshot.xid).second) isNews = true;
+    }
+    return isNews;
   } catch (const Error&) {
     return false;
   }
@@ -173,6 +177,7 @@ void IndexRun::buildBaseline(const IndexJob& job) {
                                                           .lowPriority = job.lowPriority,
                                                           .yields = true,
                                                           .lastChange = &lastChange});
+  const MemoryReturn::Held held(services_.memory, tree.count());
   store_.noteChange(volume, job.snapshot.xid, lastChange);
   store_.commitBaseline(volume, job.snapshot, tree);
   progress_.remove(volume);
@@ -209,6 +214,7 @@ void IndexRun::addDelta(const IndexJob& job, Xid head) {
   progress_.begin(volume, job.snapshot.xid);
   store_.setVolumeState(volume, rebuilding);
   const HeadChanges::Found found = changes_.since(head, job);
+  const MemoryReturn::Held held(services_.memory, found.entries + found.delta.size());
   store_.noteChange(volume, job.snapshot.xid, found.lastChange);
   store_.commitDelta(volume, head, job.snapshot, found.delta);
   progress_.remove(volume);

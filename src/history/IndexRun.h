@@ -35,8 +35,9 @@ class IndexRun final {
   void indexOnce(const VolumeInfo& volume, Forced forced);
   // After a scan that gave its snapshot away: false when it is time to end.
   [[nodiscard]] bool mayResume(const VolumeInfo& volume);
-  // Whether a pending snapshot was deleted since the run listed them: the next attempt forgets it.
-  [[nodiscard]] bool isOfGone(const VolumeInfo& volume, const Error& failure);
+  // Whether a pending snapshot was deleted since the run listed them: the next attempt forgets it. Not when that is known
+  // already: an attempt that couldn't forget it fails for good.
+  [[nodiscard]] bool isOfGone(const VolumeInfo& volume, const Error& failure, std::set<Xid>& known);
   [[nodiscard]] std::set<Xid> xidsOnDisk(const VolumeInfo& volume);
   // Without those that are no longer on disk.
   [[nodiscard]] std::vector<StoredSnapshot> pendingOnDisk(const VolumeInfo& volume);

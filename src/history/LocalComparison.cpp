@@ -5,6 +5,7 @@
 #include <map>
 
 #include "base/HelperLog.h"
+#include "history/MemoryReturn.h"
 #include "history/Retries.h"
 #include "history/SnapshotScanner.h"
 #include "history/index/Comparison.h"
@@ -90,11 +91,11 @@ struct LocalComparisons::Scan {
                                      .rules = request.rules,
                                      .baseComponents = request.baseComponents,
                                      .tolerant = true,
-                                     .progress = {},
+                                     .progress = [this](std::uint64_t read) { entries = read; },
                                      .isCancelled = [this] { return ++beats, isCancelled.load(); }} {}
 
-  void read(Dispatch& dispatch, DirectoryReader& directories, Posix& posix, ThreadIdentity& identities,
-            HelperLog& log) {
+  void read(Dispatch& dispatch, DirectoryReader& directories, Posix& posix, ThreadIdentity& identities, HelperLog& log,
+            const std::shared_ptr<TreeMemory>& memory) {
     const auto opened =
         retried(dispatch, [&] { return item ? directories.openItem(item->fd()) : directories.openTree(scan.root); });
     if (!opened) {
@@ -106,7 +107,7 @@ struct LocalComparisons::Scan {
     if (user.uid != 0 && !PeerAuthorization::assume(identities, user)) throw posixError("compare", scan.root, EPERM);
     SnapshotScanner scanner(
         dispatch, directories, [&log](const std::string& text) { log.info(text); },
-        [&log](const std::string& text) { log.warn(text); });
+        [&log](const std::string& text) { log.warn(text); }, memory);
     tree = scanner.scan(scan, **opened);
   }
 
@@ -116,6 +117,7 @@ struct LocalComparisons::Scan {
   std::shared_ptr<Place> place;
   std::atomic<std::uint64_t> beats{0};
   std::atomic<bool> isCancelled{false};
+  std::atomic<std::uint64_t> entries{0};
   const ScanRequest scan;
 
   std::optional<SnapshotIndex::ShardedEntries> tree;
@@ -124,8 +126,9 @@ struct LocalComparisons::Scan {
 };
 
 LocalComparisons::LocalComparisons(Dispatch& dispatch, DirectoryReader& directories, Posix& posix,
-                                   ThreadIdentity& identities, HelperLog& log)
+                                   ThreadIdentity& identities, HelperLog& log, MemoryReturn* memory)
     : dispatch_(dispatch), directories_(directories), posix_(posix), identities_(identities), log_(log),
+      memory_(memory), treeMemory_(std::make_shared<TreeMemory>(directories.memorySize() / 8)),
       places_(std::make_shared<Places>(dispatch)) {}
 LocalComparisons::~LocalComparisons() = default;
 
@@ -139,6 +142,7 @@ Comparison LocalComparisons::compare(const Request& request) {
   const auto b = begin(request, request.b, place);
   finish(*a, *b, *place, request);
   finish(*b, *a, *place, request);
+  const MemoryReturn::Held held(memory_, a->entries + b->entries);
   for (const auto& scan : {a, b}) {
     if (scan->failure) throw Error(*scan->failure);
   }
@@ -152,9 +156,9 @@ std::shared_ptr<LocalComparisons::Scan> LocalComparisons::begin(const Request& r
                                                                 std::shared_ptr<Place> place) {
   auto scan = std::make_shared<Scan>(dispatch_, request, side, std::move(place));
   const auto work = [scan, &dispatch = dispatch_, &directories = directories_, &posix = posix_,
-                     &identities = identities_, &log = log_]() mutable {
+                     &identities = identities_, &log = log_, memory = treeMemory_]() mutable {
     try {
-      scan->read(dispatch, directories, posix, identities, log);
+      scan->read(dispatch, directories, posix, identities, log, memory);
     } catch (const std::exception& exception) {
       scan->failure = asError(exception);
     }

@@ -3,6 +3,7 @@
 // Ownership: borrows the facilities; shares what an abandoned thread touches with that thread.
 // Threads:   thread-safe; blocks while both are read, and until there is room: one at a time for a user and two in all, for
 //            both trees are in memory meanwhile.
+// Memory:    an eighth of the machine's for the trees of all, so that nobody can keep the history from reading its own.
 // Errors:    throws Error of the scanner; ECANCELED once the asker is gone; insufficientPrivileges for what stopped
 //            answering. Its threads are left alone then, and until they come back its user has no second one.
 #pragma once
@@ -22,8 +23,10 @@ namespace quillmark {
 class DirectoryReader;
 class Dispatch;
 class HelperLog;
+class MemoryReturn;
 class Posix;
 class ThreadIdentity;
+class TreeMemory;
 
 class LocalComparisons final {
  public:
@@ -40,7 +43,7 @@ class LocalComparisons final {
   };
 
   LocalComparisons(Dispatch& dispatch, DirectoryReader& directories, Posix& posix, ThreadIdentity& identities,
-                   HelperLog& log);
+                   HelperLog& log, MemoryReturn* memory = nullptr);
   ~LocalComparisons();
 
   // Items of one device are the same by their inode and witness of content, others by what is seen of them.
@@ -58,6 +61,8 @@ class LocalComparisons final {
   Posix& posix_;
   ThreadIdentity& identities_;
   HelperLog& log_;
+  MemoryReturn* const memory_;  // null: nobody is told what was used
+  const std::shared_ptr<TreeMemory> treeMemory_;
   const std::shared_ptr<Places> places_;
 };
 

@@ -2,7 +2,11 @@
 
 #include <fmt/format.h>
 
+#include <algorithm>
+
 #include "base/HelperLog.h"
+#include "scheduling/rules/SnapshotNameInfo.h"
+#include "snapshots/APFSManager.h"
 
 namespace quillmark {
 
@@ -45,9 +49,7 @@ void Rebuilds::rebuild(const VolumeInfo& volume, bool hadHistory, Pass& pass) {
   if (!isNewest(pass.generation)) return;
   const VolumeUuid key = volume.key();
   try {
-    store_.dropVolume(key);
-    reconciliation_.purgeCaches(key);
-    reconciliation_.registerEligible(volume, pass.includeExternal);
+    startOver(volume, pass.includeExternal);
     if (const auto pending = store_.pendingSnapshots(key); !pending.empty()) {
       progress_.begin(key, pending.front().xid, "queued");
     }
@@ -56,6 +58,28 @@ void Rebuilds::rebuild(const VolumeInfo& volume, bool hadHistory, Pass& pass) {
   } catch (const std::exception& exception) {
     note(volume, hadHistory, asError(exception), pass);
   }
+}
+
+void Rebuilds::startOver(const VolumeInfo& volume, bool includeExternal) {
+  // First: what is thrown away without it would not come back of itself.
+  std::vector<SnapshotRecord> onDisk = services_.apfs.listSnapshots(volume);
+  store_.dropVolume(volume.key());
+  reconciliation_.purgeCaches(volume.key());
+  registerEligible(volume, std::move(onDisk), includeExternal);
+}
+
+void Rebuilds::registerEligible(const VolumeInfo& volume, std::vector<SnapshotRecord> onDisk, bool includeExternal) {
+  const VolumeUuid key = volume.key();
+  if (!store_.volumeState(key)) store_.setVolumeState(key, HistoryVolumeState::baselinePending);
+  std::erase_if(onDisk, [&](const SnapshotRecord& snapshot) {
+    return includeExternal ? SnapshotNameInfo::isSystemManaged(snapshot.name)
+                           : !SnapshotNameInfo::isOwned(snapshot.name);
+  });
+  std::sort(onDisk.begin(), onDisk.end(), [](const auto& a, const auto& b) { return a.xid < b.xid; });
+  for (const SnapshotRecord& snapshot : onDisk) {
+    store_.registerPending(key, snapshot.xid, snapshot.name, snapshot.createdAt);
+  }
+  services_.log.info(fmt::format("re-index: registered {} snapshot(s) on {} for rebuild", onDisk.size(), volume.name));
 }
 
 void Rebuilds::note(const VolumeInfo& volume, bool hadHistory, const Error& failure, Pass& pass) {

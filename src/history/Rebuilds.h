@@ -27,6 +27,9 @@ class Rebuilds final {
   // The pass begins only while the owner, who holds all this, lives; and holds him until it ends.
   void start(std::vector<VolumeInfo> volumes, bool includeExternal, Completion completion,
              std::weak_ptr<const void> owner);
+  // On the volume's queue, in the epoch: throws the volume's history away and registers what is to be taken in, own
+  // snapshots, or all but the operating system's. Throws; nothing has changed when the snapshots can't be listed.
+  void startOver(const VolumeInfo& volume, bool includeExternal);
 
  private:
   using Generation = std::uint64_t;
@@ -40,6 +43,8 @@ class Rebuilds final {
   void rebuild(const VolumeInfo& volume, bool hadHistory, Pass& pass);
   void note(const VolumeInfo& volume, bool hadHistory, const Error& failure, Pass& pass);
   [[nodiscard]] bool hasHistory(const VolumeUuid& volume);
+
+  void registerEligible(const VolumeInfo& volume, std::vector<SnapshotRecord> onDisk, bool includeExternal);
 
   const HistoryServices& services_;
   SnapshotHistoryStore& store_;

@@ -78,6 +78,8 @@ void Reconciliation::reconcile(const VolumeInfo& volume) {
   const VolumeUuid key = volume.key();
   const Snapshots onDisk = services_.apfs.listSnapshots(volume);
   dropGone(volume, onDisk);
+  // What a full disk kept from being merged; without a new snapshot nobody else would try it again.
+  store_.compactDeferred(key);
   const bool isRequeued = requeueChanged(volume);
   // A comparison's scan may have failed; nobody would try it again.
   if (store_.pendingSnapshots(key).empty()) runs_.forgetFailure(key);
@@ -156,17 +158,6 @@ void Reconciliation::reportStranded(const VolumeInfo& volume, Xid head, Snapshot
     }
     return true;
   });
-}
-
-void Reconciliation::registerEligible(const VolumeInfo& volume, bool includeExternal) {
-  const VolumeUuid key = volume.key();
-  if (!store_.volumeState(key)) store_.setVolumeState(key, HistoryVolumeState::baselinePending);
-  const Snapshots eligible = byXid(services_.apfs.listSnapshots(volume), [&](const SnapshotRecord& snapshot) {
-    return includeExternal ? !isSystems(snapshot) : isOwned(snapshot);
-  });
-  for (const SnapshotRecord& snapshot : eligible) registerPending(key, snapshot);
-  services_.log.info(
-      fmt::format("re-index: registered {} snapshot(s) on {} for rebuild", eligible.size(), volume.name));
 }
 
 void Reconciliation::registerPending(const VolumeUuid& volume, const SnapshotRecord& snapshot) {

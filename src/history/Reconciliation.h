@@ -23,8 +23,6 @@ class Reconciliation final {
   void catchUpExternal(const VolumeInfo& volume);
   // Registers own snapshots that the history never heard of, and indexes what is pending.
   void reconcileOwned(const VolumeInfo& volume);
-  // Registers all that a rebuild has to take in: own snapshots, or all but the operating system's.
-  void registerEligible(const VolumeInfo& volume, bool includeExternal);
 
   // Of the history's caches; nothing where there are none.
   void purgeCaches(const VolumeUuid& volume) const;

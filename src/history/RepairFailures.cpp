@@ -16,11 +16,17 @@ void RepairFailures::forget(const VolumeUuid& volume) {
   texts_.with([&](auto& texts) { texts.erase(volume); });
 }
 
-std::vector<std::string> RepairFailures::texts() {
-  return texts_.with([](const auto& texts) {
-    std::vector<std::string> all;
-    for (const auto& [volume, text] : texts) all.push_back(text);
-    return all;
+bool RepairFailures::isEmpty() {
+  return texts_.with([](const auto& texts) { return texts.empty(); });
+}
+
+std::vector<std::string> RepairFailures::textsOf(const std::set<VolumeUuid>& volumes) {
+  return texts_.with([&](const auto& texts) {
+    std::vector<std::string> found;
+    for (const auto& [volume, text] : texts) {
+      if (volumes.contains(volume)) found.push_back(text);
+    }
+    return found;
   });
 }
 

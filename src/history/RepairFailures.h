@@ -4,6 +4,7 @@
 
 #include <map>
 #include <optional>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -21,7 +22,8 @@ class RepairFailures final {
   // At the snapshot that was being worked on, where it is known.
   void record(const VolumeInfo& volume, const std::optional<StoredSnapshot>& snapshot, const Error& failure);
   void forget(const VolumeUuid& volume);
-  [[nodiscard]] std::vector<std::string> texts();
+  [[nodiscard]] bool isEmpty();
+  [[nodiscard]] std::vector<std::string> textsOf(const std::set<VolumeUuid>& volumes);
 
  private:
   Guarded<std::map<VolumeUuid, std::string>> texts_;

@@ -6,17 +6,37 @@
 
 #include "base/HelperLog.h"
 #include "history/IndexAudit.h"
+#include "history/MemoryReturn.h"
 #include "scheduling/rules/SnapshotNameInfo.h"
 #include "snapshots/APFSManager.h"
 
 namespace quillmark {
 
-void ScanAdoption::offer(const VolumeInfo& volume, Xid a, Xid b, const ScannedTrees& scanned) {
+void ScanAdoption::keep(const VolumeInfo& volume, Offer offer) {
+  tryAdopting([&] {
+    const VolumeUuid key = volume.key();
+    if (!store_.volumeState(key)) store_.setVolumeState(key, HistoryVolumeState::baselinePending);
+    if (!canJoin(key, offer.scanned)) return;
+    kept_.with([&](auto& kept) { kept.try_emplace(key, std::move(offer)); });
+  });
+}
+
+bool ScanAdoption::canJoin(const VolumeUuid& volume, const ScannedTrees& scanned) {
+  if (!work_.isEnabled()) return false;
+  const auto row = store_.volumeState(volume);
+  return !row || row->head < scanned.rbegin()->first;
+}
+
+void ScanAdoption::tryAdopting(FunctionRef<void()> work) {
   try {
-    adopt(volume, a, b, scanned);
+    work();
   } catch (const std::exception& failure) {
     services_.log.error("could not adopt comparison scans into history: " + asError(failure).description());
   }
+}
+
+void ScanAdoption::offer(const VolumeInfo& volume) {
+  adoptKept(volume);
   if (work_.isStopped()) return;
   try {
     runs_.run(volume, Forced::no);
@@ -27,7 +47,18 @@ void ScanAdoption::offer(const VolumeInfo& volume, Xid a, Xid b, const ScannedTr
   }
 }
 
-void ScanAdoption::adopt(const VolumeInfo& volume, Xid a, Xid b, const ScannedTrees& scanned) {
+void ScanAdoption::adoptKept(const VolumeInfo& volume) {
+  const auto kept = kept_.with([&](auto& all) { return all.extract(volume.key()); });
+  if (!kept || work_.isStopped()) return;
+  std::uint64_t entries = 0;
+  for (const auto& [xid, scan] : kept.mapped().scanned) entries += scan.tree->count();
+  const MemoryReturn::Held held(services_.memory, entries);
+  tryAdopting([&] { adopt(volume, kept.mapped()); });
+}
+
+void ScanAdoption::adopt(const VolumeInfo& volume, const Offer& offer) {
+  const Xid a = offer.a, b = offer.b;
+  const ScannedTrees& scanned = offer.scanned;
   if (scanned.empty()) return;
   for (const auto& [xid, scan] : scanned) {
     if (scan.tree->isEmpty()) return;

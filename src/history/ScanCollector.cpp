@@ -86,12 +86,12 @@ bool ScanCollector::take(Entries& into, const ScanParent& parent, std::string_vi
 void ScanCollector::count(Entries& entries) {
   const std::uint64_t before = processed_.fetch_add(entries.uncounted);
   const std::uint64_t after = before + std::exchange(entries.uncounted, 0);
-  bytes_ += std::exchange(entries.uncountedBytes, 0);
+  claim_->take(std::exchange(entries.uncountedBytes, 0));
   if (after > ahead_) tell(before, after);
 }
 
 void ScanCollector::countAhead(std::uint64_t entries, std::uint64_t bytes) {
-  aheadBytes_ += bytes;
+  working_.take(bytes);
   const std::uint64_t before = ahead_.fetch_add(entries);
   tell(before, before + entries);
 }

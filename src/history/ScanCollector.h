@@ -6,12 +6,14 @@
 
 #include <atomic>
 #include <cstdint>
+#include <memory>
 #include <string>
 #include <string_view>
 
 #include "history/ScanStats.h"
 #include "history/SnapshotScanner.h"
 #include "history/index/ShardedEntries.h"
+#include "history/index/TreeMemory.h"
 #include "platform/FileFacts.h"
 
 namespace quillmark {
@@ -39,9 +41,11 @@ class ScanCollector final {
   // each entry below would take that much memory.
   static constexpr std::size_t longestPath = 4'095;
 
-  // Past so many bytes of entries, or of what was read ahead, the walk is to end.
-  ScanCollector(const ScanRequest& request, std::string ownPlace, std::uint64_t mostBytes, ScanStats& stats)
-      : request_(request), stats_(stats), ownPlace_(std::move(ownPlace)), mostBytes_(mostBytes) {}
+  // The walk is to end once the memory has no room for its entries, or for what it takes beside them.
+  ScanCollector(const ScanRequest& request, std::string ownPlace, const std::shared_ptr<TreeMemory>& memory,
+                ScanStats& stats)
+      : request_(request), stats_(stats), ownPlace_(std::move(ownPlace)), claim_(std::make_shared<TreeClaim>(memory)),
+        working_(memory) {}
 
   // The root's own entry, for which the count starts at 1.
   static void takeRoot(SnapshotIndex::EntryBuckets& into, const FileFacts& facts);
@@ -49,11 +53,16 @@ class ScanCollector final {
   [[nodiscard]] bool take(Entries& into, const ScanParent& parent, std::string_view name, const FileFacts& facts);
   // Adds what was handed in since the last time to the count.
   void count(Entries& entries);
-  // So many more were read, and are handed in later: that is told already now.
+  // So many more were read, and are handed in later: that is told already now. They take so much until then.
   void countAhead(std::uint64_t entries, std::uint64_t bytes);
 
+  // Of what was counted; the tree's from now on.
+  [[nodiscard]] std::shared_ptr<TreeClaim> claim() const { return claim_; }
+  // For what the walk takes beside its entries, which is given back at its end.
+  [[nodiscard]] TreeClaim& working() { return working_; }
+
   [[nodiscard]] std::uint64_t processed() const { return processed_; }
-  [[nodiscard]] bool isTooLarge() const { return bytes_ > mostBytes_ || aheadBytes_ > mostBytes_; }
+  [[nodiscard]] bool isTooLarge() const { return claim_->isRefused() || working_.isRefused(); }
   [[nodiscard]] bool isCancelled() const { return isTooLarge() || (request_.isCancelled && request_.isCancelled()); }
 
  private:
@@ -65,9 +74,8 @@ class ScanCollector final {
   const std::string ownPlace_;
   std::atomic<std::uint64_t> processed_{1};
   std::atomic<std::uint64_t> ahead_{1};
-  const std::uint64_t mostBytes_;
-  std::atomic<std::uint64_t> bytes_{0};
-  std::atomic<std::uint64_t> aheadBytes_{0};
+  const std::shared_ptr<TreeClaim> claim_;
+  TreeClaim working_;
 };
 
 }  // namespace quillmark

@@ -28,6 +28,8 @@ StoredSnapshot storedFormOf(const SnapshotRecord& record) {
 constexpr std::chrono::seconds lastScans{2};
 // A walk that is told to end does so within a second, and then unmounts.
 constexpr std::chrono::seconds patienceOfClaims{5};
+// A client opens the file of its comparison as soon as it is told of it.
+constexpr std::chrono::seconds patienceOfReaders{10};
 
 }  // namespace
 
@@ -122,9 +124,9 @@ void SnapshotHistoryManager::snapshotsDeleted(const VolumeInfo& volume, const st
 
 void SnapshotHistoryManager::Implementation::compactAfterDeleting(const VolumeInfo& volume,
                                                                   const std::vector<Xid>& xids) {
+  reconciliation.purgeCaches(volume.key(), xids);
   try {
     store.deleteSnapshots(volume.key(), xids);
-    reconciliation.purgeCaches(volume.key(), xids);
     // What couldn't be indexed may have been among them.
     if (store.pendingSnapshots(volume.key()).empty()) failures.forget(volume.key());
   } catch (const std::exception& exception) {
@@ -139,6 +141,12 @@ std::shared_ptr<const void> SnapshotHistoryManager::claim(const VolumeUuid& volu
   const SnapshotClaims::Key key{volume, snapshot};
   self_->scans.claims().claim(key, patienceOfClaims);
   return {nullptr, [self = self_, key](const void*) { self->scans.claims().release(key); }};
+}
+
+void SnapshotHistoryManager::forgetComparisonsSoon(const VolumeUuid& volume, const std::set<Xid>& xids) {
+  self_->queues.timer->asyncAfter(patienceOfReaders, [weak = self_->weak_from_this(), volume, xids] {
+    if (const auto self = weak.lock()) self->services.caches->purge(volume, xids);
+  });
 }
 
 void SnapshotHistoryManager::reconcile(const VolumeUuid&) { self_->background.requestReconcile(self_); }
@@ -161,9 +169,7 @@ void SnapshotHistoryManager::Implementation::reindexNow(const VolumeInfo& volume
 
 void SnapshotHistoryManager::reindexVolume(const VolumeInfo& volume) {
   self_->queues.onVolume(volume.key(), [&] {
-    self_->store.dropVolume(volume.key());
-    self_->reconciliation.purgeCaches(volume.key());
-    self_->reconciliation.registerEligible(volume, true);
+    self_->rebuilds.startOver(volume, true);
     self_->runs.run(volume, Forced::yes);
     self_->progress.done(volume.key());
   });
@@ -255,13 +261,11 @@ std::shared_ptr<const Comparison> SnapshotHistoryManager::compare(const VolumeIn
   self_->queues.onVolume(volume.key(), [&] {
     answer = self_->comparisons.compare(
         {.volume = volume, .a = storedA, .b = storedB, .includeTree = includeTree, .fullScan = fullScan});
+    if (answer.scanned.empty()) return;
+    // Behind all that waits for the volume, which may be comparisons of that kind.
+    self_->adoption.keep(volume, {.a = a.xid, .b = b.xid, .scanned = std::move(answer.scanned)});
+    self_->onVolumeLater(volume, [volume](Implementation& self) { self.adoption.offer(volume); });
   });
-  if (!answer.scanned.empty()) {
-    self_->onVolumeLater(
-        volume, [volume, xidA = a.xid, xidB = b.xid, scanned = std::move(answer.scanned)](Implementation& self) {
-          if (!self.work.isStopped()) self.adoption.offer(volume, xidA, xidB, scanned);
-        });
-  }
   return answer.comparison;
 }
 

@@ -54,6 +54,8 @@ class SnapshotHistoryManager final : public SnapshotHistory,
   // What changed between two snapshots. Indexes or reads them when it has to, and waits for the volume's queue.
   [[nodiscard]] std::shared_ptr<const Comparison> compare(const VolumeInfo& volume, const SnapshotRecord& a,
                                                           const SnapshotRecord& b, bool includeTree, bool fullScan);
+  // Of snapshots that were deleted while they were compared: the file that the client was told of goes in a while.
+  void forgetComparisonsSoon(const VolumeUuid& volume, const std::set<Xid>& xids);
   // Below a path, from the history alone: nothing is told of snapshots that aren't in it.
   [[nodiscard]] Comparison compareSubtree(const VolumeUuid& volume, const std::string& path, Xid a, Xid b);
 

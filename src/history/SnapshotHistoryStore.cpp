@@ -24,6 +24,24 @@ constexpr std::size_t bigDelta = 10'000;
 // Past so many, what it would leave in the log where it fails is worth a look.
 constexpr std::size_t fairDelta = 1'000;
 
+// Inside the caller's transaction.
+void insertPending(HistoryConnection& connection, const VolumeUuid& volume, Xid xid, const std::string& name,
+                   Date createdAt) {
+  connection
+      .prepare(
+          "INSERT INTO snapshots(volume_uuid,xid,name,created_at,state) VALUES(?,?,?,?,'pending')"
+          " ON CONFLICT(volume_uuid,xid) DO UPDATE SET name=excluded.name,created_at=excluded.created_at")
+      .runWith(volume, xid, std::string_view(name), createdAt.secondsSince1970());
+}
+
+// The same, and the volume's row.
+void recordPendingIn(HistoryConnection& connection, const VolumeUuid& volume, Xid xid, const std::string& name,
+                     Date createdAt) {
+  connection.prepare("INSERT OR IGNORE INTO volumes(uuid,state) VALUES(?,?)")
+      .runWith(volume, historyStateText(HistoryVolumeState::baselinePending));
+  insertPending(connection, volume, xid, name, createdAt);
+}
+
 }  // namespace
 
 Error historyError(std::string text) { return Error(std::string(snapshotHistoryDomain), textForUser, std::move(text)); }
@@ -120,6 +138,25 @@ class SnapshotHistoryStore::Implementation final {
     refreshReady(connection, volume);
   }
 
+  // All of it or nothing: a chain that steps back has to find its snapshots in the queue. True when some are there again.
+  bool requeue(HistoryConnection& connection, const VolumeUuid& volume, const std::vector<StoredSnapshot>& snapshots) {
+    std::vector<Xid> xids;
+    for (const StoredSnapshot& snapshot : snapshots) xids.push_back(snapshot.xid);
+    HistoryTransaction transaction(connection);
+    withdrawFromHistory(connection, log_, volume, xids);
+    const std::optional<HistoryVolume> row = readVolumeState(connection, volume);
+    bool isAny = false;
+    for (const StoredSnapshot& snapshot : snapshots) {
+      if (row && row->head >= snapshot.xid) continue;
+      recordPendingIn(connection, volume, snapshot.xid, snapshot.name, snapshot.createdAt);
+      isAny = true;
+    }
+    transaction.commit();
+    refreshReady(connection, volume);
+    maintain(connection);
+    return isAny;
+  }
+
   // Its failure takes nothing back of what was done before it.
   void maintain(HistoryConnection& connection) {
     try {
@@ -192,30 +229,12 @@ bool SnapshotHistoryStore::didResetForSchemaUpgrade() const { return self_->didR
 bool SnapshotHistoryStore::needsExistingSnapshotBootstrap() const { return self_->needsBootstrap(); }
 bool SnapshotHistoryStore::isDamaged() const { return self_->isDamaged(); }
 
-namespace {
-
-void insertPending(HistoryConnection& connection, const VolumeUuid& volume, Xid xid, const std::string& name,
-                   Date createdAt) {
-  connection
-      .prepare(
-          "INSERT INTO snapshots(volume_uuid,xid,name,created_at,state) VALUES(?,?,?,?,'pending')"
-          " ON CONFLICT(volume_uuid,xid) DO UPDATE SET name=excluded.name,created_at=excluded.created_at")
-      .runWith(volume, xid, std::string_view(name), createdAt.secondsSince1970());
-}
-
-void recordPendingIn(HistoryConnection& connection, const VolumeUuid& volume, Xid xid, const std::string& name,
-                     Date createdAt) {
-  HistoryTransaction transaction(connection);
-  connection.prepare("INSERT OR IGNORE INTO volumes(uuid,state) VALUES(?,?)")
-      .runWith(volume, historyStateText(HistoryVolumeState::baselinePending));
-  insertPending(connection, volume, xid, name, createdAt);
-  transaction.commit();
-}
-
-}  // namespace
-
 void SnapshotHistoryStore::recordPending(const VolumeUuid& volume, Xid xid, const std::string& name, Date createdAt) {
-  self_->write([&](HistoryConnection& db) { recordPendingIn(db, volume, xid, name, createdAt); });
+  self_->write([&](HistoryConnection& db) {
+    HistoryTransaction transaction(db);
+    recordPendingIn(db, volume, xid, name, createdAt);
+    transaction.commit();
+  });
 }
 
 void SnapshotHistoryStore::registerPending(const VolumeUuid& volume, Xid xid, const std::string& name, Date createdAt) {
@@ -306,12 +325,7 @@ bool SnapshotHistoryStore::requeueHead(const VolumeUuid& volume, const StoredSna
     for (const StoredSnapshot& pending : readPendingSnapshots(db, volume)) {
       if (pending.xid > snapshot.xid) return;
     }
-    markHistoryDeletions(db, volume, {snapshot.xid});
-    self_->refreshReady(db, volume);
-    self_->compact(db, volume);
-    recordPendingIn(db, volume, snapshot.xid, snapshot.name, snapshot.createdAt);
-    self_->maintain(db);
-    isDone = true;
+    isDone = self_->requeue(db, volume, {snapshot});
   });
   return isDone;
 }
@@ -329,25 +343,7 @@ void SnapshotHistoryStore::requeueSole(const VolumeUuid& volume, const StoredSna
 
 bool SnapshotHistoryStore::requeueEnd(const VolumeUuid& volume, const std::vector<StoredSnapshot>& snapshots) {
   bool isAny = false;
-  std::vector<Xid> xids;
-  for (const StoredSnapshot& snapshot : snapshots) xids.push_back(snapshot.xid);
-  self_->write([&](HistoryConnection& db) {
-    // The head doesn't step back while somebody waits to succeed it.
-    std::vector<StoredSnapshot> waiting = readPendingSnapshots(db, volume);
-    db.prepare("DELETE FROM snapshots WHERE volume_uuid=? AND state!='ready'").runWith(volume);
-    markHistoryDeletions(db, volume, xids);
-    self_->refreshReady(db, volume);
-    self_->compact(db, volume);
-    const std::optional<HistoryVolume> row = readVolumeState(db, volume);
-    const std::optional<Xid> head = row ? row->head : std::nullopt;
-    for (const StoredSnapshot& snapshot : snapshots) {
-      if (head && snapshot.xid <= *head) continue;
-      waiting.push_back(snapshot);
-      isAny = true;
-    }
-    for (const StoredSnapshot& one : waiting) recordPendingIn(db, volume, one.xid, one.name, one.createdAt);
-    self_->maintain(db);
-  });
+  self_->write([&](HistoryConnection& db) { isAny = self_->requeue(db, volume, snapshots); });
   return isAny;
 }
 
@@ -369,6 +365,18 @@ std::map<Xid, std::uint64_t> SnapshotHistoryStore::notedChanges(const VolumeUuid
     Changes changes;
     while (rows.next("read noted changes")) changes.emplace(rows.xid(0), static_cast<std::uint64_t>(rows.integer(1)));
     return changes;
+  });
+}
+
+void SnapshotHistoryStore::compactDeferred(const VolumeUuid& volume) {
+  self_->write([&](HistoryConnection& db) {
+    {
+      HistoryStatement mark = db.prepare("SELECT 1 FROM history_deletions WHERE volume_uuid=? LIMIT 1");
+      mark.bindAll(volume);
+      if (!mark.next("read history deletions")) return;
+    }
+    self_->compact(db, volume);
+    self_->maintain(db);
   });
 }
 

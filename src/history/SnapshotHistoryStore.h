@@ -96,7 +96,8 @@ class SnapshotHistoryStore final {
   [[nodiscard]] bool requeueHead(const VolumeUuid& volume, const StoredSnapshot& snapshot);
   void requeueSole(const VolumeUuid& volume, const StoredSnapshot& snapshot);
   // The trees of these ready snapshots are of no use any more. Those at the end of the chain become pending again, and the
-  // head steps back over them; true when there were any. The others are deleted from the history.
+  // head steps back over them; true when there were any. The others are deleted from the history. All in one transaction:
+  // whatever waits keeps its place. Not while one of the volume's snapshots is being scanned.
   [[nodiscard]] bool requeueEnd(const VolumeUuid& volume, const std::vector<StoredSnapshot>& snapshots);
   // Which state of a snapshot its tree was read in: the number of its last change (SnapshotCalls.h), 0 for none. Said
   // before the commit; gone with the snapshot.
@@ -107,6 +108,8 @@ class SnapshotHistoryStore final {
   void deleteSnapshot(const VolumeUuid& volume, Xid xid) { deleteSnapshots(volume, {xid}); }
   void deleteSnapshots(const VolumeUuid& volume, const std::vector<Xid>& xids);
   void compactHistory(const VolumeUuid& volume);
+  // The same, where a deletion is marked that wasn't merged.
+  void compactDeferred(const VolumeUuid& volume);
   // A volume's failure doesn't keep others from their turn; the first one is thrown in the end.
   void compactAllDeferred();
   void dropVolume(const VolumeUuid& volume);

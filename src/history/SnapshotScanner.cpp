@@ -27,8 +27,10 @@ Error tooLarge(const std::string& root) {
 
 }  // namespace
 
-SnapshotScanner::SnapshotScanner(Dispatch& dispatch, DirectoryReader& reader, Report note, Report warn)
-    : dispatch_(dispatch), reader_(reader), note_(std::move(note)), warn_(std::move(warn)) {}
+SnapshotScanner::SnapshotScanner(Dispatch& dispatch, DirectoryReader& reader, Report note, Report warn,
+                                 std::shared_ptr<TreeMemory> memory)
+    : dispatch_(dispatch), reader_(reader), note_(std::move(note)), warn_(std::move(warn)),
+      memory_(memory ? std::move(memory) : std::make_shared<TreeMemory>(reader.memorySize() / 2)) {}
 
 SnapshotIndex::ShardedEntries SnapshotScanner::scan(const ScanRequest& request) {
   const auto opened = retried(dispatch_, [&] { return reader_.openTree(request.root); });
@@ -42,6 +44,7 @@ SnapshotIndex::ShardedEntries SnapshotScanner::scan(const ScanRequest& request) 
 SnapshotIndex::ShardedEntries SnapshotScanner::scan(const ScanRequest& request, OpenTree& tree) {
   Walked walked = walk(tree, request);
   SnapshotIndex::ShardedEntries entries(dispatch_, std::move(walked.buckets), request.isCancelled);
+  entries.hold(std::move(walked.claim));
   if (request.isCancelled && request.isCancelled()) throw posixError("scan", request.root, ECANCELED);
   if (request.progress) request.progress(walked.processed);
   return entries;
@@ -70,15 +73,14 @@ std::optional<SnapshotScanner::Walked> SnapshotScanner::walkAsWhole(OpenTree& tr
   int error = whole.error();
   if (whole) {
     ScanStats stats(dispatch_);
-    ScanCollector collector(request, tree.ownPlace(), reader_.memorySize() / 2, stats);
+    ScanCollector collector(request, tree.ownPlace(), memory_, stats);
     WholeTreeWalk walk(dispatch_, reader_, request, collector);
     auto buckets = walk.run(**whole);
-    if (collector.isTooLarge()) throw tooLarge(request.root);
-    if (buckets) {
-      report(stats, request.root);
-      return Walked{std::move(*buckets), collector.processed()};
-    }
     error = buckets.error();
+    const bool isEnd = buckets || collector.isTooLarge() || error == ECANCELED;
+    if (isEnd) report(stats, request.root);
+    if (collector.isTooLarge()) throw tooLarge(request.root);
+    if (buckets) return Walked{std::move(*buckets), collector.processed(), collector.claim()};
   }
   if (error == ECANCELED) throw posixError("scan", request.root, ECANCELED);
   if (error != ENOTSUP) reason = errnoText(error);
@@ -87,12 +89,12 @@ std::optional<SnapshotScanner::Walked> SnapshotScanner::walkAsWhole(OpenTree& tr
 
 SnapshotScanner::Walked SnapshotScanner::walkDirectories(OpenTree& tree, const ScanRequest& request) {
   ScanStats stats(dispatch_);
-  ScanCollector collector(request, tree.ownPlace(), reader_.memorySize() / 2, stats);
+  ScanCollector collector(request, tree.ownPlace(), memory_, stats);
   try {
     auto buckets = DirectoryWalk(dispatch_, reader_, tree, request, collector, stats).run();
     if (collector.isTooLarge()) throw tooLarge(request.root);
     report(stats, request.root);
-    return {std::move(buckets), collector.processed()};
+    return {std::move(buckets), collector.processed(), collector.claim()};
   } catch (const Error&) {
     report(stats, request.root);
     if (collector.isTooLarge()) throw tooLarge(request.root);

@@ -7,6 +7,7 @@
 
 #include <cstdint>
 #include <functional>
+#include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -40,7 +41,9 @@ struct ScanRequest {
 class SnapshotScanner final {
  public:
   using Report = std::function<void(const std::string&)>;
-  SnapshotScanner(Dispatch& dispatch, DirectoryReader& reader, Report note, Report warn);
+  // What the trees may take together, of this scanner and of whoever else has that memory; without, half of the machine's.
+  SnapshotScanner(Dispatch& dispatch, DirectoryReader& reader, Report note, Report warn,
+                  std::shared_ptr<TreeMemory> memory = nullptr);
 
   [[nodiscard]] SnapshotIndex::ShardedEntries scan(const ScanRequest& request);
   // Of a tree that is open; the request's root is for texts.
@@ -51,6 +54,7 @@ class SnapshotScanner final {
   struct Walked {
     SnapshotIndex::EntryBuckets buckets;
     std::uint64_t processed = 1;  // the root
+    std::shared_ptr<TreeClaim> claim;
   };
   [[nodiscard]] Walked walk(OpenTree& tree, const ScanRequest& request);
   // Absent when the tree has to be read by its directories; with the reason, if there is more to it than that this tree is
@@ -63,6 +67,7 @@ class SnapshotScanner final {
   DirectoryReader& reader_;
   const Report note_;
   const Report warn_;
+  const std::shared_ptr<TreeMemory> memory_;
 };
 
 }  // namespace quillmark

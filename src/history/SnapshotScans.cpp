@@ -5,7 +5,9 @@
 #include "base/HelperLog.h"
 #include "history/HistoryQueues.h"
 #include "history/IndexAudit.h"
+#include "history/MemoryReturn.h"
 #include "history/ProgressThrottle.h"
+#include "platform/DirectoryReader.h"
 #include "platform/Disks.h"
 #include "platform/SnapshotCalls.h"
 #include "wire/QuillmarkError.h"
@@ -35,7 +37,8 @@ SnapshotScans::SnapshotScans(const HistoryServices& services, const HistoryProvi
       failures_(failures),
       scanner_(
           services.dispatch, services.directories, [&log = services.log](const std::string& text) { log.info(text); },
-          [&log = services.log](const std::string& text) { log.warn(text); }),
+          [&log = services.log](const std::string& text) { log.warn(text); },
+          std::make_shared<TreeMemory>(services.directories.memorySize() / 8 * 3)),
       claims_(services.dispatch), running_(services.dispatch), scanning_(services.dispatch) {}
 
 SnapshotIndex::ShardedEntries SnapshotScans::scan(const SnapshotScan& scan) {
@@ -89,7 +92,9 @@ SnapshotIndex::ShardedEntries SnapshotScans::walk(const SnapshotScan& scan, cons
   request.lowPriority = scan.lowPriority;
   request.qos = scan.lowPriority ? QualityOfService::utility : QualityOfService::userInitiated;
   request.rules = std::move(rules);
+  MemoryReturn::Held read(services_.memory);
   request.progress = [&](std::uint64_t files) {
+    read.holds(files);
     const auto count = static_cast<std::int64_t>(files);
     if (count >= 0 && throttle.allows()) progress_.counted(volume, scan.snapshot.xid, count);
   };
@@ -101,6 +106,7 @@ SnapshotIndex::ShardedEntries SnapshotScans::walk(const SnapshotScan& scan, cons
   if (!mounted.stillHoldsSnapshot()) {
     throw historyError(fmt::format("Snapshot mount path {} was unmounted while it was read", mounted.path()));
   }
+  read.holds(0);  // the caller does now
   return tree;
 }
 

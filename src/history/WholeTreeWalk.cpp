@@ -18,7 +18,7 @@ bool comesFromDisk(const TreePiece& piece) {
 
 std::uint64_t bytesOf(const TreePiece& piece) {
   return piece.objects.capacity() * sizeof(FileFacts) + piece.links.capacity() * sizeof(TreePiece::Link) +
-         piece.names.capacity();
+         piece.directories.capacity() * sizeof(TreePiece::Directory) + piece.names.capacity();
 }
 
 bool isEntered(const FileFacts& facts) { return facts.type == FileType::directory && !facts.isPlaceholder; }
@@ -35,8 +35,12 @@ SysResult<SnapshotIndex::EntryBuckets> WholeTreeWalk::run(WholeTree& tree) {
   const SysStatus status = workers_.run(pieces_.size(), processors,
                                         [&](std::size_t piece, ScanCollector::Entries&) { return read(tree, piece); });
   if (!status) return Errno{status.error()};
-  if (const SysStatus confirmed = tree.confirm(); !confirmed) return Errno{confirmed.error()};
+  auto rest = tree.finish([&] { return collector_.isCancelled(); });
+  if (!rest) return Errno{rest.error()};
+  collector_.countAhead(rest->links.size(), bytesOf(*rest));
+  pieces_.push_back(std::move(*rest));
   listDirectories();
+  if (collector_.isTooLarge()) return Errno{ECANCELED};
   if (const SysStatus named = nameDirectories(); !named) return Errno{named.error()};
   if (const SysStatus placed = placeDirectories(tree.rootNumber()); !placed) return Errno{placed.error()};
   const SysStatus handedIn =
@@ -57,6 +61,11 @@ SysStatus WholeTreeWalk::read(WholeTree& tree, std::size_t piece) {
 }
 
 void WholeTreeWalk::listDirectories() {
+  std::size_t count = 0;
+  for (const TreePiece& piece : pieces_) count += piece.directories.size();
+  if (!collector_.working().take(count * (sizeof(std::uint64_t) + sizeof(Directory)))) return;
+  numbers_.reserve(count);
+  directories_.reserve(count);
   for (const TreePiece& piece : pieces_) {
     for (const TreePiece::Directory& directory : piece.directories) {
       numbers_.push_back(directory.number);
@@ -93,15 +102,18 @@ SysStatus WholeTreeWalk::placeDirectories(std::uint64_t rootNumber) {
   directories_[root].state = Directory::State::entered;
   return workers_.run(1, 1, [&](std::size_t, ScanCollector::Entries& entries) -> SysStatus {
     std::vector<Directory*> chain;
-    for (std::size_t i = 0; i < directories_.size(); ++i) {
-      if (i % linksPerLook == 0 && collector_.isCancelled()) return Errno{ECANCELED};
-      for (Directory* at = &directories_[i]; at->state == Directory::State::unplaced;) {
+    std::size_t placed = 0;
+    for (Directory& directory : directories_) {
+      for (Directory* at = &directory; at->state == Directory::State::unplaced;) {
         chain.push_back(at);
         if (at->parent == none) break;
         at = &directories_[at->parent];
         if (chain.size() > directories_.size()) return Errno{EBADMSG};
       }
-      for (; !chain.empty(); chain.pop_back()) place(*chain.back(), entries);
+      for (; !chain.empty(); chain.pop_back()) {
+        if (placed++ % linksPerLook == 0 && !countAndGoOn(entries)) return Errno{ECANCELED};
+        place(*chain.back(), entries);
+      }
     }
     collector_.count(entries);
     return {};
@@ -118,6 +130,12 @@ void WholeTreeWalk::place(Directory& directory, ScanCollector::Entries& entries)
   directory.state = Directory::State::entered;
   directory.path.reserve(parent.path.size() + 1 + directory.name.size());
   directory.path.append(parent.path).append(1, '/').append(directory.name);
+  collector_.working().take(directory.path.capacity());
+}
+
+bool WholeTreeWalk::countAndGoOn(ScanCollector::Entries& entries) {
+  collector_.count(entries);
+  return !collector_.isCancelled();
 }
 
 SysStatus WholeTreeWalk::handIn(std::size_t index, ScanCollector::Entries& entries) {
@@ -126,7 +144,7 @@ SysStatus WholeTreeWalk::handIn(std::size_t index, ScanCollector::Entries& entri
   const Directory* parent = nullptr;
   ScanParent handed({}, 0);
   for (std::size_t i = 0; i < piece.links.size(); ++i) {
-    if (i % linksPerLook == 0 && collector_.isCancelled()) return Errno{ECANCELED};
+    if (i % linksPerLook == 0 && !countAndGoOn(entries)) return Errno{ECANCELED};
     const TreePiece::Link& link = piece.links[i];
     const FileFacts& facts = piece.objects[link.object];
     if (isEntered(facts)) continue;
@@ -142,6 +160,7 @@ SysStatus WholeTreeWalk::handIn(std::size_t index, ScanCollector::Entries& entri
     (void)collector_.take(entries, handed, piece.nameOf(link), facts);
   }
   collector_.count(entries);
+  collector_.working().giveBack(bytesOf(piece));
   return {};
 }
 

@@ -41,6 +41,7 @@ class WholeTreeWalk final {
   [[nodiscard]] SysStatus nameDirectories();
   [[nodiscard]] SysStatus placeDirectories(std::uint64_t rootNumber);
   void place(Directory& directory, ScanCollector::Entries& entries);
+  [[nodiscard]] bool countAndGoOn(ScanCollector::Entries& entries);
   [[nodiscard]] SysStatus handIn(std::size_t piece, ScanCollector::Entries& entries);
   [[nodiscard]] std::size_t indexOf(std::uint64_t number) const;
 

@@ -41,6 +41,8 @@ class DirectoryRecords final {
     names_ += name;
   }
   [[nodiscard]] std::size_t size() const { return items_.size(); }
+  // What they take; clearing gives nothing back.
+  [[nodiscard]] std::size_t memoryBytes() const { return names_.capacity() + items_.capacity() * sizeof(Item); }
   [[nodiscard]] Record operator[](std::size_t index) const {
     const Item& item = items_[index];
     return {std::string_view(names_).substr(item.offset, item.length), item.facts};
@@ -118,8 +120,8 @@ class WholeTree {
   [[nodiscard]] virtual std::size_t pieceCount() const = 0;
   // ECANCELED once shouldStop, asked often, says so. EBADMSG for a tree that makes no sense.
   [[nodiscard]] virtual SysResult<TreePiece> read(std::size_t piece, FunctionRef<bool()> shouldStop) = 0;
-  // After the last piece: fails unless all pieces are of one unchanged tree.
-  [[nodiscard]] virtual SysStatus confirm() = 0;
+  // After the last piece: what no piece has, as one more. Fails as read() does, and unless all are of one unchanged tree.
+  [[nodiscard]] virtual SysResult<TreePiece> finish(FunctionRef<bool()> shouldStop) = 0;
 };
 
 class OpenTree {

@@ -25,6 +25,9 @@ class ThisProcess {
   [[nodiscard]] virtual SysStatus setDescriptorLimit(DescriptorLimit limit) = 0;
   // One write to standard error; a failure is ignored.
   virtual void writeStandardError(std::string_view text) = 0;
+  // Memory that the process freed goes back to the machine; may take tens of milliseconds, in which others that want
+  // memory wait.
+  virtual void giveBackFreeMemory() = 0;
 };
 
 }  // namespace quillmark

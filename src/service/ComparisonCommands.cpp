@@ -1,6 +1,7 @@
 #include <fmt/format.h>
 
 #include <algorithm>
+#include <set>
 
 #include "base/HelperLog.h"
 #include "history/SnapshotHistoryManager.h"
@@ -43,6 +44,16 @@ void requireDifferentSnapshots(const DiffSnapshots& call) {
   if (call.xidA == call.xidB) throw internal("Refusing to diff a snapshot with itself");
   refuseOSSnapshot(call.nameA, "compare");
   refuseOSSnapshot(call.nameB, "compare");
+}
+
+// Which of them aren't there any more; none where that can't be known.
+std::set<Xid> goneSince(CommandRun& run, const VolumeInfo& volume, std::set<Xid> xids) {
+  try {
+    for (const SnapshotRecord& record : run.service().apfs().listSnapshots(volume)) xids.erase(record.xid);
+    return xids;
+  } catch (const Error&) {
+    return {};
+  }
 }
 
 // As the path stands below the volume's mount point now.
@@ -103,11 +114,15 @@ void handle(CommandRun& run, const DiffSnapshots& call) {
   const auto comparison =
       environment.history->compare(volume, snapshots.at(0), snapshots.at(1), call.includeTree, call.ignoreExclusions);
   const DiffResult result = makeDiffResult(*comparison, call.volumeUUID, request.xidA, request.xidB);
+  const MemoryReturn::Held held(&environment.memory, result.rows.size() + result.treeEntries.size());
   const std::string path = environment.diffCache.write(request, result);
   const std::string detail = detailOf(call, result);
   std::optional<Error> unrecorded = attempt.succeeded(detail);
   environment.log.info("diffSnapshots OK: " + detail);
   run.replyString(path, std::move(unrecorded));
+  // A deletion while they were compared took its files away before this one was written.
+  const std::set<Xid> gone = goneSince(run, volume, {request.xidA, request.xidB});
+  if (!gone.empty()) environment.history->forgetComparisonsSoon(volume.key(), gone);
 }
 
 void handle(CommandRun& run, const CompareSubtree& call) {
@@ -119,8 +134,10 @@ void handle(CommandRun& run, const CompareSubtree& call) {
                                                 run.service().requirePeer(), "compare this folder's history",
                                                 patienceForAFolder);
   const Xid a{call.xidA}, b{call.xidB};
-  const Comparison comparison = history->compareSubtree(volume.key(), call.path, a, b);
-  run.replyData(encodeDiffResult(makeDiffResult(comparison, call.volumeUUID, a, b)));
+  const DiffResult result =
+      makeDiffResult(history->compareSubtree(volume.key(), call.path, a, b), call.volumeUUID, a, b);
+  const MemoryReturn::Held held(&run.environment().memory, result.rows.size());
+  run.replyData(encodeDiffResult(result));
 }
 
 void handle(CommandRun& run, const CompareLocalPaths& call) {

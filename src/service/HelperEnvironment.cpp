@@ -70,8 +70,9 @@ HelperEnvironment::HelperEnvironment(const Platform& platformFacilities, HelperL
       shutdown(platform.dispatch, log,
                {[this] { quiesce(); }, [this] { connections.flush(lastReplies); }, std::move(hooks.exitProcess)}),
       snapshotChanges(std::make_shared<SnapshotChangePush>(platform.dispatch, connections)),
-      mountPaths(platform.dispatch),
-      localComparisons(platform.dispatch, platform.directories, platform.posix, platform.threadIdentities, log),
+      mountPaths(platform.dispatch), memory(platform.dispatch, platform.process),
+      localComparisons(platform.dispatch, platform.directories, platform.posix, platform.threadIdentities, log,
+                       &memory),
       scheduleNotices_(connections, notifications), startedOnce_(platform.dispatch, false) {}
 
 HealthProbes HelperEnvironment::probes(std::vector<HealthNote> notes) {
@@ -136,7 +137,8 @@ void HelperEnvironment::openHistory() {
                                             .volumes = volumes,
                                             .mountPins = mountPins,
                                             .audit = audit,
-                                            .caches = &diffCache});
+                                            .caches = &diffCache,
+                                            .memory = &memory});
   } catch (const std::exception& failure) {
     historyFailureDescription = asError(failure).description();
     log.error("Snapshot history is unavailable; snapshot management will continue without diff/index support: " +

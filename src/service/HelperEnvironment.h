@@ -11,6 +11,7 @@
 #include "history/DiffCache.h"
 #include "history/ExclusionPolicy.h"
 #include "history/LocalComparison.h"
+#include "history/MemoryReturn.h"
 #include "journal/ActivityLog.h"
 #include "notifications/HelperNotifications.h"
 #include "platform/Platform.h"
@@ -87,6 +88,7 @@ class HelperEnvironment final {
   // Held from the look at a user's mount path to the end of mounting or unmounting there, so that one client never
   // removes the directory on which another is about to mount.
   Mutex mountPaths;
+  MemoryReturn memory;
   LocalComparisons localComparisons;
 
   // Present from start() on.

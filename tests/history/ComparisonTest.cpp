@@ -197,6 +197,62 @@ TEST_F(ComparisonTest, switchedOffItScansAndKeepsNothing) {
   EXPECT_THAT(machine.ready(), IsEmpty());
 }
 
+TEST_F(ComparisonTest, treesThatCannotJoinTheHistoryAreNotKeptForIt) {
+  machine.mode = IndexingMode::disabled;
+  const auto xids = machine.takeSeveral(2);
+  machine.run([&] {
+    static_cast<void>(
+        machine.history().compare(machine.volume(), machine.record(xids[0]), machine.record(xids[1]), false, false));
+    machine.mode = IndexingMode::fullScan;
+  });
+  machine.settle();
+  EXPECT_THAT(machine.logged("adopted comparison scan"), IsEmpty());
+  EXPECT_EQ(machine.ready(), Xids(xids.begin(), xids.end())) << "what waits is indexed all the same";
+
+  const Xid stranded = machine.add("other.tool-");
+  const auto next = machine.takeSeveral(1);
+  machine.run([&] { machine.store().deleteSnapshot(machine.key, stranded); });  // the catch-up took it in
+  machine.run([&] {
+    static_cast<void>(
+        machine.history().compare(machine.volume(), machine.record(stranded), machine.record(next[0]), false, false));
+    machine.volumes.failNext(sim::SimCall::list, EIO);
+  });
+  machine.settle();
+  EXPECT_THAT(machine.logged("could not adopt"), IsEmpty()) << "nobody looks where they could go";
+}
+
+// Goal:   comparisons at once don't pile up their trees.
+// Method: two of snapshots that could all join the chain; what only one of them offers is read again when it is asked for.
+TEST_F(ComparisonTest, onlyOneComparisonAtATimeOffersItsTrees) {
+  const auto head = machine.takeSeveral(1);
+  std::vector<Xid> theirs;
+  for (int i = 0; i < 4; ++i) {
+    machine.write("/theirs" + std::to_string(i), 1);
+    theirs.push_back(machine.add("other.tool-"));
+  }
+  std::vector<std::string> answers(2);
+  machine.here().sim.directories().watchCalls([&](sim::DirectoryCall call, const std::string&) {
+    if (call == sim::DirectoryCall::openTree) machine.here().life.delay(100ms);
+  });
+  machine.run([&] {
+    for (const std::size_t client : {0u, 1u}) {
+      machine.here().life.spawn("client", [&, client] {
+        const SnapshotRecord from = machine.record(theirs[2 * client]), to = machine.record(theirs[2 * client + 1]);
+        answers[client] = textOf(*machine.history().compare(machine.volume(), from, to, false, false));
+      });
+      machine.here().life.delay(10ms);  // the second one comes while the first is at it
+    }
+  });
+  machine.settle();
+  EXPECT_THAT(answers, ElementsAre("+/theirs1", "+/theirs3"));
+  EXPECT_THAT(machine.logged("adopted comparison scan"), SizeIs(2));
+  EXPECT_EQ(machine.ready(), (Xids{head[0], theirs[0], theirs[1]}));
+  EXPECT_EQ(textOf(*compare(theirs[3], theirs[2])), "-/theirs3");
+  machine.settle();
+  EXPECT_EQ(machine.ready(), (Xids{head[0], theirs[0], theirs[1], theirs[2], theirs[3]}));
+  EXPECT_EQ(machine.complaint(), "");
+}
+
 TEST_F(ComparisonTest, aFullScanShowsWhatIsExcludedAndLeavesTheHistoryAlone) {
   machine.rules = ExclusionRules::compile({}, {"cache"}, {});
   const auto xids = machine.takeSeveral(1);
@@ -268,9 +324,9 @@ TEST(ComparisonCache, holdsTheLastTwoAndOneTreeAtMost) {
 }
 
 TEST(DiffResult, rowsStandByPathAndTellEachSide) {
-  using namespace SnapshotIndex;
+  using SnapshotIndex::EntryType;
   const auto entry = [](const char* path, std::int64_t size, EntryType type = EntryType::file) {
-    return Entry({.type = type, .size = size, .mtimeNS = size * 10}, path);
+    return SnapshotIndex::Entry({.type = type, .size = size, .mtimeNS = size * 10}, path);
   };
   Comparison comparison;
   comparison.output.added = {entry("/z", 1)};
@@ -279,31 +335,13 @@ TEST(DiffResult, rowsStandByPathAndTellEachSide) {
   comparison.output.moved = {{entry("/y", 5), entry("/b", 6)}};
   comparison.output.totalChangeCount = 99;
   DiffResult result = makeDiffResult(comparison, "v", {2}, {1});
-  EXPECT_THAT(result.rows, ElementsAre(DiffResult::Row{.path = "/a",
-                                                       .kind = DiffResult::ChangeKind::deleted,
-                                                       .type = DiffResult::EntryType::symlink,
-                                                       .oldSize = 2,
-                                                       .oldMTimeNS = 20},
-                                       DiffResult::Row{.path = "/b",
-                                                       .kind = DiffResult::ChangeKind::moved,
-                                                       .type = DiffResult::EntryType::file,
-                                                       .oldSize = 5,
-                                                       .newSize = 6,
-                                                       .oldMTimeNS = 50,
-                                                       .newMTimeNS = 60,
-                                                       .oldPath = "/y"},
-                                       DiffResult::Row{.path = "/m",
-                                                       .kind = DiffResult::ChangeKind::replaced,
-                                                       .type = DiffResult::EntryType::directory,
-                                                       .oldSize = 3,
-                                                       .newSize = 4,
-                                                       .oldMTimeNS = 30,
-                                                       .newMTimeNS = 40},
-                                       DiffResult::Row{.path = "/z",
-                                                       .kind = DiffResult::ChangeKind::added,
-                                                       .type = DiffResult::EntryType::file,
-                                                       .newSize = 1,
-                                                       .newMTimeNS = 10}));
+  // Path, kind and type; the sizes before and after, then the times.
+  using Row = DiffResult::Row;
+  using enum DiffResult::ChangeKind;
+  using enum DiffResult::EntryType;
+  EXPECT_THAT(result.rows,
+              ElementsAre(Row{"/a", deleted, symlink, 2, {}, 20}, Row{"/b", moved, file, 5, 6, 50, 60, "/y"},
+                          Row{"/m", replaced, directory, 3, 4, 30, 40}, Row{"/z", added, file, {}, 1, {}, 10}));
   EXPECT_EQ(result.totalRowCount, 4);
   comparison.output.truncated = true;
   EXPECT_EQ(makeDiffResult(comparison, "v", {2}, {1}).totalRowCount, 99);

@@ -57,7 +57,7 @@ class HistoryChain : public ::testing::TestWithParam<ModelCase> {
   }
 
   void step(HistoryLife& life, const VolumeUuid& volume, VolumeModel& model) {
-    switch (below(12)) {
+    switch (below(13)) {
       case 0:
       case 1:
       case 2:
@@ -69,6 +69,7 @@ class HistoryChain : public ::testing::TestWithParam<ModelCase> {
       case 8:
       case 9: return deleteSome(life, volume, model);
       case 10: return chance(50) ? life->compactHistory(volume) : dropPending(life, volume, model);
+      case 11: return requeueSome(life, volume, model);
       default: return chance(25) ? drop(life, volume, model) : life.reopen();
     }
   }
@@ -101,6 +102,28 @@ class HistoryChain : public ::testing::TestWithParam<ModelCase> {
     life->deleteSnapshots(volume, doomed);
     for (const Xid xid : doomed) model.snapshots.erase(xid.value);
     if (!doomed.empty()) dropIfEmpty(model);
+  }
+
+  // Those at the end wait again, the others go.
+  void requeueSome(HistoryLife& life, const VolumeUuid& volume, VolumeModel& model) {
+    const std::vector<std::uint64_t> ready = model.xids(true);
+    std::vector<StoredSnapshot> stale;
+    bool isEnd = true;
+    for (auto xid = ready.rbegin(); xid != ready.rend(); ++xid) {
+      if (!chance(50)) {
+        isEnd = false;
+        continue;
+      }
+      stale.push_back({.xid = Xid{*xid}, .name = "stale"});
+      if (isEnd) {
+        model.snapshots[*xid].ready = false;
+      } else {
+        model.snapshots.erase(*xid);
+      }
+    }
+    if (stale.empty()) return;
+    EXPECT_EQ(life->requeueEnd(volume, stale), !model.snapshots[ready.back()].ready);
+    model.indexed = !model.xids(true).empty();
   }
 
   void dropPending(HistoryLife& life, const VolumeUuid& volume, VolumeModel& model) {

@@ -214,6 +214,19 @@ TEST_F(HistoryFaults, theHeadIsDeletedOrStays) {
         marked(otherHistoryVolume, "40,30"));
 }
 
+// Whatever waits, and whatever joins it, is there wherever it ends.
+TEST_F(HistoryFaults, snapshotsArePutBackInTheQueueOrStayAndNothingLeavesIt) {
+  const auto stale = [](std::initializer_list<std::uint64_t> xids) {
+    std::vector<StoredSnapshot> snapshots;
+    for (const std::uint64_t xid : xids) snapshots.push_back({.xid = Xid{xid}, .name = "stale"});
+    return snapshots;
+  };
+  const auto end = [&](HistoryLife& life) { EXPECT_TRUE(life->requeueEnd(volume, stale({20, 40}))); };
+  const auto all = [&](HistoryLife& life) { EXPECT_TRUE(life->requeueEnd(volume, stale({10, 30}))); };
+  const auto head = [&](HistoryLife& life) { EXPECT_TRUE(life->requeueHead(otherHistoryVolume, stale({40}).front())); };
+  sweep({end, all, head});
+}
+
 TEST_F(HistoryFaults, aVolumeIsDroppedWholeOrNotAtAll) {
   sweep({[](HistoryLife& life) { life->dropVolume(otherHistoryVolume); }});
 }

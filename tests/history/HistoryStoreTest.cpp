@@ -130,14 +130,6 @@ TEST_F(HistoryStore, refusesADeltaWhoseHeadMovedAndLeavesAllAsItWas) {
   EXPECT_EQ(brokenInvariant(life.store(), life.dispatch()), "");
 }
 
-TEST_F(HistoryStore, movesTheHeadOverASnapshotThatChangesNothing) {
-  life.index(volume, 1, with(1));
-  life.index(volume, 2, with(1));
-  EXPECT_THAT(changes(), IsEmpty());
-  EXPECT_EQ(life->volumeState(volume)->head, Xid{2});
-  EXPECT_TRUE(life->isReady(volume, Xid{2}));
-}
-
 TEST_F(HistoryStore, computesWhatATreeChangesByPath) {
   HistoryTreeMap before = with(1);
   before["/gone"] = file(301, 1);
@@ -156,29 +148,21 @@ TEST_F(HistoryStore, computesWhatATreeChangesByPath) {
   EXPECT_THAT(life->computeDelta(otherHistoryVolume, entriesOf(life.dispatch(), {})), IsEmpty());
 }
 
-TEST_F(HistoryStore, mergesAMiddleSnapshotIntoTheNextOne) {
-  for (const std::uint64_t xid : {1, 2, 3}) life.index(volume, xid, with(static_cast<std::int64_t>(xid)));
-  life->deleteSnapshot(volume, Xid{2});
-  EXPECT_THAT(changes(), ElementsAre("3 /f 1 3"));
-  EXPECT_EQ(life->readyXIDs(volume), (std::set<Xid>{Xid{1}, Xid{3}}));
-}
-
-TEST_F(HistoryStore, forgetsAFileThatCameAndWentBetweenSnapshots) {
-  HistoryTreeMap more = with(1);
-  more["/passing"] = file(301, 1);
-  life.index(volume, 1, with(1));
-  life.index(volume, 2, more);
-  life.index(volume, 3, with(1));
-  life->deleteSnapshot(volume, Xid{2});
-  EXPECT_THAT(changes(), IsEmpty());
-}
-
-TEST_F(HistoryStore, movesTheBaselineToTheNextReadyState) {
-  for (const std::uint64_t xid : {1, 2, 3}) life.index(volume, xid, with(static_cast<std::int64_t>(xid)));
-  life->deleteSnapshot(volume, Xid{1});
-  EXPECT_EQ(life->volumeState(volume)->baseline, Xid{2});
-  EXPECT_THAT(changes(), ElementsAre("3 /f 2 3"));
-  EXPECT_EQ(life.readyTrees(volume), (std::map<std::uint64_t, HistoryTreeMap>{{2, with(2)}, {3, with(3)}}));
+TEST_F(HistoryStore, countsWhatATreeChangesWithTheTree) {
+  HistoryTreeMap before = with(1);
+  for (int i = 0; i < 5'000; ++i) before["/gone " + std::to_string(i)] = file(1'000 + static_cast<std::uint64_t>(i), 1);
+  life.index(volume, 1, before);
+  const auto memory = std::make_shared<TreeMemory>(10 * 5'000 * sizeof(HistoryChange));
+  SnapshotIndex::ShardedEntries tree = entriesOf(life.dispatch(), with(1));
+  tree.hold(std::make_shared<TreeClaim>(memory));
+  EXPECT_EQ(life->computeDelta(volume, tree).size(), 5'000u);
+  TreeClaim others(memory);
+  EXPECT_FALSE(others.take(9 * 5'000 * sizeof(HistoryChange) + 1)) << "the delta's is taken";
+  ASSERT_TRUE(others.take(8 * 5'000 * sizeof(HistoryChange)));
+  EXPECT_EQ(errorOf([&] { (void)life->computeDelta(volume, tree); }).description(),
+            "What changed takes too much memory");
+  tree = {};
+  EXPECT_TRUE(others.take(2 * 5'000 * sizeof(HistoryChange)));
 }
 
 TEST_F(HistoryStore, keepsADeletedHeadUntilThePendingSnapshotSucceedsIt) {
@@ -191,14 +175,6 @@ TEST_F(HistoryStore, keepsADeletedHeadUntilThePendingSnapshotSucceedsIt) {
   life->compactHistory(volume);
   EXPECT_THAT(marks(), IsEmpty());
   EXPECT_THAT(changes(), ElementsAre("3 /f 1 3"));
-}
-
-TEST_F(HistoryStore, stepsBackFromADeletedHead) {
-  for (const std::uint64_t xid : {1, 2, 3}) life.index(volume, xid, with(static_cast<std::int64_t>(xid)));
-  life->deleteSnapshots(volume, {Xid{3}, Xid{2}});
-  EXPECT_EQ(life->volumeState(volume)->head, Xid{1});
-  EXPECT_EQ(rows("SELECT path||size AS concat FROM head_nodes ORDER BY path"), (std::vector<std::string>{"/0", "/f1"}));
-  EXPECT_THAT(changes(), IsEmpty());
 }
 
 TEST_F(HistoryStore, removesEveryRowWithTheOnlySnapshot) {
@@ -261,6 +237,30 @@ TEST_F(HistoryStore, makesTheHeadPendingAgainUnlessANewerOneWaits) {
   EXPECT_THAT(rows("SELECT path AS concat FROM head_nodes UNION SELECT path FROM baseline_nodes"), IsEmpty());
 }
 
+TEST_F(HistoryStore, putsTheEndBackInTheQueueAndKeepsWhatWaitsEvenOfAChainThatContradictsItself) {
+  for (const std::uint64_t xid : {1, 2, 3}) life.index(volume, xid, with(static_cast<std::int64_t>(xid)));
+  life.recordPending(volume, 4);
+  const StoredSnapshot middle{.xid = Xid{2}, .name = "two", .createdAt = created};
+  const StoredSnapshot head{.xid = Xid{3}, .name = "three", .createdAt = created};
+  EXPECT_TRUE(life->requeueEnd(volume, {head}));
+  EXPECT_EQ(life->volumeState(volume)->head, Xid{2});
+  EXPECT_EQ(life->pendingSnapshots(volume).size(), 2u);
+  EXPECT_EQ(life.tree(volume, 2), with(2));
+  life.commit(volume, 3, with(3));
+  EXPECT_FALSE(life->requeueEnd(volume, {middle})) << "it can't join the chain again";
+  EXPECT_EQ(life.tree(volume, 3), with(3));
+  EXPECT_EQ(brokenInvariant(life.store(), life.dispatch()), "");
+
+  life.commit(volume, 4, with(4));
+  life.recordPending(volume, 5);
+  onFile("UPDATE changes SET before_size=77 WHERE xid=4");
+  EXPECT_TRUE(life->requeueEnd(volume, {head}));
+  EXPECT_THAT(life.logLines().back(), HasSubstr("transition mismatch while compacting " + volume.text()));
+  EXPECT_THAT(rows("SELECT xid||' '||state AS concat FROM snapshots ORDER BY xid"),
+              ElementsAre("3 pending", "5 pending"));
+  EXPECT_EQ(brokenInvariant(life.store(), life.dispatch()), "");
+}
+
 TEST_F(HistoryStore, aDatabaseThatProvesDamagedIsMadeAnewAtTheNextOpening) {
   life.index(volume, 1, with(1));
   life->compactHistory(volume);
@@ -281,14 +281,6 @@ TEST_F(HistoryStore, aDatabaseThatProvesDamagedIsMadeAnewAtTheNextOpening) {
   EXPECT_FALSE(life->isDamaged());
   life.index(volume, 1, with(1));
   EXPECT_EQ(brokenInvariant(life.store(), life.dispatch()), "");
-}
-
-TEST_F(HistoryStore, dropsPendingSnapshotsButThoseToKeep) {
-  for (const std::uint64_t xid : {1, 2, 3, 4}) life.recordPending(volume, xid);
-  life->dropPending(volume, Xid{3}, {Xid{2}, Xid{9}});
-  EXPECT_THAT(rows("SELECT xid||'' AS concat FROM snapshots ORDER BY xid"), ElementsAre("2", "4"));
-  life->dropPending(volume, Xid{3}, {});
-  EXPECT_THAT(rows("SELECT xid||'' AS concat FROM snapshots ORDER BY xid"), ElementsAre("4"));
 }
 
 TEST_F(HistoryStore, dropsOneVolumeOrAllAndKeepsTheBootstrap) {
@@ -332,17 +324,6 @@ TEST_F(HistoryStore, endsACancelledReadBeforeItAndInItsMiddle) {
   EXPECT_EQ(questions, 4) << "a cancelled read asks no further";
   EXPECT_LT(rowsRead, 3000) << "each row costs instructions, of which at most 1,000 pass between two questions";
   EXPECT_EQ(life.readyTrees(volume).size(), 0u) << "the connection serves on";
-}
-
-TEST_F(HistoryStore, readsOneStateWhateverIsCommittedMeanwhile) {
-  life.index(volume, 1, with(1));
-  life->consistentRead({}, [&](HistoryConnection& connection) {
-    EXPECT_EQ(readReadyXids(connection, volume).size(), 1u);
-    life.index(volume, 2, with(2));
-    EXPECT_EQ(readReadyXids(connection, volume).size(), 1u);
-    EXPECT_EQ(treeOf(life->reconstruct(volume, Xid{2}, connection)), with(1));
-  });
-  EXPECT_EQ(life->readyXIDs(volume).size(), 2u);
 }
 
 // Goal:   what can't be read as this version's database is thrown away with its companions, and a bootstrap asked for.

@@ -9,7 +9,6 @@
 #include "history/SnapshotHistoryManager.h"
 #include "journal/AuditTrail.h"
 #include "platform/Files.h"
-#include "platform/PropertyList.h"
 #include "platform/linux/PropertyList.h"
 #include "platform/linux/Random.h"
 #include "platform/sim/SimDirectoryReader.h"
@@ -20,6 +19,7 @@
 #include "snapshots/APFSManager.h"
 #include "snapshots/MountPinRegistry.h"
 #include "snapshots/VolumeService.h"
+#include "tests/snapshots/SimDiskutil.h"
 
 namespace quillmark {
 namespace {
@@ -49,7 +49,9 @@ class HistoryThreads : public ::testing::Test {
     for (const std::string& directory : {paths.userMountRoot, paths.privateMountRoot}) {
       createDirectories(machine.posix, directory, 0755);
     }
-    processes.script(paths.diskutil, [this](const ProcessRequest& request) { return diskutil(request); });
+    processes.script(paths.diskutil, [this](const ProcessRequest& request) {
+      return sim::SimProgram{.output = snapshotsAsDiskutilListsThem(volumes, propertyLists, request.arguments.back())};
+    });
   }
 
   ~HistoryThreads() override { machine.dispatch.shutdown(); }  // work under way uses what stands below
@@ -80,18 +82,6 @@ class HistoryThreads : public ::testing::Test {
     const std::string name = std::string(SnapshotNameInfo::prefix) + "manual." + std::to_string(number);
     const Xid xid = *volumes.addSnapshot(uuid, name, machine.clock.now());
     return {.name = name, .xid = xid, .createdAt = machine.clock.now()};
-  }
-  sim::SimProgram diskutil(const ProcessRequest& request) {
-    PropertyArray entries;
-    for (const sim::SimVolume& volume : volumes.volumes()) {
-      if (volume.description.mediaBsdName != request.arguments.back()) continue;
-      for (const sim::SimSnapshot& snapshot : volume.snapshots) {
-        entries.push_back(PropertyList(PropertyDictionary{{"SnapshotName", PropertyList(snapshot.name)},
-                                                          {"SnapshotXID", PropertyList(snapshot.xid.value)}}));
-      }
-    }
-    return {.output =
-                propertyLists.write(PropertyList(PropertyDictionary{{"Snapshots", PropertyList(std::move(entries))}}))};
   }
   // Looks until it holds, for a minute at most.
   bool await(const std::function<bool()>& holds) {

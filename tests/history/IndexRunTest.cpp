@@ -1,12 +1,13 @@
 // The road of a snapshot from created to indexed, and what may stand in its way.
 #include "PipelineMachine.h"
+#include "history/HistoryConnection.h"
+#include "history/IndexProgress.h"
 #include "history/ProgressThrottle.h"
 #include "wire/QuillmarkError.h"
 
 namespace quillmark {
 namespace {
 
-using ::testing::Contains;
 using ::testing::ElementsAre;
 using ::testing::HasSubstr;
 using ::testing::IsEmpty;
@@ -80,52 +81,44 @@ std::string complaintInTheEnd(PipelineMachine& machine) {
 // Goal:   a helper killed at any moment of the road loses nothing: the next one ends it.
 // Method: kill at the n-th call to files, SQLite's among them, or to volumes and directories, for n = 1, 2, ...
 TEST(IndexRun, AKillAtAnyStepIsMadeGoodByTheNextHelper) {
-  std::uint64_t fileCalls = 0, otherCalls = 0;
-  for (std::uint64_t n = 1; fileCalls == 0; n += 3) {
+  // A snapshot is taken while the helper waits for its end; whether it was killed on the way.
+  const auto survives = [](PipelineMachine& machine, FunctionRef<void()> lieInWait) {
+    const auto record = machine.record(machine.add());
+    VolumeInfo volume;
+    machine.run([&] { volume = machine.volume(); });
+    lieInWait();
+    (void)machine.simulation.run(machine.here().life,
+                                 [&] { machine.history().snapshotCreated(volume, record, Forced::no); });
+    machine.settle();
+    machine.volumes.watchCalls(nullptr);
+    machine.here().sim.directories().watchCalls(nullptr);
+    machine.here().sim.files().setPlan({});
+    const bool isAlive = machine.here().life.isAlive();
+    if (!isAlive) machine.restart();
+    return isAlive;
+  };
+  std::uint64_t n = 1;
+  for (bool isAlive = false; !isAlive; n += 3) {
     const auto machine = machineWithBaseline();
-    machine->here().sim.files().setPlan({.seed = n, .fault = sim::Fault::kill, .atCall = n});
-    const Xid xid = machine->add();
-    const auto record = machine->record(xid);
-    (void)machine->simulation.run(machine->here().life,
-                                  [&] { machine->history().snapshotCreated(machine->volume(), record, Forced::no); });
-    machine->settle();
-    if (!machine->here().sim.files().faultFired()) {
-      fileCalls = n;
-      machine->here().sim.files().setPlan({});
-    } else {
-      machine->restart();
-    }
+    isAlive = survives(
+        *machine, [&] { machine->here().sim.files().setPlan({.seed = n, .fault = sim::Fault::kill, .atCall = n}); });
     ASSERT_EQ(complaintInTheEnd(*machine), "") << "killed at file call " << n;
   }
-  for (std::uint64_t n = 1; otherCalls == 0; ++n) {
+  EXPECT_GT(n, 20u);
+  n = 1;
+  for (bool isAlive = false; !isAlive; ++n) {
     const auto machine = machineWithBaseline();
     std::uint64_t calls = 0;
     const auto count = [&, life = &machine->here().life] {
       if (++calls == n) life->kill();
     };
-    const Xid xid = machine->add();
-    const auto record = machine->record(xid);
-    const auto volume = [&] {
-      VolumeInfo found;
-      machine->run([&] { found = machine->volume(); });
-      return found;
-    }();
-    machine->volumes.watchCalls([&](sim::SimCall, const std::string&) { count(); });
-    machine->here().sim.directories().watchCalls([&](DirectoryCall, const std::string&) { count(); });
-    (void)machine->simulation.run(machine->here().life,
-                                  [&] { machine->history().snapshotCreated(volume, record, Forced::no); });
-    machine->settle();
-    machine->volumes.watchCalls(nullptr);
-    if (calls < n) {
-      otherCalls = n;
-      machine->here().sim.directories().watchCalls(nullptr);
-    } else {
-      machine->restart();
-    }
+    isAlive = survives(*machine, [&] {
+      machine->volumes.watchCalls([&](sim::SimCall, const std::string&) { count(); });
+      machine->here().sim.directories().watchCalls([&](DirectoryCall, const std::string&) { count(); });
+    });
     ASSERT_EQ(complaintInTheEnd(*machine), "") << "killed at volume or directory call " << n;
   }
-  EXPECT_GT(fileCalls, 20u);
-  EXPECT_GT(otherCalls, 10u);
+  EXPECT_GT(n, 10u);
 }
 
 // Goal:   whatever file call fails once, the history stays sound, and its timers make it good.
@@ -146,6 +139,22 @@ TEST(IndexRun, AFailureAnywhereLeavesTheChainSoundAndIsMadeGoodByTheTimers) {
     ASSERT_EQ(complaintInTheEnd(*machine), "") << "failed at file call " << n;
   }
   EXPECT_GT(n, 20u);
+}
+
+TEST(IndexRun, ProgressNeverStepsBackWithinASnapshot) {
+  PipelineMachine machine;
+  HistoryProviders providers;
+  IndexProgress progress(machine.here().life.dispatch(), nullptr, providers);
+  const auto shown = [&] { return progress.active().at(0).filesScanned; };
+  progress.begin(machine.key, Xid{1});
+  progress.counted(machine.key, Xid{1}, 5000);
+  progress.counted(machine.key, Xid{1}, 4321);  // what was counted ahead turned out to be excluded
+  EXPECT_EQ(shown(), 5000);
+  progress.counted(machine.key, Xid{1}, 6000);
+  EXPECT_EQ(shown(), 6000);
+  progress.begin(machine.key, Xid{2});
+  progress.counted(machine.key, Xid{2}, 7);
+  EXPECT_EQ(shown(), 7);
 }
 
 TEST(IndexRun, SnapshotsTakenDuringARunAreIndexedInTheirOrder) {
@@ -217,6 +226,31 @@ TEST(IndexRun, ASnapshotThatIsGoneBeforeItsTurnIsForgotten) {
                           " no longer exists on volume Data; forgetting it"));
   EXPECT_EQ(machine.ready(), (Xids{stays}));
   EXPECT_EQ(machine.pending(), Xids());
+}
+
+TEST(IndexRun, WhatCannotBeForgottenEndsTheRunAndIsTriedAgainLater) {
+  PipelineMachine machine;
+  machine.run([&] { machine.store().markBootstrapComplete(), machine.history().startBackgroundWork(); });
+  machine.mode = IndexingMode::disabled;
+  const Xid gone = machine.take();
+  machine.destroy(gone);
+  machine.mode = IndexingMode::fullScan;
+  const auto execute = [&](const std::string& sql) {
+    machine.run([&] {
+      HistoryConnection(machine.here().sim.paths().state("history.sqlite3"), HistoryConnection::Access::readWriteCreate)
+          .execute(sql);
+    });
+  };
+  execute("CREATE TRIGGER full BEFORE INSERT ON history_deletions BEGIN SELECT RAISE(FAIL, 'full'); END");
+  const Xid stays = machine.take();
+  machine.settle();
+  EXPECT_THAT(machine.logged("forgetting"), SizeIs(2));
+  EXPECT_EQ(machine.pending(), (Xids{gone, stays}));
+  EXPECT_EQ(machine.health().state, HelperSubsystemState::degraded);
+  execute("DROP TRIGGER full");
+  machine.simulation.runFor(10min);
+  EXPECT_EQ(machine.ready(), (Xids{stays}));
+  EXPECT_EQ(machine.health(), HelperSubsystemHealth());
 }
 
 TEST(IndexRun, ASnapshotDeletedDuringARunHoldsUpNobodyAndIsNoFailure) {
@@ -304,45 +338,36 @@ TEST(IndexRun, WhileIndexingIsDisabledSnapshotsAreRegisteredOnly) {
   EXPECT_EQ(machine.ready(), (Xids{first, second, third}));
 }
 
-TEST(IndexRun, AMountOfTheUsersIsReadPinnedAndLeftAlone) {
-  PipelineMachine machine;
-  const Xid xid = machine.add();
-  ASSERT_TRUE(machine.volumes.mount(machine.uuid, machine.userPath(xid), machine.nameOf(xid), mntReadOnly));
-  std::string path, reason;
-  onScan(machine, [&](const std::string& scanned) {
-    path = scanned;
-    reason = machine.here().pins.activeReason(scanned).value_or("none");
-  });
-  machine.tell(xid);
-  machine.settle();
-  EXPECT_EQ(machine.ready(), (Xids{xid}));
-  EXPECT_EQ(path, machine.userPath(xid));
-  EXPECT_EQ(reason, "a restore or comparison scan is reading from it");
-  EXPECT_EQ(machine.here().pins.activeReason(path), std::nullopt);
-  EXPECT_THAT(machine.mountPoints(), ElementsAre(machine.userPath(xid)));
-}
-
-TEST(IndexRun, ASnapshotMountedElsewhereIsReadThere) {
-  PipelineMachine machine;
-  const Xid xid = machine.add();
-  ASSERT_TRUE(machine.volumes.mount(machine.uuid, "/mnt/elsewhere", machine.nameOf(xid), mntReadOnly));
-  std::string path;
-  onScan(machine, [&](const std::string& scanned) { path = scanned; });
-  machine.tell(xid);
-  machine.settle();
-  EXPECT_EQ(machine.ready(), (Xids{xid}));
-  EXPECT_EQ(path, "/mnt/elsewhere");
-  EXPECT_THAT(machine.mountPoints(), ElementsAre("/mnt/elsewhere"));
-}
-
-TEST(IndexRun, AnIndexMountThatIsThereAlreadyIsTakenOver) {
-  PipelineMachine machine;
-  const Xid xid = machine.add();
-  ASSERT_TRUE(machine.volumes.mount(machine.uuid, machine.indexPath(xid), machine.nameOf(xid), mntReadOnly));
-  machine.tell(xid);
-  machine.settle();
-  EXPECT_EQ(machine.ready(), (Xids{xid}));
-  EXPECT_THAT(machine.mountPoints(), IsEmpty());
+TEST(IndexRun, AMountThatIsThereAlreadyIsReadPinnedAndLeftAloneUnlessItIsTheIndexsOwn) {
+  const std::function<std::string(PipelineMachine&, Xid)> places[] = {
+      [](PipelineMachine& machine, Xid xid) { return machine.userPath(xid); },
+      [](PipelineMachine&, Xid) { return "/mnt/elsewhere"; },
+      [](PipelineMachine& machine, Xid xid) { return machine.indexPath(xid); }};
+  for (const auto& place : places) {
+    PipelineMachine machine;
+    const Xid xid = machine.add();
+    const std::string there = place(machine, xid);
+    SCOPED_TRACE(there);
+    ASSERT_TRUE(machine.volumes.mount(machine.uuid, there, machine.nameOf(xid), mntReadOnly));
+    std::string path, reason;
+    onScan(machine, [&](const std::string& scanned) {
+      path = scanned;
+      reason = machine.here().pins.activeReason(scanned).value_or("none");
+    });
+    machine.tell(xid);
+    machine.settle();
+    EXPECT_EQ(machine.ready(), (Xids{xid}));
+    EXPECT_EQ(path, there);
+    EXPECT_EQ(machine.here().pins.activeReason(path), std::nullopt);
+    if (there == machine.indexPath(xid)) {
+      EXPECT_THAT(machine.mountPoints(), IsEmpty());
+    } else {
+      EXPECT_THAT(machine.mountPoints(), ElementsAre(there));
+    }
+    if (there == machine.userPath(xid)) {
+      EXPECT_EQ(reason, "a restore or comparison scan is reading from it");
+    }
+  }
 }
 
 TEST(IndexRun, AForeignMountAtTheIndexPathFailsTheRunUntilItIsGone) {
@@ -384,6 +409,11 @@ TEST(IndexRun, AScanThatFailsLeavesTheChainAndTellsWhy) {
   EXPECT_EQ(event.snapshotName, machine.nameOf(second));
   EXPECT_THAT(event.errorMessage.value_or(""), HasSubstr("Input/output error"));
   EXPECT_THAT(machine.mountPoints(), IsEmpty());
+  const sim::SimVolume data = machine.volumes.volumes().front();
+  machine.volumes.take(machine.uuid);
+  EXPECT_EQ(machine.health(), HelperSubsystemHealth()) << "nobody can do anything about it";
+  machine.volumes.add(data);
+  EXPECT_EQ(machine.health().state, HelperSubsystemState::degraded);
   machine.run([&] { machine.history().forgetRepairFailure(machine.key); });
   EXPECT_EQ(machine.health(), HelperSubsystemHealth());
 }

@@ -15,10 +15,10 @@
 
 #include "ChainInvariants.h"
 #include "HistoryMachine.h"
+#include "history/MemoryReturn.h"
 #include "history/SnapshotHistoryManager.h"
 #include "journal/AuditTrail.h"
 #include "platform/Files.h"
-#include "platform/PropertyList.h"
 #include "platform/sim/Fiber.h"
 #include "platform/sim/SimPlatform.h"
 #include "platform/sim/Simulation.h"
@@ -26,6 +26,7 @@
 #include "snapshots/MountNames.h"
 #include "snapshots/MountPinRegistry.h"
 #include "snapshots/VolumeService.h"
+#include "tests/snapshots/SimDiskutil.h"
 
 namespace quillmark {
 
@@ -60,16 +61,8 @@ struct PipelineHelper {
       createDirectories(sim.files(), directory, 0755);
     }
     sim.processes().script(sim.paths().diskutil, [this, &volumes](const ProcessRequest& request) {
-      PropertyArray entries;
-      for (const sim::SimVolume& volume : volumes.volumes()) {
-        if (volume.description.mediaBsdName != request.arguments.back()) continue;
-        for (const sim::SimSnapshot& snapshot : volume.snapshots) {
-          entries.push_back(PropertyList(PropertyDictionary{{"SnapshotName", PropertyList(snapshot.name)},
-                                                            {"SnapshotXID", PropertyList(snapshot.xid.value)}}));
-        }
-      }
-      return sim::SimProgram{.output = platform.propertyLists.write(
-                                 PropertyList(PropertyDictionary{{"Snapshots", PropertyList(std::move(entries))}}))};
+      return sim::SimProgram{
+          .output = snapshotsAsDiskutilListsThem(volumes, platform.propertyLists, request.arguments.back())};
     });
   }
 
@@ -79,6 +72,7 @@ struct PipelineHelper {
   HistoryLog log;
   PipelineTrail audit;
   PipelineCaches caches;
+  MemoryReturn memory{life.dispatch(), sim.process()};
   MountPinRegistry pins{life.dispatch(), life.random()};
   SnapshotIdentity identity{life.dispatch(),
                             platform.processes,
@@ -137,7 +131,8 @@ class PipelineMachine {
                                                      .volumes = here().inventory,
                                                      .mountPins = here().pins,
                                                      .audit = here().audit,
-                                                     .caches = &here().caches});
+                                                     .caches = &here().caches,
+                                                     .memory = &here().memory});
       here().history->install(
           {.progressReporter = [this](const ActiveIndexProgress& progress) { pushes.push_back(progress); },
            .indexingMode = [this] { return mode; },

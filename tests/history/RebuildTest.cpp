@@ -9,7 +9,6 @@ using ::testing::Contains;
 using ::testing::ElementsAre;
 using ::testing::HasSubstr;
 using ::testing::IsEmpty;
-using ::testing::Not;
 using ::testing::SizeIs;
 
 const std::string own = std::string(SnapshotNameInfo::prefix) + "manual.";
@@ -106,6 +105,7 @@ TEST(Rebuild, AVolumeIsMadeAnewFromAllItsSnapshotsButTheSystems) {
   machine.volumes.failNext(sim::SimCall::list, EIO);
   const std::string failure = machine.errorOf([&] { machine.history().reindexVolume(machine.volume()); });
   EXPECT_THAT(failure, HasSubstr("fs_snapshot_list failed"));
+  EXPECT_EQ(machine.ready(), (Xids{external, ours})) << "nothing is thrown away that can't be made anew";
 }
 
 struct TwoVolumes : PipelineMachine {
@@ -172,6 +172,20 @@ TEST(Rebuild, ABootstrapThatFailsIsRepeatedByTheNextHelper) {
   machine.settle();
   EXPECT_EQ(machine.ready(), machine.data);
   EXPECT_FALSE(machine.asksForBootstrap());
+}
+
+TEST(Rebuild, AVolumeWhoseSnapshotsCannotBeListedKeepsItsHistory) {
+  PipelineMachine machine;
+  const std::vector<Xid> xids = machine.takeSeveral(2);
+  machine.volumes.failNext(sim::SimCall::list, EIO);
+  machine.run([&] { machine.history().bootstrap(); });
+  machine.settle();
+  EXPECT_EQ(machine.ready(), Xids(xids.begin(), xids.end()));
+  EXPECT_THAT(machine.logged("(re)index failed"), SizeIs(1));
+  EXPECT_EQ(machine.health().state, HelperSubsystemState::degraded);
+  EXPECT_THAT(machine.here().caches.purged, IsEmpty());
+  machine.run([&] { EXPECT_TRUE(machine.history().needsExistingSnapshotBootstrap()); });
+  EXPECT_EQ(machine.complaint(), "");
 }
 
 TEST(Rebuild, WithoutAVolumeTheBootstrapWaits) {

@@ -172,91 +172,64 @@ TEST(SnapshotScanner, FailuresArePutUpWithToldOrEndTheScan) {
     std::string name;
     std::vector<Failing> failing;
     std::string lost;  // the one entry that isn't there
-    std::string note;
-    std::string warning;
+    std::string note, warning;
     std::string failure = "none";
     bool tolerant = true;
   };
   const std::string directory = live + "/d", file = live + "/d/f";
   const std::string first = "1 unreadable directory skipped (first: " + directory + ")",
                     none = "0 unreadable directories skipped";
-  const std::string posix = "NSPOSIXErrorDomain ";
+  const auto posix = [](int error, const std::string& what) {
+    return "NSPOSIXErrorDomain " + std::to_string(error) + " " + what + ": " + errnoText(error);
+  };
   using enum DirectoryCall;
+  const std::vector<Failing> shut = {{open, directory, EACCES}, {opendir, directory, EACCES}},
+                             shutRoot = {{open, live, EACCES}, {opendir, live, EACCES}};
+  const auto entryFails = [&](int error) {
+    return std::vector<Failing>{{readRecords, directory, EACCES}, {lstat, file, error}};
+  };
+  const std::string fellBack = report(1, 0, none);
   const std::vector<Case> cases = {
-      {"gone before it is read", {{open, directory, ENOENT}}, file, "", ""},
-      {"gone while it is read", {{readRecords, directory, ENOENT}}, file, "", ""},
-      {"bulk reading refused", {{open, directory, EACCES}}, "", report(1, 0, none), ""},
-      {"bulk reading unknown", {{readRecords, directory, ENOSYS}}, "", report(1, 0, none), ""},
-      {"unreadable", {{open, directory, EACCES}, {opendir, directory, EACCES}}, file, "", report(1, 0, first)},
+      {"gone before it is read", {{open, directory, ENOENT}}, file},
+      {"gone while it is read", {{readRecords, directory, ENOENT}}, file},
+      {"bulk reading refused", {{open, directory, EACCES}}, "", fellBack},
+      {"bulk reading unknown", {{readRecords, directory, ENOSYS}}, "", fellBack},
+      {"unreadable", shut, file, "", report(1, 0, first)},
       {"unreadable names",
        {{open, directory, EPERM}, {readNames, directory, ENAMETOOLONG}},
        file,
        "",
        report(1, 0, first)},
-      {"unreadable, strictly",
-       {{open, directory, EACCES}, {opendir, directory, EACCES}},
-       file,
-       report(1, 0, none),
-       "",
-       posix + "13 opendir " + directory + ": Permission denied",
-       false},
-      {"evicted", {{open, directory, EDEADLK}, {opendir, directory, EDEADLK}}, file, report(1, 1, none), ""},
-      {"gone between the two", {{open, directory, EACCES}, {opendir, directory, ENOENT}}, file, report(1, 0, none), ""},
-      {"an unreadable entry",
-       {{readRecords, directory, EACCES}, {lstat, file, EACCES}},
-       file,
-       "",
+      {"unreadable, strictly", shut, file, fellBack, "", posix(EACCES, "opendir " + directory), false},
+      {"evicted", {{open, directory, EDEADLK}, {opendir, directory, EDEADLK}}, file, report(1, 1, none)},
+      {"gone between the two", {{open, directory, EACCES}, {opendir, directory, ENOENT}}, file, fellBack},
+      {"an unreadable entry", entryFails(EACCES), file, "",
        report(1, 0, none, ", 1 unreadable entry skipped (first: " + file + ")")},
-      {"an entry that is gone",
-       {{readRecords, directory, EACCES}, {lstat, file, ENOENT}},
-       file,
-       report(1, 0, none),
-       ""},
-      {"an entry that fails",
-       {{readRecords, directory, EACCES}, {lstat, file, EIO}},
-       "",
-       report(1, 0, none),
-       "",
-       posix + "5 lstat " + file + ": Input/output error"},
-      {"an unreadable entry, strictly",
-       {{readRecords, directory, EACCES}, {lstat, file, EPERM}},
-       "",
-       report(1, 0, none),
-       "",
-       posix + "1 lstat " + file + ": Operation not permitted",
-       false},
-      {"a failing disk", {{open, directory, EIO}}, "", "", "", posix + "5 open " + directory + ": Input/output error"},
-      {"a failing disk while it is read",
-       {{readRecords, directory, EIO}},
-       "",
-       "",
-       "",
-       posix + "5 getattrlistbulk " + directory + ": Input/output error"},
+      {"an entry that is gone", entryFails(ENOENT), file, fellBack},
+      {"an entry that fails", entryFails(EIO), "", fellBack, "", posix(EIO, "lstat " + file)},
+      {"an unreadable entry, strictly", entryFails(EPERM), "", fellBack, "", posix(EPERM, "lstat " + file), false},
+      {"a failing disk", {{open, directory, EIO}}, "", "", "", posix(EIO, "open " + directory)},
+      {"a failing read", {{readRecords, directory, EIO}}, "", "", "", posix(EIO, "getattrlistbulk " + directory)},
       {"a failing disk among names",
        {{open, directory, EACCES}, {readNames, directory, EIO}},
        "",
-       report(1, 0, none),
+       fellBack,
        "",
-       posix + "5 readdir " + directory + ": Input/output error"},
+       posix(EIO, "readdir " + directory)},
       {"malformed",
        {{readRecords, directory, EBADMSG}},
        "",
        "",
        "",
        "Quillmark.SnapshotScanner 2 Malformed bulk directory record in " + directory},
-      {"the root unreadable",
-       {{open, live, EACCES}, {opendir, live, EACCES}},
-       "",
-       report(1, 0, none),
-       "",
-       posix + "13 opendir " + live + ": Permission denied"},
-      {"the root gone", {{open, live, ENOENT}}, "", "", "", posix + "2 open " + live + ": No such file or directory"},
+      {"the root unreadable", shutRoot, "", fellBack, "", posix(EACCES, "opendir " + live)},
+      {"the root gone", {{open, live, ENOENT}}, "", "", "", posix(ENOENT, "open " + live)},
       {"an entry of the root",
        {{readRecords, live, EACCES}, {lstat, directory, EACCES}},
        "",
-       report(1, 0, none),
+       fellBack,
        "",
-       posix + "13 lstat " + directory + ": Permission denied"},
+       posix(EACCES, "lstat " + directory)},
   };
   for (const Case& one : cases) {
     for (const bool parallel : {false, true}) {
@@ -397,6 +370,7 @@ TEST(SnapshotScanner, BothRoadsGiveTheSameTreeAndKeepTheRules) {
       EXPECT_FALSE(path.starts_with("/.place")) << path;
       if (!isExcludedDescendant("/base" + path, rules) || path == "/") expected.emplace(path, facts);
     }
+    EXPECT_TRUE(expected.contains("/elsewhere/.place/theirs"));
     for (const std::string& root : {live, snapshot}) {
       for (const bool parallel : {false, true}) {
         const Tree tree =
@@ -449,23 +423,193 @@ TEST(SnapshotScanner, ATreeThatWouldTakeTheMachinesMemoryIsGivenUp) {
   }
 }
 
-TEST(SnapshotScanner, AnExcludedDirectoryIsAnEntryAndAFileOfItsNameIsOrdinary) {
+constexpr int manyNames = 20'000;
+
+// A directory under a path that takes 1,000 bytes for each entry in it.
+std::string deepWay() {
+  std::string way;
+  for (int i = 0; i < 4; ++i) way += "/" + std::string(249, 'd');
+  return way;
+}
+
+// Goal:   a tree read as a whole is counted while its paths are put together, not once they all are.
+// Method: many directories, or many names of one file, under a long path; past the memory nobody asks any more whether the
+//         scan was cancelled, and it is asked once for each few thousand names.
+TEST(SnapshotScanner, AWholeTreeIsGivenUpBeforeItsPathsTakeTheMemory) {
+  for (const bool areDirectories : {true, false}) {
+    SCOPED_TRACE(areDirectories);
+    Machine machine;
+    machine.edit([&](SimTree& tree) {
+      tree.write("/file", 1);
+      tree.makeDirectory(deepWay());
+      for (int i = 0; i < manyNames; ++i) {
+        const std::string path = deepWay() + "/" + std::to_string(i);
+        areDirectories ? tree.makeDirectory(path) : tree.link("/file", path);
+      }
+    });
+    machine.freeze();
+    // Half of it holds what was read, and the paths of some of the names.
+    machine.reader.setMemorySize(18'000'000);
+    int asked = 0;
+    machine.reader.watchCalls([&](DirectoryCall call, const std::string&) {
+      if (call == DirectoryCall::finish) asked = 0;
+    });
+    EXPECT_EQ(machine.failureOf({.root = snapshot, .parallel = false, .isCancelled = [&] { return ++asked < 0; }}),
+              "Quillmark.SnapshotScanner 3 Cannot scan " + snapshot + ": its names take too much memory");
+    EXPECT_LE(asked, 3) << "of at least 5 for all names";
+    machine.expectNothingLeftBehind();
+  }
+}
+
+TEST(SnapshotScanner, ADirectoryIsGivenUpBeforeItsPathsTakeTheMemory) {
+  Machine machine;
+  machine.edit([&](SimTree& tree) {
+    for (int i = 0; i < manyNames; ++i) tree.makeDirectory(deepWay() + "/" + std::to_string(i));
+  });
+  // Half of it holds what was read of the directory, and some of the paths.
+  machine.reader.setMemorySize(28'000'000);
+  std::atomic<std::uint64_t> processed = 0;
+  EXPECT_EQ(machine.failureOf({.root = live, .progress = [&](std::uint64_t count) { processed = count; }}),
+            "Quillmark.SnapshotScanner 3 Cannot scan " + live + ": its names take too much memory");
+  EXPECT_GT(processed, 0u);
+  EXPECT_LT(processed, 15'000u);
+  machine.expectNothingLeftBehind();
+}
+
+// Its only directory has always more, up to what nobody would wait for.
+class EndlessReader final : public DirectoryReader {
+ public:
+  explicit EndlessReader(bool isBulkRefused) : isBulkRefused_(isBulkRefused) {}
+
+  static constexpr std::size_t most = 1'000'000;
+  std::size_t given = 0;
+
+  SysResult<std::unique_ptr<OpenTree>> openTree(const std::string&) override {
+    return std::unique_ptr<OpenTree>(std::make_unique<Tree>(*this));
+  }
+  unsigned processorCount() override { return 2; }
+  std::uint64_t memorySize() override { return 20'000'000; }
+  std::unique_ptr<LowPriority> lowerPriority() override { return nullptr; }
+
+ private:
+  class Directory final : public OpenDirectory {
+   public:
+    explicit Directory(EndlessReader& reader) : reader_(reader) {}
+    SysResult<bool> readRecords(DirectoryRecords& into) override {
+      const auto names = readNames();
+      for (const std::string& name : *names) into.add(name, {.hasGeneration = true});
+      return !names->empty();
+    }
+    SysResult<std::vector<std::string>> readNames() override {
+      std::vector<std::string> names;
+      while (reader_.given < most && names.size() < 100) names.push_back(std::to_string(reader_.given++));
+      return names;
+    }
+    SysResult<FileFacts> lstat(const std::string&) override { return FileFacts{.hasGeneration = true}; }
+    SysResult<std::uint64_t> generationOf(const std::string&) override { return Errno{ENOTSUP}; }
+    SysResult<std::unique_ptr<FileLayout>> layoutOf(const std::string&) override { return Errno{ENOTSUP}; }
+
+   private:
+    EndlessReader& reader_;
+  };
+  class Tree final : public OpenTree {
+   public:
+    explicit Tree(EndlessReader& reader) : reader_(reader) {}
+    const FileFacts& root() const override { return root_; }
+    const std::string& ownPlace() const override { return none_; }
+    SysResult<std::unique_ptr<FileLayout>> rootLayout() override { return Errno{EINVAL}; }
+    SysResult<std::unique_ptr<WholeTree>> openWhole() override { return Errno{ENOTSUP}; }
+    SysResult<std::unique_ptr<OpenDirectory>> open(const std::string& path) override {
+      if (reader_.isBulkRefused_) return Errno{ENOTSUP};
+      return opendir(path);
+    }
+    SysResult<std::unique_ptr<OpenDirectory>> opendir(const std::string&) override {
+      return std::unique_ptr<OpenDirectory>(std::make_unique<Directory>(reader_));
+    }
+    SysResult<bool> isDataless(const std::string&) override { return false; }
+
+   private:
+    EndlessReader& reader_;
+    const FileFacts root_{.inode = 256, .type = FileType::directory};
+    const std::string none_;
+  };
+
+  const bool isBulkRefused_;
+};
+
+TEST(SnapshotScanner, ADirectoryThatNeverEndsIsGivenUp) {
+  for (const bool isBulkRefused : {false, true}) {
+    SCOPED_TRACE(isBulkRefused);
+    Machine machine;
+    EndlessReader reader(isBulkRefused);
+    SnapshotScanner scanner(machine.dispatch, reader, {}, {});
+    try {
+      (void)scanner.scan({.root = live});
+      ADD_FAILURE() << "all was read";
+    } catch (const Error& error) {
+      EXPECT_EQ(error.description(), "Cannot scan " + live + ": its names take too much memory");
+    }
+    EXPECT_LT(reader.given, reader.memorySize() / 2 / sizeof(FileFacts));
+  }
+}
+
+// Whoever reads beside a tree that is still there has what that leaves.
+TEST(SnapshotScanner, TreesShareTheMemoryUntilTheyAreGone) {
   Machine machine;
   machine.edit([](SimTree& tree) {
-    tree.write("/a/node_modules/x", 1);
-    tree.write("/b/node_modules", 1);
+    for (int i = 0; i < 1'000; ++i) tree.write("/" + std::to_string(i), 1);
   });
-  ExclusionRules rules;
-  rules.names = {"node_modules"};
-  EXPECT_THAT(pathsOf(machine.scan({.root = live, .rules = rules})),
-              ElementsAre("/", "/a", "/a/node_modules", "/b", "/b/node_modules"));
+  machine.freeze();
+  const auto memory = std::make_shared<TreeMemory>(300'000);
+  SnapshotScanner first(machine.dispatch, machine.reader, {}, {}, memory);
+  SnapshotScanner second(machine.dispatch, machine.reader, {}, {}, memory);
+  for (const std::string& root : {live, snapshot}) {
+    {
+      // As many more as one of them takes don't fit, whichever way they are read.
+      SnapshotIndex::ShardedEntries kept;
+      for (int i = 0; i < 2; ++i) kept = first.scan({.root = root});
+      TreeClaim rest(memory);
+      ASSERT_TRUE(rest.take(150'000));
+      EXPECT_THROW((void)second.scan({.root = root}), Error);
+    }
+    EXPECT_EQ(second.scan({.root = root}).count(), 1'001u);
+    TreeClaim all(memory);
+    EXPECT_TRUE(all.take(300'000)) << "nothing is kept of trees that are gone, nor of failures";
+  }
+}
+
+TEST(SnapshotScanner, WhatWasLeftOutIsToldAlsoAfterAFailure) {
+  Machine machine;
+  std::string way;
+  for (int i = 0; i < 40; ++i) way += "/" + std::string(250, 'd');
+  machine.edit([&](SimTree& tree) {
+    tree.write(way + "/unreachable", 1);
+    tree.write("/file", 1);
+    tree.makeDirectory(deepWay());
+    for (int i = 0; i < manyNames; ++i) tree.link("/file", deepWay() + "/" + std::to_string(i));
+  });
+  machine.freeze();
+  const auto told = ::testing::ElementsAre(::testing::HasSubstr("1 unreadable directory skipped"));
+  // Half of it holds what was read, and the directories.
+  machine.reader.setMemorySize(18'000'000);
+  EXPECT_THAT(machine.failureOf({.root = snapshot, .parallel = false}), ::testing::HasSubstr("too much memory"));
+  EXPECT_THAT(machine.warnings(), told);
+  machine.reader.setMemorySize(100'000'000);
+  // Cancelled when all is read.
+  int asked = 0;
+  bool isRead = false;
+  machine.reader.watchCalls([&](DirectoryCall call, const std::string&) { isRead = call == DirectoryCall::finish; });
+  const auto isCancelled = [&] { return isRead && ++asked == 3; };
+  EXPECT_THAT(machine.failureOf({.root = snapshot, .parallel = false, .isCancelled = isCancelled}),
+              ::testing::HasSubstr(errnoText(ECANCELED)));
+  EXPECT_THAT(machine.warnings(), told);
 }
 
 TEST(SnapshotScanner, AWholeTreeThatCantBeReadIsReadByItsDirectoriesWithOneNote) {
   for (const auto& [call, error] : {std::pair{DirectoryCall::openWhole, EACCES},
                                     {DirectoryCall::readPiece, EIO},
                                     {DirectoryCall::readPiece, EBADMSG},
-                                    {DirectoryCall::confirm, ESTALE}}) {
+                                    {DirectoryCall::finish, ESTALE}}) {
     Machine machine;
     std::mt19937_64 random(7);
     machine.edit([&](SimTree& tree) { fillAtRandom(tree, random, 100); });
@@ -492,7 +636,7 @@ TEST(SnapshotScanner, ProgressIsToldAtEachFiveThousandAndAtTheEnd) {
       // While it is read, not only when all is there.
       bool wasToldBefore = root == live;
       machine.reader.watchCalls([&](DirectoryCall call, const std::string&) {
-        if (call == DirectoryCall::confirm) wasToldBefore = told.with([](auto& all) { return all.size() == 1; });
+        if (call == DirectoryCall::finish) wasToldBefore = told.with([](auto& all) { return all.size() == 1; });
       });
       EXPECT_EQ(machine.scan({.root = root, .parallel = parallel, .progress = tell}).size(), 5'000u);
       EXPECT_THAT(told.with([](auto& all) { return all; }), ElementsAre(5'000, 5'000));
@@ -551,42 +695,31 @@ TEST(SnapshotScanner, AScanAsksToItsEndWhetherItIsCancelled) {
   EXPECT_GT(n, 16);  // each of the shards asks
 }
 
+// Directories are read by two threads less than there are processors, two at least and four at most. Reading a whole tree
+// takes a thread a processor, and eight once the disk is waited for; then one places the directories, and as many as there
+// are processors hand in.
 TEST(SnapshotScanner, AsManyThreadsAsTheRoadWantsHaveLowPriority) {
   struct Case {
     std::string root;
     bool parallel;
     unsigned processors;
-    std::chrono::milliseconds waited;
+    bool isSlow;
     int threads;
   };
-  using std::chrono::milliseconds;
-  for (const Case& one : {Case{live, false, 8, milliseconds(0), 1}, Case{live, true, 1, milliseconds(0), 2},
-                          Case{live, true, 5, milliseconds(0), 3}, Case{live, true, 64, milliseconds(0), 4}}) {
+  for (const Case& one :
+       {Case{live, false, 8, false, 1}, Case{live, true, 1, false, 2}, Case{live, true, 5, false, 3},
+        Case{live, true, 64, false, 4}, Case{snapshot, false, 3, false, 3}, Case{snapshot, false, 3, true, 3},
+        Case{snapshot, true, 3, false, 3 + 1 + 3}, Case{snapshot, true, 3, true, 8 + 1 + 3}}) {
     Machine machine;
     machine.edit([](SimTree& tree) { tree.write("/a/b", 1); });
+    machine.freeze();
     machine.reader.setProcessorCount(one.processors);
+    if (one.isSlow) machine.reader.setWaited(std::chrono::milliseconds(10));
     EXPECT_EQ(machine.scan({.root = one.root, .parallel = one.parallel, .lowPriority = true}).size(), 3u);
     EXPECT_EQ(machine.reader.loweredEver(), one.threads);
     EXPECT_EQ(machine.scan({.root = one.root, .parallel = one.parallel}).size(), 3u);
-    EXPECT_EQ(machine.reader.loweredEver(), one.threads);
+    EXPECT_EQ(machine.reader.loweredEver(), one.threads) << "as asked for";
     machine.expectNothingLeftBehind();
-  }
-}
-
-// Reading a whole tree takes a thread a processor, and eight once the disk is waited for.
-TEST(SnapshotScanner, ReadsFromASlowDiskAreMoreAtATime) {
-  for (const bool isSlow : {false, true}) {
-    for (const bool parallel : {false, true}) {
-      Machine machine;
-      machine.edit([](SimTree& tree) { tree.write("/a/b", 1); });
-      machine.freeze();
-      machine.reader.setProcessorCount(3);
-      if (isSlow) machine.reader.setWaited(std::chrono::milliseconds(10));
-      EXPECT_EQ(machine.scan({.root = snapshot, .parallel = parallel, .lowPriority = true}).size(), 3u);
-      // Reading, placing the directories, handing in.
-      EXPECT_EQ(machine.reader.loweredEver(), !parallel ? 3 : isSlow ? 8 + 1 + 3 : 3 + 1 + 3);
-      machine.expectNothingLeftBehind();
-    }
   }
 }
 

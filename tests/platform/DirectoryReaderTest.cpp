@@ -5,6 +5,7 @@
 #include <filesystem>
 #include <fstream>
 
+#include "TemporaryDirectory.h"
 #include "platform/NameText.h"
 #include "platform/contract/DirectoryReaderSuite.h"
 #include "platform/linux/DirectoryReader.h"
@@ -15,16 +16,8 @@ namespace {
 
 class LinuxBackend final {
  public:
-  LinuxBackend() {
-    std::string pattern = std::filesystem::temp_directory_path() / "quillmark-reader-XXXXXX";
-    root_ = ::mkdtemp(pattern.data());
-  }
-  ~LinuxBackend() { std::filesystem::remove_all(root_); }
-  LinuxBackend(const LinuxBackend&) = delete;
-  LinuxBackend& operator=(const LinuxBackend&) = delete;
-
   DirectoryReader& reader() { return reader_; }
-  [[nodiscard]] std::string root() const { return root_; }
+  [[nodiscard]] std::string root() const { return root_.path(); }
   void makeDirectory(const std::string& path) { std::filesystem::create_directories(at(path)); }
   void write(const std::string& path, std::size_t size) {
     std::ofstream(at(path)) << std::string(size, 'x');
@@ -37,9 +30,9 @@ class LinuxBackend final {
   [[nodiscard]] std::optional<std::string> frozen() const { return std::nullopt; }
 
  private:
-  [[nodiscard]] std::string at(const std::string& path) const { return root_ + nameBytes(path); }
+  [[nodiscard]] std::string at(const std::string& path) const { return root_.path() + nameBytes(path); }
 
-  std::string root_;
+  const TemporaryDirectory root_;
   os::LinuxDirectoryReader reader_;
 };
 

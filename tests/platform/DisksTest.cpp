@@ -1,10 +1,10 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 
+#include "TemporaryDirectory.h"
 #include "platform/linux/DeviceFacts.h"
 #include "platform/linux/Disks.h"
 
@@ -18,31 +18,27 @@ const Uuid fsid = *Uuid::parse("0f0e0d0c-0b0a-4908-8706-050403020100");
 // A sysfs of our own below a temporary directory.
 class FakeSysfs final {
  public:
-  FakeSysfs() {
-    if (!::mkdtemp(root_.data())) std::abort();
-  }
-  ~FakeSysfs() { fs::remove_all(root_); }
-  [[nodiscard]] const std::string& root() const { return root_; }
+  [[nodiscard]] const std::string& root() const { return directory_.path(); }
   void put(const std::string& path, const std::string& text) {
-    fs::create_directories(fs::path(root_ + "/" + path).parent_path());
-    std::ofstream(root_ + "/" + path) << text << '\n';
+    fs::create_directories(fs::path(root() + "/" + path).parent_path());
+    std::ofstream(root() + "/" + path) << text << '\n';
   }
-  void device(const std::string& path) { fs::create_directories(root_ + "/devices/" + path); }
+  void device(const std::string& path) { fs::create_directories(root() + "/devices/" + path); }
   void member(const std::string& path) {
     device(path);
-    const std::string members = root_ + "/fs/btrfs/" + fsid.lower() + "/devices";
+    const std::string members = root() + "/fs/btrfs/" + fsid.lower() + "/devices";
     fs::create_directories(members);
-    fs::create_directory_symlink(root_ + "/devices/" + path, members + "/" + fs::path(path).filename().string());
+    fs::create_directory_symlink(root() + "/devices/" + path, members + "/" + fs::path(path).filename().string());
   }
   void slave(const std::string& above, const std::string& below) {
     device(below);
-    fs::create_directories(root_ + "/devices/" + above + "/slaves");
-    fs::create_directory_symlink(root_ + "/devices/" + below,
-                                 root_ + "/devices/" + above + "/slaves/" + fs::path(below).filename().string());
+    fs::create_directories(root() + "/devices/" + above + "/slaves");
+    fs::create_directory_symlink(root() + "/devices/" + below,
+                                 root() + "/devices/" + above + "/slaves/" + fs::path(below).filename().string());
   }
 
  private:
-  std::string root_ = "/tmp/quillmark-sysfs-XXXXXX";
+  const TemporaryDirectory directory_;
 };
 
 TEST(DeviceFacts, TellTheBusFromTheDevicesPath) {

@@ -3,6 +3,7 @@
 #include <set>
 
 #include "base/Error.h"
+#include "platform/Files.h"
 #include "platform/sim/FaultSweep.h"
 
 namespace quillmark::sim {
@@ -37,22 +38,8 @@ void put(SimPosix& posix, const std::string& name, std::string_view contents, bo
   if (sync) demand(posix.fsync(file.get()), "fsync");
 }
 
-void syncDirectory(SimPosix& posix) {
-  const OpenFile directory = opened(posix, "", {.read = true, .directory = true});
-  demand(posix.fsync(directory.get()), "fsync");
-}
-
 std::string contentsOf(SimPosix& posix, const std::string& name) {
-  const SysResult<int> fd = posix.open(posix.root() + "/" + name, {.read = true});
-  if (!fd) return "[none]";
-  const OpenFile file(posix, *fd);
-  std::string all;
-  std::byte buffer[512];
-  for (;;) {
-    const SysResult<std::size_t> count = posix.read(file.get(), buffer);
-    if (!count || *count == 0) return all;
-    all.append(reinterpret_cast<const char*>(buffer), *count);
-  }
+  return readFile(posix, posix.root() + "/" + name).value_or("[none]");
 }
 
 const std::string oldContents = "old";
@@ -64,7 +51,7 @@ std::vector<std::string> complaintsOfReplacing(Care care) {
   const auto replace = [&](SimPosix& posix) {
     put(posix, "store.new", newContents, care != Care::none);
     demand(posix.rename(posix.root() + "/store.new", posix.root() + "/store"), "rename");
-    if (care == Care::contentsAndName) syncDirectory(posix);
+    if (care == Care::contentsAndName) syncNamesIn(posix, posix.root());
   };
   return forEachFault(
       {}, [](SimPosix& posix) { put(posix, "store", oldContents, true); }, replace,
@@ -111,9 +98,9 @@ TEST(FaultSweepTest, removalsComeUndoneUntilTheyAreSynced) {
   const auto afterCuts = [](bool sync) {
     SimPosix posix;
     put(posix, "file", "kept", true);
-    syncDirectory(posix);
+    syncNamesIn(posix, posix.root());
     demand(posix.unlink(posix.root() + "/file"), "unlink");
-    if (sync) syncDirectory(posix);
+    if (sync) syncNamesIn(posix, posix.root());
     std::set<std::string> found;
     for (std::uint64_t seed = 0; seed < 20; ++seed) found.insert(contentsOf(*posix.powerCut(seed), "file"));
     return found;

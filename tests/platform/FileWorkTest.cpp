@@ -1,6 +1,4 @@
-#include <cstdlib>
-#include <filesystem>
-
+#include "TemporaryDirectory.h"
 #include "platform/contract/FileWorkSuite.h"
 #include "platform/linux/FileWork.h"
 #include "platform/sim/SimFileWork.h"
@@ -10,16 +8,12 @@ namespace {
 
 class LinuxFileWorkBackend final {
  public:
-  LinuxFileWorkBackend() {
-    if (!::mkdtemp(directory_.data())) std::abort();
-  }
-  ~LinuxFileWorkBackend() { std::filesystem::remove_all(directory_); }
   FileWork& work() { return work_; }
-  [[nodiscard]] const std::string& directory() const { return directory_; }
+  [[nodiscard]] const std::string& directory() const { return directory_.path(); }
 
  private:
   os::LinuxFileWork work_;
-  std::string directory_ = "/tmp/quillmark-work-XXXXXX";
+  const TemporaryDirectory directory_;
 };
 
 class SimFileWorkBackend final {

@@ -9,6 +9,7 @@
 #include <cstring>
 #include <filesystem>
 
+#include "TemporaryDirectory.h"
 #include "platform/contract/DispatchBackend.h"
 #include "platform/linux/Clock.h"
 #include "platform/linux/Dispatch.h"
@@ -267,19 +268,14 @@ class GuardedConnectionTest : public testing::Test {
       return true;
     });
   }
-  ~GuardedConnectionTest() override { std::filesystem::remove_all(directory_); }
 
   [[nodiscard]] std::optional<std::vector<std::uint32_t>> token() {
     return token_.with([](auto& token) { return token; });
   }
   [[nodiscard]] UniqueFd connect() { return std::move(*connectTo(socket_)); }
 
-  std::string directory_ = [] {
-    std::string path = "/tmp/quillmark-peers-XXXXXX";
-    if (!::mkdtemp(path.data())) std::abort();
-    return path;
-  }();
-  const std::string socket_ = directory_ + "/run/helper.sock";
+  const TemporaryDirectory directory_;
+  const std::string socket_ = directory_.path() + "/run/helper.sock";
   LinuxClock clock_;
   LinuxDispatch dispatch_{clock_};
   LinuxPeerIdentities peers_{dispatch_, {.owner = ::geteuid()}};

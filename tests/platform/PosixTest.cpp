@@ -1,6 +1,4 @@
-#include <cstdlib>
-#include <filesystem>
-
+#include "TemporaryDirectory.h"
 #include "platform/contract/PosixSuite.h"
 #include "platform/linux/Posix.h"
 #include "platform/sim/SimPosix.h"
@@ -10,16 +8,12 @@ namespace {
 
 class LinuxPosixBackend final {
  public:
-  LinuxPosixBackend() {
-    if (!::mkdtemp(directory_.data())) std::abort();
-  }
-  ~LinuxPosixBackend() { std::filesystem::remove_all(directory_); }
   Posix& posix() { return posix_; }
-  [[nodiscard]] const std::string& directory() const { return directory_; }
+  [[nodiscard]] const std::string& directory() const { return directory_.path(); }
 
  private:
   os::LinuxPosix posix_;
-  std::string directory_ = "/tmp/quillmark-posix-XXXXXX";
+  const TemporaryDirectory directory_;
 };
 
 class SimPosixBackend final {

@@ -1,10 +1,10 @@
 #include <gtest/gtest.h>
 
-#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <map>
 
+#include "TemporaryDirectory.h"
 #include "platform/linux/PowerSources.h"
 
 namespace quillmark::os {
@@ -39,8 +39,8 @@ TEST(LinuxPowerSources, OnlyADischargingBatteryWithoutAPlugIsBatteryPower) {
       {{portOut}, true},  // a desktop with a port that nothing is plugged into
       {{{{"type", "Battery"}}}, true},
   };
-  std::string pattern = fs::temp_directory_path() / "quillmark-power-XXXXXX";
-  const fs::path root = ::mkdtemp(pattern.data());
+  const TemporaryDirectory temporary;
+  const fs::path root = temporary.path() + "/power_supply";
   for (const auto& [supplies, onACPower] : cases) {
     fs::remove_all(root);
     fs::create_directories(root);

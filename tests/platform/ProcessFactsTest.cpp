@@ -7,8 +7,12 @@
 #include <algorithm>
 #include <cstdlib>
 #include <filesystem>
+#include <fstream>
+#include <memory>
 #include <tuple>
+#include <vector>
 
+#include "TemporaryDirectory.h"
 #include "base/UniqueFd.h"
 #include "platform/linux/PlatformLog.h"
 #include "platform/linux/ThisProcess.h"
@@ -20,14 +24,10 @@ namespace {
 
 using testing::HasSubstr;
 
-TEST(LinuxUsersTest, namesAreThoseOfThePasswordDatabase) {
+TEST(LinuxUsersTest, areThoseOfThePasswordDatabaseWithTheirHomes) {
   LinuxUsers users;
   EXPECT_EQ(users.userName(0), "root");
   EXPECT_EQ(users.userName(4'000'000'001), std::nullopt);
-}
-
-TEST(LinuxUsersTest, allThatTheDatabaseListsComeWithTheirHomes) {
-  LinuxUsers users;
   const auto listed = users.listedUsers();
   const auto root = std::find_if(listed.begin(), listed.end(), [](const UserRecord& user) { return user.uid == 0; });
   ASSERT_NE(root, listed.end());
@@ -61,6 +61,28 @@ TEST(LinuxThisProcessTest, limitsAreReadAndSet) {
   EXPECT_TRUE(process.setDescriptorLimit(*before).ok());
 }
 
+#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)  // they have allocators of their own
+TEST(LinuxThisProcessTest, whatWasFreedGoesBackToTheMachine) {
+  const auto resident = [] {
+    std::ifstream statm("/proc/self/statm");
+    std::size_t pages = 0;
+    statm >> pages >> pages;
+    return pages * static_cast<std::size_t>(::getpagesize());
+  };
+  constexpr std::size_t size = 64u << 20;
+  std::vector<std::unique_ptr<char[]>> blocks;
+  for (std::size_t i = 0; i < size >> 10; ++i) {
+    blocks.push_back(std::make_unique<char[]>(1000));
+    blocks.back()[0] = 1;
+  }
+  const auto holdsTheHeapsEnd = std::make_unique<char[]>(1000);
+  blocks.clear();
+  const std::size_t before = resident();
+  LinuxThisProcess().giveBackFreeMemory();
+  EXPECT_LT(resident() + size / 2, before);
+}
+#endif
+
 // A daemon's socket that nobody reads from unless the test does.
 class Daemon final {
  public:
@@ -81,16 +103,8 @@ class Daemon final {
 
 class LinuxPlatformLogTest : public testing::Test {
  protected:
-  ~LinuxPlatformLogTest() override { std::filesystem::remove_all(directory_); }
-
-  static std::string madeDirectory() {
-    std::string path = "/tmp/quillmark-log-XXXXXX";
-    if (!::mkdtemp(path.data())) std::abort();
-    return path;
-  }
-
-  const std::string directory_ = madeDirectory();
-  const LogSockets sockets_{.journal = directory_ + "/journal", .syslog = directory_ + "/syslog"};
+  const TemporaryDirectory directory_;
+  const LogSockets sockets_{.journal = directory_.path() + "/journal", .syslog = directory_.path() + "/syslog"};
   LinuxPlatformLog log_{sockets_};
 };
 

@@ -7,8 +7,8 @@
 
 #include <filesystem>
 #include <fstream>
-#include <functional>
 
+#include "TemporaryDirectory.h"
 #include "platform/contract/TransportSuite.h"
 #include "platform/linux/Clock.h"
 #include "platform/linux/Dispatch.h"
@@ -20,17 +20,9 @@
 namespace quillmark::contract {
 namespace {
 
-class Place final {
- public:
-  Place() {
-    if (!::mkdtemp(directory_.data())) std::abort();
-  }
-  ~Place() { std::filesystem::remove_all(directory_); }
-  [[nodiscard]] const std::string& directory() const { return directory_; }
-  [[nodiscard]] std::string socket() const { return directory_ + "/run/helper.sock"; }
-
- private:
-  std::string directory_ = "/tmp/quillmark-transport-XXXXXX";
+struct Place final {
+  const TemporaryDirectory directory;
+  const std::string socket = directory.path() + "/run/helper.sock";
 };
 
 class LinuxPeer final : public TestPeer {
@@ -53,10 +45,10 @@ class LinuxTransportBackend final : public TransportBackend {
   }
   TransportListener& listener() override {
     listener_ = std::make_unique<os::LinuxTransport>(
-        dispatch_, os::LinuxTransportOptions{.path = place_.socket(), .limits = limits});
+        dispatch_, os::LinuxTransportOptions{.path = place_.socket, .limits = limits});
     return *listener_;
   }
-  std::unique_ptr<TestPeer> connect() override { return std::make_unique<LinuxPeer>(place_.socket()); }
+  std::unique_ptr<TestPeer> connect() override { return std::make_unique<LinuxPeer>(place_.socket); }
 
  private:
   const Place place_;
@@ -104,68 +96,13 @@ const NamedTransportBackend simulatedTransport{
     "Simulated", +[]() -> std::unique_ptr<TransportBackend> { return std::make_unique<SimTransportBackend>(); }};
 INSTANTIATE_TEST_SUITE_P(Simulated, TransportSuite, testing::Values(simulatedTransport));
 
-TEST(SimTransportTest, aKilledServerClosesItsConnections) {
-  sim::Simulation simulation;
-  sim::Life& server = simulation.startLife("server");
-  sim::SimTransport transport(server);
-  std::vector<std::string> received;
-  simulation.run(server, [&] {
-    transport.resume([&](const std::shared_ptr<TransportConnection>& connection) {
-      connection->start({.received =
-                             [&](std::string line) {
-                               received.push_back(line);
-                               if (line == "die") server.kill();
-                             },
-                         .closed = [&](CloseReason) { received.push_back("closed"); }});
-      return true;
-    });
-  });
-  sim::Life& client = simulation.startLife("client");
-  simulation.run(client, [&] {
-    const auto peer = transport.connect({.uid = 501}, client);
-    peer->send("die");
-    EXPECT_THROW(static_cast<void>(peer->receive(10s)), Error);
-    EXPECT_FALSE(peer->isOpen());
-    EXPECT_THROW(static_cast<void>(transport.connect({.uid = 501}, client)), Error);
-  });
-  EXPECT_THAT(received, ElementsAre("die"));
-}
-
-TEST(SimTransportTest, connectionsBreakBySeed) {
-  const auto linesBeforeTheEnd = [](std::uint64_t seed) {
-    sim::Simulation simulation({.seed = seed});
-    sim::Life& life = simulation.startLife("both");
-    sim::SimTransport transport(life, {.maxDelay = 10ms, .dropOneIn = 20});
-    int lines = 0;
-    simulation.run(life, [&] {
-      transport.resume([](const std::shared_ptr<TransportConnection>& connection) {
-        connection->start({.received = [connection](std::string line) { connection->send(std::move(line)); },
-                           .closed = [](CloseReason) {}});
-        return true;
-      });
-      const auto peer = transport.connect({.uid = 501}, life);
-      try {
-        for (;; ++lines) {
-          peer->send("line");
-          static_cast<void>(peer->receive(1s));
-        }
-      } catch (const Error&) {
-      }
-    });
-    return lines;
-  };
-  std::set<int> counts;
-  for (std::uint64_t seed = 1; seed <= 8; ++seed) counts.insert(linesBeforeTheEnd(seed));
-  EXPECT_GT(counts.size(), 3U);
-  EXPECT_EQ(linesBeforeTheEnd(3), linesBeforeTheEnd(3));
-}
 #endif
 
 class LinuxTransportTest : public testing::Test {
  protected:
   [[nodiscard]] std::unique_ptr<os::LinuxTransport> echoing(TransportLimits limits = {}) {
     auto transport = std::make_unique<os::LinuxTransport>(
-        dispatch_, os::LinuxTransportOptions{.path = place_.socket(), .limits = limits});
+        dispatch_, os::LinuxTransportOptions{.path = place_.socket, .limits = limits});
     transport->resume([this](const std::shared_ptr<TransportConnection>& connection) {
       peers_.with([&](auto& peers) { peers.push_back(connection->peer()); });
       connection->start({.received =
@@ -179,23 +116,22 @@ class LinuxTransportTest : public testing::Test {
     return transport;
   }
   [[nodiscard]] std::unique_ptr<os::LinuxClientChannel> client() {
-    return os::LinuxClientChannel::connect(place_.socket(), ::geteuid());
+    return os::LinuxClientChannel::connect(place_.socket, ::geteuid());
+  }
+  static std::string errorOf(FunctionRef<void()> work) {
+    try {
+      work();
+      return "";
+    } catch (const Error& error) {
+      return error.description();
+    }
   }
   [[nodiscard]] std::string listenError() {
-    try {
-      os::LinuxTransport(dispatch_, {.path = place_.socket()}).resume([](const auto&) { return true; });
-      return "";
-    } catch (const Error& error) {
-      return error.description();
-    }
+    return errorOf(
+        [&] { os::LinuxTransport(dispatch_, {.path = place_.socket}).resume([](const auto&) { return true; }); });
   }
   [[nodiscard]] std::string connectError(std::uint32_t expectedUid) {
-    try {
-      static_cast<void>(os::LinuxClientChannel::connect(place_.socket(), expectedUid));
-      return "";
-    } catch (const Error& error) {
-      return error.description();
-    }
+    return errorOf([&] { (void)os::LinuxClientChannel::connect(place_.socket, expectedUid); });
   }
   [[nodiscard]] bool echoes() {
     const auto channel = client();
@@ -225,9 +161,9 @@ TEST_F(LinuxTransportTest, theKernelSaysWhoConnects) {
 TEST_F(LinuxTransportTest, theSocketIsForAllAndItsDirectoryOurs) {
   const auto transport = echoing();
   struct stat facts;
-  ASSERT_EQ(::lstat(place_.socket().c_str(), &facts), 0);
+  ASSERT_EQ(::lstat(place_.socket.c_str(), &facts), 0);
   EXPECT_EQ(facts.st_mode & 07777, 0666U);
-  ASSERT_EQ(::lstat((place_.directory() + "/run").c_str(), &facts), 0);
+  ASSERT_EQ(::lstat((place_.directory.path() + "/run").c_str(), &facts), 0);
   EXPECT_EQ(facts.st_mode & 07777, 0755U);
   EXPECT_EQ(facts.st_uid, ::geteuid());
 }
@@ -246,11 +182,11 @@ TEST_F(LinuxTransportTest, aStaleSocketIsReplacedAndALiveOneIsNot) {
 }
 
 TEST_F(LinuxTransportTest, placesThatCannotBeTrustedAreRefused) {
-  const std::string directory = place_.directory() + "/run";
+  const std::string directory = place_.directory.path() + "/run";
   std::filesystem::create_directory(directory);
-  std::ofstream(place_.socket()) << "a file";
+  std::ofstream(place_.socket) << "a file";
   EXPECT_THAT(listenError(), testing::HasSubstr("File exists"));
-  std::filesystem::remove(place_.socket());
+  std::filesystem::remove(place_.socket);
   ASSERT_EQ(::chmod(directory.c_str(), 0777), 0);
   EXPECT_THAT(listenError(), testing::HasSubstr("not permitted"));
 }
@@ -275,7 +211,7 @@ TEST_F(LinuxTransportTest, withoutDescriptorsNewPeersAreClosedAndOldOnesServed) 
     filled = fill.size();
     for (UniqueFd fd = anyDescriptor(); fd.valid(); fd = anyDescriptor()) fill.push_back(std::move(fd));
   }
-  const auto address = os::socketAddress(place_.socket());
+  const auto address = os::socketAddress(place_.socket);
   ASSERT_TRUE(address);
   for (UniqueFd& socket : waiting) {
     ASSERT_EQ(::connect(socket.get(), reinterpret_cast<const sockaddr*>(&*address), sizeof *address), 0);
@@ -299,7 +235,7 @@ TEST_F(LinuxTransportTest, withoutDescriptorsNewPeersAreClosedAndOldOnesServed) 
 
 TEST_F(LinuxTransportTest, aBegunLineAtTheEndIsDropped) {
   const auto transport = echoing();
-  SysResult<UniqueFd> socket = os::connectTo(place_.socket());
+  SysResult<UniqueFd> socket = os::connectTo(place_.socket);
   ASSERT_TRUE(socket.ok());
   ASSERT_EQ(::send(socket->get(), "whole\nbeg", 9, 0), 9);
   char buffer[16];
@@ -320,7 +256,7 @@ long residentKilobytes() {
 
 // Goal:   memory stays flat under a client that asks and never reads.
 TEST_F(LinuxTransportTest, tenThousandCallsOfAClientThatNeverReadsCostBoundedMemory) {
-  os::LinuxTransport transport(dispatch_, {.path = place_.socket()});
+  os::LinuxTransport transport(dispatch_, {.path = place_.socket});
   transport.resume([this](const std::shared_ptr<TransportConnection>& connection) {
     connection->start({.received =
                            [this, connection](const std::string&) {
@@ -330,7 +266,7 @@ TEST_F(LinuxTransportTest, tenThousandCallsOfAClientThatNeverReadsCostBoundedMem
                        .closed = [](CloseReason) {}});
     return true;
   });
-  SysResult<UniqueFd> socket = os::connectTo(place_.socket());
+  SysResult<UniqueFd> socket = os::connectTo(place_.socket);
   ASSERT_TRUE(socket.ok());
   const long before = residentKilobytes();
   std::string lines;

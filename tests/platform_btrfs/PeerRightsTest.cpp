@@ -8,7 +8,6 @@
 #include <sys/xattr.h>
 #include <unistd.h>
 
-#include <csignal>
 #include <filesystem>
 #include <random>
 

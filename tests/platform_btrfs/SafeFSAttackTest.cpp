@@ -177,32 +177,6 @@ TEST_F(SafeFSOnBtrfs, NestedVolumesAndMountsBelowARemovedTreeSurvive) {
   setFlags("tree/h/i/immutable", 0);
 }
 
-// Goal:   a hostile tree a hundred thousand levels deep goes, with a few descriptors, in seconds.
-TEST_F(SafeFSOnBtrfs, AHostileDepthIsRemovedWithFewDescriptors) {
-  constexpr int levels = 100'000;
-  shell("mkdir tree");
-  UniqueFd at(::open((machine.volume + "/tree").c_str(), O_PATH | O_CLOEXEC));
-  for (int level = 0; level < levels && at.valid(); ++level) {
-    ::mkdirat(at.get(), "d", 0700);
-    at.reset(::openat(at.get(), "d", O_PATH | O_CLOEXEC));
-  }
-  ASSERT_TRUE(at.valid());
-  at.reset();
-  const int highest = ::dup(0);
-  ::close(highest);
-  rlimit before{};
-  ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &before), 0);
-  const rlimit few{static_cast<rlim_t>(highest) + 64, before.rlim_max};
-  ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &few), 0);
-  const auto begin = steady_clock::now();
-  files.removeTree("tree", volume);
-  const std::chrono::duration<double> taken = steady_clock::now() - begin;
-  ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &before), 0);
-  EXPECT_FALSE(files.lstatChild("tree", volume));
-  std::printf("%d levels removed in %.1f s\n", levels, taken.count());
-  EXPECT_LT(taken.count(), 60);
-}
-
 // Goal:   what hangs on the place stays there; what only root can set is kept, though a change of owner drops it.
 TEST_F(SafeFSOnBtrfs, CopiedMetadataIsTheFilesAndNotThePlaces) {
   const auto make = [&](const char* name) {
@@ -234,20 +208,6 @@ TEST_F(SafeFSOnBtrfs, CopiedMetadataIsTheFilesAndNotThePlaces) {
     EXPECT_EQ(*work.flags(file->get()), FS_IMMUTABLE_FL | FS_NOATIME_FL);
     EXPECT_TRUE(work.setFlags(file->get(), 0));
   }
-}
-
-TEST_F(SafeFSOnBtrfs, ACopiedDirectoryHandsOnWhatTheSourceHandsOn) {
-  const SafeFS::Directory source = files.createChild("source", volume, 0700);
-  const SafeFS::Directory destination = files.createChild("destination", volume, 0700);
-  // acl(5) as the kernel takes it: version 2; u::rwx, g::r-x, o::---.
-  const std::string nobody(4, '\xFF');
-  const AccessControlList list{.inherited = std::string("\2\0\0\0\1\0\7\0", 8) + nobody + std::string("\4\0\5\0", 4) +
-                                            nobody + std::string("\x20\0\0\0", 4) + nobody};
-  ASSERT_EQ(work.setAccessControlList(source.fd(), list).error(), 0);
-  files.copyMetadata(source.fd(), destination.fd());
-  EXPECT_EQ(*work.accessControlList(destination.fd()), list);
-  files.copyMetadata(volume.fd(), destination.fd());
-  EXPECT_TRUE(work.accessControlList(destination.fd())->empty());
 }
 
 }  // namespace

@@ -23,8 +23,7 @@ std::vector<std::string> detailsOf(const std::vector<HelperEvent>& events) {
 TEST(BatchDelete, goesOnAfterAFailedItemAndTellsEachOne) {
   ServiceMachine machine;
   const std::string uuid = machine.uuid.upper();
-  machine.run([&] {
-    TestClient client = machine.connect();
+  machine.serve([&](TestClient& client) {
     std::vector<std::string> names;
     for (const char* label : {"a", "b", "c"}) {
       names.push_back(stringValue(client.call(CreateSnapshot{uuid, label}).reply));
@@ -64,8 +63,7 @@ TEST(BatchDelete, failsWholeWhenTheRequestOrTheVolumeCanNotServe) {
   ServiceMachine machine;
   const std::string vault = machine.addBackupVolume().lower(), uuid = machine.uuid.lower();
   const std::string unknown = "ffffffff-4455-6677-8899-aabbccddeeff";
-  machine.run([&] {
-    TestClient client = machine.connect();
+  machine.serve([&](TestClient& client) {
     machine.addSnapshot("a");
     using enum QuillmarkErrorCode;
     const JsonArgument specs = json(Specs{{"a", true}});
@@ -88,8 +86,7 @@ TEST(BatchDelete, failsWholeWhenTheRequestOrTheVolumeCanNotServe) {
 
 TEST(Batches, keepTheirItemsAndTheTextsOfTheirRecordsWithinBounds) {
   ServiceMachine machine;
-  machine.run([&] {
-    TestClient client = machine.connect();
+  machine.serve([&](TestClient& client) {
     const std::string refusal = "A batch holds at most 10000 items.";
     using enum QuillmarkErrorCode;
     const JsonArgument specs = json(Specs(10'001, {"a", true}));
@@ -127,8 +124,8 @@ TEST(BatchDelete, warnsOfARecordThatCouldNotBeStored) {
 TEST(BatchDelete, leavesTheNoticeToTheLastBatchOnTheVolume) {
   ServiceMachine machine;
   for (const char* name : {"a", "b", "c"}) machine.addSnapshot(name);
-  machine.run([&] {
-    TestClient client = machine.connect(), idle = machine.connect();
+  machine.serve([&](TestClient& client) {
+    TestClient idle = machine.connect();
     SnapshotMutationScope& scope = machine.helper.environment().mutations;
     scope.enter(machine.uuid.upper());  // another batch
     (void)client.call(DeleteSnapshots{json(Specs{{"a", true}, {"b", true}}), machine.uuid.lower()});
@@ -155,8 +152,7 @@ TEST(BatchMount, answersAPathOrAnErrorForEachAndRecordsNewMountsOnly) {
   Mounts mounts;
   ServiceMachine& machine = mounts.machine;
   const std::string vault = machine.addBackupVolume().upper();
-  machine.run([&] {
-    TestClient client = machine.connect();
+  machine.serve([&](TestClient& client) {
     const std::string path = stringValue(client.call(MountSnapshot{"a", mounts.uuid, mounts.a.value}).reply);
     const std::vector<SnapshotMountSpec> specs{{"a", mounts.uuid, mounts.a},
                                                {"b", mounts.uuid, mounts.b},
@@ -187,8 +183,7 @@ TEST(BatchMount, answersAPathOrAnErrorForEachAndRecordsNewMountsOnly) {
 TEST(BatchUnmount, answersForEachPathAndKnowsWhoseItWas) {
   Mounts mounts;
   ServiceMachine& machine = mounts.machine;
-  machine.run([&] {
-    TestClient client = machine.connect();
+  machine.serve([&](TestClient& client) {
     const std::string path = stringValue(client.call(MountSnapshot{"a", mounts.uuid, mounts.a.value}).reply);
     const auto outcomes = payload<std::vector<SnapshotPathOutcome>>(
         client.call(UnmountSnapshots{{path, path, "/Volumes/Data", mounts.pathOf(Xid{77})}}));
@@ -217,8 +212,8 @@ TEST(BatchUnmount, answersForEachPathAndKnowsWhoseItWas) {
 TEST(MountPins, keepAMountUntilTheyEnd) {
   Mounts mounts;
   ServiceMachine& machine = mounts.machine;
-  machine.run([&] {
-    TestClient client = machine.connect(), other = machine.connect();
+  machine.serve([&](TestClient& client) {
+    TestClient other = machine.connect();
     const std::string path = stringValue(client.call(MountSnapshot{"a", mounts.uuid, mounts.a.value}).reply);
     const std::string token = stringValue(client.call(PinSnapshotMounts{{path}, "a window", std::nullopt}).reply);
     const std::string inUse =
@@ -240,8 +235,7 @@ TEST(MountPins, acceptOneToSixteenPathsOfOursAndAShortReason) {
   const std::string elsewhere = "Pin path must resolve under " + machine.paths.userMountRoot;
   std::string reason;
   for (int i = 0; i < 200; ++i) reason += "\xC3\xBC";
-  machine.run([&] {
-    TestClient client = machine.connect();
+  machine.serve([&](TestClient& client) {
     const auto pin = [&](std::vector<std::string> paths, const std::string& why) {
       return client.call(PinSnapshotMounts{std::move(paths), why, std::nullopt});
     };

@@ -1,5 +1,3 @@
-#include <algorithm>
-
 #include "ServiceMachine.h"
 #include "scheduling/rules/HelperSettings.h"
 #include "scheduling/rules/SchedulePolicy.h"
@@ -24,8 +22,7 @@ std::vector<SnapshotRecord> recordsOf(const RpcIncoming& reply) {
 
 TEST(Commands, makeListMountUnmountAndDeleteASnapshot) {
   ServiceMachine machine;
-  machine.run([&] {
-    TestClient client = machine.connect();
+  machine.serve([&](TestClient& client) {
     const std::string uuid = machine.uuid.upper();
     EXPECT_EQ(stringValue(client.call(CreateSnapshot{uuid, "before upgrade"}).reply), ours + ".before-upgrade");
     const auto records = recordsOf(client.call(ListSnapshots{uuid, false, false}));
@@ -54,8 +51,7 @@ TEST(Commands, refuseWhatIsMalformedUnknownOrNotTheirs) {
   ServiceMachine machine;
   const Uuid backup = machine.addBackupVolume();
   using enum QuillmarkErrorCode;
-  machine.run([&] {
-    TestClient client = machine.connect();
+  machine.serve([&](TestClient& client) {
     const std::string uuid = machine.uuid.lower(), vault = backup.lower();
     const std::string malformed = "Volume UUID is malformed", badName = "Snapshot name is malformed";
     const std::string badLabel = "Label must be 0-127 chars, no slashes, no control chars";
@@ -105,21 +101,24 @@ TEST(Commands, refuseWhatIsMalformedUnknownOrNotTheirs) {
   EXPECT_THAT(machine.names(), IsEmpty());
 }
 
-TEST(Commands, coverForeignSnapshotsAndHideTheSystems) {
+TEST(Commands, coverForeignSnapshotsAsThePolicySaysAndHideTheSystems) {
   ServiceMachine machine;
-  machine.run([&] {
-    TestClient client = machine.connect();
+  machine.serve([&](TestClient& client) {
     const std::string uuid = machine.uuid.lower();
-    for (const char* name : {":backups:daily", "com.apple.os.update-1"}) {
-      (void)machine.volumes.addSnapshot(machine.uuid, name, machine.life.clock().now());
-    }
-    const auto records = recordsOf(client.call(ListSnapshots{uuid, true, true}));
-    ASSERT_EQ(records.size(), 1U);
-    EXPECT_TRUE(records[0].isProtected);
-    EXPECT_TRUE(records[0].isAutoProtected);
+    for (const char* name : {":backups:daily", ":backups:weekly", "com.apple.os.update-1"}) machine.addSnapshot(name);
     expectError(client.call(DeleteSnapshot{":backups:daily", uuid, false}), QuillmarkErrorCode::protectedSnapshot,
                 "Refusing to delete a protected snapshot. Use Force or unprotect it first.");
     EXPECT_FALSE(client.call(DeleteSnapshot{":backups:daily", uuid, true}).reply.error);
+    SchedulePolicy policy = SchedulePolicy::makeDefault().normalized();
+    for (const bool covered : {true, false}) {
+      policy.protectForeignSnapshots = covered;
+      EXPECT_FALSE(client.call(SetSchedule{uuid, json(policy)}).reply.error);
+      const auto records = recordsOf(client.call(ListSnapshots{uuid, true, true}));
+      ASSERT_EQ(records.size(), 1U);
+      EXPECT_EQ(records[0].isProtected, covered);
+      EXPECT_EQ(records[0].isAutoProtected, covered);
+    }
+    EXPECT_FALSE(client.call(DeleteSnapshot{":backups:weekly", uuid, false}).reply.error);
     EXPECT_THAT(machine.names(), ElementsAre("com.apple.os.update-1"));
   });
   EXPECT_THAT(machine.logged(), Contains("listSnapshots OK: 1 visible / 2 raw"));
@@ -127,8 +126,7 @@ TEST(Commands, coverForeignSnapshotsAndHideTheSystems) {
 
 TEST(Commands, leaveAStrangersMountPointAlone) {
   ServiceMachine machine;
-  machine.run([&] {
-    TestClient client = machine.connect();
+  machine.serve([&](TestClient& client) {
     const std::string uuid = machine.uuid.lower();
     const std::string a = stringValue(client.call(CreateSnapshot{uuid, "a"}).reply);
     const std::string b = stringValue(client.call(CreateSnapshot{uuid, "b"}).reply);
@@ -143,8 +141,7 @@ TEST(Commands, leaveAStrangersMountPointAlone) {
 
 TEST(Commands, answerFactsAndDefaults) {
   ServiceMachine machine;
-  machine.run([&] {
-    TestClient client = machine.connect();
+  machine.serve([&](TestClient& client) {
     EXPECT_EQ(stringValue(client.call(HelperVersion{}).reply), "1.2.3");
     EXPECT_EQ(stringValue(client.call(HelperGitCommit{}).reply), "unknown");
     EXPECT_EQ(int64Value(client.call(ProtocolVersion{}).reply), 18);
@@ -161,8 +158,7 @@ TEST(Commands, answerFactsAndDefaults) {
 
 TEST(Commands, recordEachAttemptOnceWithWhatIsKnown) {
   ServiceMachine machine;
-  machine.run([&] {
-    TestClient client = machine.connect();
+  machine.serve([&](TestClient& client) {
     const std::string uuid = machine.uuid.lower();
     (void)client.call(CreateSnapshot{uuid, "x"});
     (void)client.call(CreateSnapshot{uuid, "a/b"});
@@ -239,8 +235,7 @@ TEST(Commands, sayThatANameWasLostBeforeTheySayThatARecordWas) {
 TEST(Commands, makeSafetySnapshotsThatBearNoName) {
   ServiceMachine machine;
   const Uuid vault = machine.addBackupVolume();
-  machine.run([&] {
-    TestClient client = machine.connect();
+  machine.serve([&](TestClient& client) {
     const std::string uuid = machine.uuid.upper();
     const std::string safety = "com.harrowfern.Quillmark.safety.2026-03-01T09-00-00Z.restore";
     EXPECT_EQ(stringValue(client.call(CreateSafetySnapshot{uuid, "restore"}).reply), safety);

@@ -140,6 +140,25 @@ TEST_F(ComparisonCommands, writeTheirResultIntoAFileAndTellItOnceOnRecord) {
                                                       snapshots_[0].xid.value, snapshots_[1].xid.value)));
 }
 
+TEST_F(ComparisonCommands, leaveNoFileOfASnapshotThatWasDeletedMeanwhile) {
+  run([&](TestClient& client) {
+    client.listen(15s);  // the looks at the disk that the snapshots brought about are over
+    DiffSnapshots asked = diff();
+    asked.ignoreExclusions = true;
+    int scans = 0;
+    machine_.sim.directories().watchCalls([&](sim::DirectoryCall call, const std::string&) {
+      if (call != sim::DirectoryCall::openTree || ++scans != 2) return;
+      EXPECT_TRUE(machine_.volumes.removeSnapshot(machine_.uuid, asked.nameA));
+    });
+    const std::string path = stringValue(client.call(asked).reply);
+    EXPECT_EQ(scans, 2);
+    EXPECT_EQ(textOf(resultAt(path)), allOfIt) << "the client has time to read it";
+    machine_.sim.directories().watchCalls(nullptr);
+    client.listen(15s);
+    EXPECT_FALSE(std::ifstream(path).good());
+  });
+}
+
 TEST_F(ComparisonCommands, checkTheirArgumentsInOrderBeforeAnythingIsRecorded) {
   const std::string backup = machine_.addBackupVolume().lower();
   run([&](TestClient& client) {

@@ -9,24 +9,11 @@ using namespace std::chrono_literals;
 using ::testing::Contains;
 using ::testing::ElementsAre;
 using ::testing::HasSubstr;
-using ::testing::IsEmpty;
 using ::testing::SizeIs;
-
-TEST(Connections, areForRootAlone) {
-  ServiceMachine machine;
-  machine.run([&] {
-    TestClient stranger = machine.connect({.uid = 1000, .gid = 1000, .pid = 77});
-    EXPECT_THROW((void)stranger.call(ProtocolVersion{}), Error);
-    EXPECT_EQ(int64Value(machine.connect().call(ProtocolVersion{}).reply), 18);
-  });
-  EXPECT_THAT(machine.logged(), Contains("Rejecting connection from pid=77: peer failed the designated requirement"));
-  EXPECT_THAT(machine.logged(), Contains("Accepted XPC connection from pid=42 (subject to codesign check)"));
-}
 
 TEST(Connections, surviveRubbish) {
   ServiceMachine machine;
-  machine.run([&] {
-    TestClient client = machine.connect();
+  machine.serve([&](TestClient& client) {
     for (const char* line : {"", "nonsense", "{}", "[[[", R"({"jsonrpc":"2.0","id":1,"method":"noSuch:"})"}) {
       client.sendLine(line);
       EXPECT_EQ(client.reply().kind, RpcIncoming::Kind::refusal) << line;
@@ -37,8 +24,7 @@ TEST(Connections, surviveRubbish) {
 
 TEST(Connections, answerANotificationWithSilence) {
   ServiceMachine machine;
-  machine.run([&] {
-    TestClient client = machine.connect();
+  machine.serve([&](TestClient& client) {
     client.sendLine(R"({"jsonrpc":"2.0","method":"createSnapshotOnVolume:label:reply:","params":[")" +
                     machine.uuid.lower() + R"(","x"]})");
     client.sendLine(R"({"jsonrpc":"2.0","method":"noSuch:"})");
@@ -74,8 +60,7 @@ TEST(Connections, leaveNoQueuedCommandBehind) {
     held.signal();
     release.wait();
   });
-  machine.run([&] {
-    TestClient client = machine.connect();
+  machine.serve([&](TestClient& client) {
     client.send(CreateSnapshot{machine.uuid.lower(), "first"});
     client.send(CreateSnapshot{machine.uuid.lower(), "second"});
     held.wait();
@@ -90,9 +75,7 @@ TEST(Connections, leaveNoQueuedCommandBehind) {
 TEST(Connections, keepTwoClientsApart) {
   ServiceMachine machine;
   Semaphore release(machine.life.dispatch());
-  machine.volumes.watchCalls([&](sim::SimCall call, const std::string& name) {
-    if (call == sim::SimCall::create && name.ends_with(".slow")) release.wait();
-  });
+  machine.holdCreations(release, ".slow");
   machine.run([&] {
     TestClient slow = machine.connect(), quick = machine.connect();
     slow.send(CreateSnapshot{machine.uuid.lower(), "slow"});
@@ -111,8 +94,7 @@ TEST(Connections, areReadNoFurtherWhileTooMuchIsUnanswered) {
   machine.volumes.watchCalls([&](sim::SimCall call, const std::string&) {
     if (call == sim::SimCall::create && ++started == 1) release.wait();
   });
-  machine.run([&] {
-    TestClient client = machine.connect();
+  machine.serve([&](TestClient& client) {
     for (int i = 0; i < 1000; ++i) client.send(CreateSnapshot{machine.uuid.lower(), std::to_string(i)});
     client.listen(1s);
     const auto entries = machine.logged();
@@ -128,11 +110,8 @@ TEST(Connections, areReadNoFurtherWhileTooMuchIsUnanswered) {
 TEST(Shutdown, refusesMutationsAndServesQueriesWhileItDrains) {
   ServiceMachine machine;
   Semaphore release(machine.life.dispatch());
-  machine.volumes.watchCalls([&](sim::SimCall call, const std::string& name) {
-    if (call == sim::SimCall::create && name.ends_with(".long")) release.wait();
-  });
-  machine.run([&] {
-    TestClient client = machine.connect();
+  machine.holdCreations(release, ".long");
+  machine.serve([&](TestClient& client) {
     client.send(CreateSnapshot{machine.uuid.lower(), "long"});
     (void)client.call(ProtocolVersion{});
     machine.helper.requestQuit();
@@ -239,35 +218,12 @@ TEST(Shutdown, waitsForWhateverItLetIn) {
   EXPECT_GT(letIn, 0);
 }
 
-TEST(Shutdown, letsABatchRunOutAndAnswer) {
-  ServiceMachine machine;
-  std::vector<SnapshotDeleteSpec> specs;
-  for (int i = 0; i < 20; ++i) {
-    specs.push_back({"s" + std::to_string(i), true});
-    machine.addSnapshot(specs.back().name);
-  }
-  machine.volumes.watchCalls([&](sim::SimCall call, const std::string&) {
-    if (call == sim::SimCall::remove) machine.life.delay(1s);
-  });
-  machine.run([&] {
-    TestClient client = machine.connect(), quitter = machine.connect();
-    client.send(DeleteSnapshots{json(specs), machine.uuid.lower()});
-    quitter.listen(2s);
-    EXPECT_EQ(quitter.call(RequestQuit{}).reply.valueJson, "true");
-    EXPECT_EQ(payload<std::vector<SnapshotNameOutcome>>(client.reply()).size(), 20U);
-  });
-  machine.simulation.runFor(1s);
-  EXPECT_TRUE(machine.exited);
-  EXPECT_THAT(machine.names(), IsEmpty());
-}
-
 TEST(Shutdown, abandonsWhatTakesLongerThanAMinute) {
   ServiceMachine machine;
   machine.volumes.watchCalls([&](sim::SimCall call, const std::string&) {
     if (call == sim::SimCall::create) machine.life.delay(2min);
   });
-  machine.run([&] {
-    TestClient client = machine.connect();
+  machine.serve([&](TestClient& client) {
     client.send(CreateSnapshot{machine.uuid.lower(), "long"});
     (void)client.call(ProtocolVersion{});
     machine.helper.requestQuit();

@@ -4,7 +4,6 @@ namespace quillmark {
 namespace {
 
 using namespace std::chrono_literals;
-using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 using ::testing::SizeIs;
 
@@ -42,9 +41,13 @@ struct StateMachine : ServiceMachine {
   StateMachine() { createDirectories(posix, paths.stateDirectory, 0700); }
 };
 
-TEST(HealthNotices, tellPeopleOfTroubleThatLastsTwoMinutesThoughNobodyAsks) {
+class HealthNotices : public ::testing::Test {
+ protected:
   StateMachine machine;
-  Patient patient(machine);
+  Patient patient{machine};
+};
+
+TEST_F(HealthNotices, tellPeopleOfTroubleThatLastsTwoMinutesThoughNobodyAsks) {
   (void)patient.look();
   patient.breakDown("index is broken");
   (void)patient.look();
@@ -82,9 +85,7 @@ TEST(HealthNotices, tellPeopleOfTroubleThatLastsTwoMinutesThoughNobodyAsks) {
   EXPECT_THAT(patient.notices(), SizeIs(2));
 }
 
-TEST(HealthNotices, sayThatDeletionIsPausedWhenItIs) {
-  StateMachine machine;
-  Patient patient(machine);
+TEST_F(HealthNotices, sayThatDeletionIsPausedWhenItIs) {
   patient.settings = {HelperSubsystemState::unavailable, "unreadable"};
   (void)patient.look();
   machine.simulation.runFor(121s);
@@ -93,9 +94,7 @@ TEST(HealthNotices, sayThatDeletionIsPausedWhenItIs) {
       "settings: unreadable. Automatic snapshot deletion is paused until helper health recovers. Reference: "));
 }
 
-TEST(HealthNotices, passShortTroubleOver) {
-  StateMachine machine;
-  Patient patient(machine);
+TEST_F(HealthNotices, passShortTroubleOver) {
   const std::string first = patient.look().correlationID;
   patient.breakDown("a glitch");
   const std::string second = patient.look().correlationID;
@@ -119,9 +118,7 @@ TEST(HealthNotices, passShortTroubleOver) {
   EXPECT_THAT(patient.notices(), SizeIs(1)) << "and looks once more";
 }
 
-TEST(HealthNotices, countFromTheFirstTroubleWhateverItsText) {
-  StateMachine machine;
-  Patient patient(machine);
+TEST_F(HealthNotices, countFromTheFirstTroubleWhateverItsText) {
   for (int i = 0; i < 3; ++i) {
     patient.breakDown(std::to_string(i));
     (void)patient.look();
@@ -132,9 +129,7 @@ TEST(HealthNotices, countFromTheFirstTroubleWhateverItsText) {
   EXPECT_TRUE(patient.notices()[0].message.starts_with("history: 2. "));
 }
 
-TEST(HealthNotices, countAnewWhenTheClockWasSetBack) {
-  StateMachine machine;
-  Patient patient(machine);
+TEST_F(HealthNotices, countAnewWhenTheClockWasSetBack) {
   patient.breakDown("index is broken");
   (void)patient.look();
   machine.simulation.jumpWallClock(Seconds(-86'400));
@@ -144,7 +139,7 @@ TEST(HealthNotices, countAnewWhenTheClockWasSetBack) {
   EXPECT_THAT(patient.notices(), SizeIs(1)) << "and not a day later";
 }
 
-TEST(HealthNotices, endWhatAnEarlierLifeLeftActiveOnlyWhenItIsOver) {
+TEST(HealthNoticesOfLives, endWhatAnEarlierLifeLeftActiveOnlyWhenItIsOver) {
   for (const bool isBroken : {false, true}) {
     StateMachine machine;
     {
@@ -169,17 +164,15 @@ TEST(HealthNotices, endWhatAnEarlierLifeLeftActiveOnlyWhenItIsOver) {
   }
 }
 
-TEST(HealthNotices, tellOnceThatItIsWellAgainHoweverManyLookAtOnce) {
-  StateMachine machine;
-  Patient before(machine);
-  before.breakDown("index is broken");
-  (void)before.look();
+TEST_F(HealthNotices, tellOnceThatItIsWellAgainHoweverManyLookAtOnce) {
+  patient.breakDown("index is broken");
+  (void)patient.look();
   machine.simulation.runFor(121s);
-  ASSERT_THAT(before.notices(), SizeIs(1));
-  const auto lookFourTimes = [&](Patient& patient) {
-    for (int i = 0; i < 4; ++i) machine.life.spawn("looking", [&] { (void)patient.monitor.evaluate(); });
+  ASSERT_THAT(patient.notices(), SizeIs(1));
+  const auto lookFourTimes = [&](Patient& looking) {
+    for (int i = 0; i < 4; ++i) machine.life.spawn("looking", [&] { (void)looking.monitor.evaluate(); });
     machine.simulation.runUntilIdle();
-    return patient.notices().back().message;
+    return looking.notices().back().message;
   };
   Patient started(machine);
   EXPECT_EQ(lookFourTimes(started), "The background service started healthy.");

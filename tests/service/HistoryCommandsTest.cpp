@@ -11,7 +11,6 @@ using ::testing::Contains;
 using ::testing::ElementsAre;
 using ::testing::HasSubstr;
 using ::testing::IsEmpty;
-using ::testing::Not;
 using ::testing::SizeIs;
 
 constexpr const char* progressPush = "indexProgressWithVolumeUUID";
@@ -41,8 +40,7 @@ class HistoryCommands : public testing::Test {
 };
 
 TEST_F(HistoryCommands, tellWhatIsIndexedAndIndexItAnew) {
-  machine_.run([&] {
-    TestClient client = machine_.connect();
+  machine_.serve([&](TestClient& client) {
     EXPECT_THAT(indexed(client), IsEmpty());
     create(client, "one");
     create(client, "two");
@@ -68,8 +66,7 @@ TEST_F(HistoryCommands, tellWhatIsIndexedAndIndexItAnew) {
 TEST_F(HistoryCommands, refuseWhatIsMalformedUnknownOrNotTheirs) {
   const std::string backup = machine_.addBackupVolume().lower();
   const std::string malformed = "Volume UUID is malformed";
-  machine_.run([&] {
-    TestClient client = machine_.connect();
+  machine_.serve([&](TestClient& client) {
     expectError(client.call(IndexedXIDs{"x"}), QuillmarkErrorCode::invalidVolumeUUID, malformed);
     expectError(client.call(ReindexVolume{"x"}), QuillmarkErrorCode::invalidVolumeUUID, malformed);
     expectError(client.call(ReindexSnapshot{"x", 1}), QuillmarkErrorCode::invalidVolumeUUID, malformed);
@@ -87,11 +84,8 @@ TEST_F(HistoryCommands, refuseWhatIsMalformedUnknownOrNotTheirs) {
 
 TEST_F(HistoryCommands, beginNothingWhileTheHelperDrains) {
   Semaphore release(machine_.life.dispatch());
-  machine_.volumes.watchCalls([&](sim::SimCall call, const std::string&) {
-    if (call == sim::SimCall::create) release.wait();
-  });
-  machine_.run([&] {
-    TestClient client = machine_.connect();
+  machine_.holdCreations(release);
+  machine_.serve([&](TestClient& client) {
     client.send(CreateSnapshot{uuid_, "long"});
     (void)client.call(ProtocolVersion{});
     machine_.helper.requestQuit();
@@ -109,8 +103,7 @@ TEST_F(HistoryCommands, beginNothingWhileTheHelperDrains) {
 
 TEST_F(HistoryCommands, sayThatThereIsNoHistoryAndTheRestGoesOn) {
   createDirectories(machine_.posix, machine_.paths.state("history.sqlite3"), 0700);
-  machine_.run([&] {
-    TestClient client = machine_.connect();
+  machine_.serve([&](TestClient& client) {
     create(client, "all the same");
     const auto snapshots = listing(client);
     ASSERT_THAT(snapshots, SizeIs(1));
@@ -134,8 +127,7 @@ TEST_F(HistoryCommands, sayThatThereIsNoHistoryAndTheRestGoesOn) {
 
 TEST_F(HistoryCommands, tellProgressToAllAndReplayItToWhoeverAsksForTheVersion) {
   slowScans(10s);
-  machine_.run([&] {
-    TestClient client = machine_.connect();
+  machine_.serve([&](TestClient& client) {
     create(client, "slow");
     client.listen(1s);
     const std::string under_way =
@@ -156,8 +148,7 @@ TEST_F(HistoryCommands, tellProgressToAllAndReplayItToWhoeverAsksForTheVersion) 
 // Goal: indexing keeps nobody from deleting, mounting and unmounting the snapshot that is being read, and goes on after.
 TEST_F(HistoryCommands, giveASnapshotToWhoeverWantsItForHimself) {
   slowScans(2s);
-  machine_.run([&] {
-    TestClient client = machine_.connect();
+  machine_.serve([&](TestClient& client) {
     const std::string doomed = create(client, "doomed");
     const std::string wanted = create(client, "wanted");
     client.listen(1s);
@@ -177,8 +168,7 @@ TEST_F(HistoryCommands, giveASnapshotToWhoeverWantsItForHimself) {
 
 TEST_F(HistoryCommands, waitNoLongerThanSecondsForAScanThatDoesNotEnd) {
   slowScans(60s);
-  machine_.run([&] {
-    TestClient client = machine_.connect();
+  machine_.serve([&](TestClient& client) {
     const std::string name = create(client, "stuck");
     client.listen(1s);
     const auto refused = client.call(DeleteSnapshot{name, uuid_, false});
@@ -194,8 +184,7 @@ TEST_F(HistoryCommands, forgetTheFailureOfAVolumeThatIsNoLongerTracked) {
   machine_.sim.directories().watchCalls([](DirectoryCall call, const std::string&) {
     if (call == DirectoryCall::openTree) throw Error("POSIX", EIO, "the disk is bad");
   });
-  machine_.run([&] {
-    TestClient client = machine_.connect();
+  machine_.serve([&](TestClient& client) {
     create(client, "unreadable");
     client.listen(2s);
     EXPECT_EQ(health(client).state, HelperSubsystemState::degraded);
@@ -208,8 +197,7 @@ TEST_F(HistoryCommands, forgetTheFailureOfAVolumeThatIsNoLongerTracked) {
 }
 
 TEST_F(HistoryCommands, lookForWorkOnAVolumeThatComesBack) {
-  machine_.run([&] {
-    TestClient client = machine_.connect();
+  machine_.serve([&](TestClient& client) {
     create(client, "one");
     client.listen(30s);
     const sim::SimVolume volume = machine_.volumes.volumes().front();

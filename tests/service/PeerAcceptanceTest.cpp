@@ -8,13 +8,11 @@ namespace {
 using namespace std::chrono_literals;
 using sim::SimPeerFacts;
 using sim::SimPeerIdentities;
-using ::testing::AllOf;
 using ::testing::Contains;
 using ::testing::ElementsAre;
 using ::testing::ElementsAreArray;
 using ::testing::HasSubstr;
 using ::testing::IsSupersetOf;
-using ::testing::Not;
 using ::testing::StartsWith;
 
 constexpr const char* cli = "com.harrowfern.quillmark.cli";
@@ -128,11 +126,8 @@ TEST(PeerAcceptance, decidesStepByStepAndTellsEachStep) {
 TEST(PeerAcceptance, looksAtNobodyWhileDraining) {
   ServiceMachine machine;
   Semaphore release(machine.life.dispatch());
-  machine.volumes.watchCalls([&](sim::SimCall call, const std::string&) {
-    if (call == sim::SimCall::create) release.wait();
-  });
-  machine.run([&] {
-    TestClient client = machine.connect();
+  machine.holdCreations(release);
+  machine.serve([&](TestClient& client) {
     client.send(CreateSnapshot{machine.uuid.lower(), "long"});
     (void)client.call(ProtocolVersion{});
     machine.helper.requestQuit();

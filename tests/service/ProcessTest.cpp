@@ -199,8 +199,7 @@ TEST(HelperLog, leavesAFileBelowTheThresholdAlone) {
 
 TEST(Health, followsTheAuditTrailAndTellsWhatAdministratorsShouldKnow) {
   ServiceMachine machine;
-  machine.run([&] {
-    TestClient client = machine.connect();
+  machine.serve([&](TestClient& client) {
     const auto health = [&] { return payload<HelperHealthStatus>(client.call(HelperHealth{})); };
     EXPECT_EQ(health().audit, HelperSubsystemHealth());
     EXPECT_EQ(health().notes, std::nullopt);

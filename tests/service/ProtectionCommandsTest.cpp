@@ -48,8 +48,7 @@ TEST(ProtectionCommands, keepASnapshotUntilItIsForcedOrUnprotected) {
 
 TEST(ProtectionCommands, tagASnapshotAndClearItsTag) {
   ServiceMachine machine;
-  machine.run([&] {
-    TestClient client = machine.connect();
+  machine.serve([&](TestClient& client) {
     const std::string uuid = machine.uuid.lower();
     machine.addSnapshot("foreign");
     EXPECT_FALSE(client.call(SetSnapshotTag{"foreign", uuid, "gr\xC3\xBCn"}).reply.error);
@@ -81,8 +80,7 @@ TEST(ProtectionCommands, refuseInTheOrderOfTheirSteps) {
       "displays "
       "its snapshots, so it will not ";
   const std::string os = "com.apple.os.x";
-  machine.run([&] {
-    TestClient client = machine.connect();
+  machine.serve([&](TestClient& client) {
     machine.addSnapshot(os);
     using enum QuillmarkErrorCode;
     struct Case {
@@ -120,8 +118,7 @@ TEST(ProtectionCommands, refuseInTheOrderOfTheirSteps) {
 // Where protection can't be known, nothing is deleted, by nobody and not by force.
 TEST(ProtectionCommands, deleteNothingWhileTheStoreCanNotBeRead) {
   ServiceMachine machine;
-  machine.run([&] {
-    TestClient client = machine.connect();
+  machine.serve([&](TestClient& client) {
     const std::string uuid = machine.uuid.lower(), broken = "Protection store exists but is unreadable: ";
     machine.addSnapshot("a");
     writeAtomically(machine.posix, machine.life.random(), machine.paths.state("protected.json"), "{", 0600);

@@ -11,7 +11,6 @@ using ::testing::Contains;
 using ::testing::ElementsAre;
 using ::testing::HasSubstr;
 using ::testing::IsEmpty;
-using ::testing::Not;
 using ::testing::SizeIs;
 using ::testing::StartsWith;
 
@@ -28,8 +27,7 @@ const std::string unknownVolume = "ffffffff-4455-6677-8899-aabbccddeeff";
 TEST(ScheduleCommands, refuseInTheOrderOfTheirSteps) {
   ServiceMachine machine;
   const Uuid backup = machine.addBackupVolume();
-  machine.run([&] {
-    TestClient client = machine.connect();
+  machine.serve([&](TestClient& client) {
     const JsonArgument nonsense{R"({"enabled":7})", 13};
     expectError(client.call(SetSchedule{"x", nonsense}), invalidVolumeUUID, "Volume UUID is malformed");
     EXPECT_TRUE(client.call(SetSchedule{backup.lower(), nonsense}).reply.error);
@@ -53,8 +51,7 @@ TEST(ScheduleCommands, refuseInTheOrderOfTheirSteps) {
 
 TEST(ScheduleCommands, keepAndStampAPolicyAndBelieveNoClientsStamps) {
   ServiceMachine machine;
-  machine.run([&] {
-    TestClient client = machine.connect();
+  machine.serve([&](TestClient& client) {
     const auto set = [&](const SchedulePolicy& policy) {
       return payload<SchedulePolicy>(client.call(SetSchedule{machine.uuid.upper(), json(policy)}));
     };
@@ -80,8 +77,7 @@ TEST(ScheduleCommands, keepAndStampAPolicyAndBelieveNoClientsStamps) {
 
 TEST(ScheduleCommands, makeTheSchedulerLookAnew) {
   ServiceMachine machine;
-  machine.run([&] {
-    TestClient client = machine.connect();
+  machine.serve([&](TestClient& client) {
     Scheduler& scheduler = *machine.helper.environment().scheduler;
     const std::uint64_t before = scheduler.currentGeneration(machine.uuid.lower());
     (void)client.call(SetSchedule{machine.uuid.upper(), json(only({}))});
@@ -95,8 +91,7 @@ TEST(ScheduleCommands, makeTheSchedulerLookAnew) {
 
 TEST(ScheduleCommands, takeSnapshotsInTheNextMinuteAndKeepTheTrail) {
   ServiceMachine machine;
-  machine.run([&] {
-    TestClient client = machine.connect();
+  machine.serve([&](TestClient& client) {
     (void)client.call(SetSchedule{machine.uuid.lower(), json(only({SnapshotCadence::freq, SnapshotCadence::hourly}))});
   });
   machine.simulation.runFor(61s);
@@ -114,8 +109,7 @@ TEST(ScheduleCommands, areKeptFromChangingAStoreThatCanNotBeRead) {
   ServiceMachine machine;
   createDirectories(machine.posix, machine.paths.stateDirectory, 0700);
   writeAtomically(machine.posix, machine.life.random(), machine.paths.state("schedules.json"), "rubbish", 0600);
-  machine.run([&] {
-    TestClient client = machine.connect();
+  machine.serve([&](TestClient& client) {
     EXPECT_TRUE(client.call(SetSchedule{machine.uuid.lower(), json(only({}))}).reply.error);
     EXPECT_EQ(readFile(machine.posix, machine.paths.state("schedules.json")), "rubbish");
     const auto health = payload<HelperHealthStatus>(client.call(HelperHealth{}));
@@ -159,8 +153,7 @@ TEST(ScheduleCommands, tellEveryClientOfFreeSpaceAndOfWhatFailed) {
 // An event of no cadence has an empty word for it.
 TEST(ScheduleNotices, sendAnEmptyCadenceWhereThereIsNone) {
   ServiceMachine machine;
-  machine.run([&] {
-    TestClient client = machine.connect();
+  machine.serve([&](TestClient& client) {
     (void)client.call(ProtocolVersion{});
     HelperEnvironment& environment = machine.helper.environment();
     ScheduleNotices notices(environment.connections, environment.notifications);
@@ -172,8 +165,7 @@ TEST(ScheduleNotices, sendAnEmptyCadenceWhereThereIsNone) {
 
 TEST(Quitting, stopsTheScheduler) {
   ServiceMachine machine;
-  machine.run([&] {
-    TestClient client = machine.connect();
+  machine.serve([&](TestClient& client) {
     (void)client.call(SetSchedule{machine.uuid.lower(), json(only({SnapshotCadence::hourly}))});
     EXPECT_EQ(client.call(RequestQuit{}).reply.valueJson, "true");
   });

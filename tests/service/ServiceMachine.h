@@ -1,8 +1,7 @@
 // ServiceMachine: the whole helper in one simulated life, with clients that talk to it over the simulated transport.
 //
 //   ServiceMachine machine;
-//   machine.run([&] {
-//     auto client = machine.connect();
+//   machine.serve([&](TestClient& client) {
 //     const RpcIncoming reply = client.call(CreateSnapshot{machine.uuid.lower(), "label"});
 //   });
 #pragma once
@@ -11,11 +10,11 @@
 #include <gtest/gtest.h>
 
 #include "platform/Files.h"
-#include "platform/PropertyList.h"
 #include "platform/sim/SimPlatform.h"
 #include "platform/sim/SimVolumes.h"
 #include "platform/sim/Simulation.h"
 #include "service/HelperProcess.h"
+#include "tests/snapshots/SimDiskutil.h"
 #include "wire/Commands.h"
 #include "wire/Json.h"
 #include "wire/QuillmarkError.h"
@@ -96,13 +95,23 @@ class ServiceMachine {
  public:
   explicit ServiceMachine(std::uint64_t seed = 3) : simulation({.seed = seed}) {
     volumes.add(sim::makeSimVolume(uuid));
-    processes.script(paths.diskutil, [this](const ProcessRequest&) { return diskutil(); });
+    processes.script(paths.diskutil, [this](const ProcessRequest& request) {
+      return sim::SimProgram{
+          .output = snapshotsAsDiskutilListsThem(volumes, platform.propertyLists, request.arguments.back())};
+    });
   }
 
   // Starts the helper, then runs the body on a fiber of the client's life.
   void run(FunctionRef<void()> body) {
     ASSERT_TRUE(simulation.run(life, [&] { helper.start(); }));
     runClient(body);
+  }
+  // The same with a client of root's.
+  void serve(FunctionRef<void(TestClient&)> body) {
+    run([&] {
+      TestClient client = connect();
+      body(client);
+    });
   }
   void runClient(FunctionRef<void()> body) { ASSERT_TRUE(simulation.run(clientLife, body)); }
 
@@ -136,6 +145,12 @@ class ServiceMachine {
     disk.description.deviceInternal = false;
     volumes.add(disk);
     return backup;
+  }
+  // Creations whose names end like this wait until the semaphore is signalled.
+  void holdCreations(Semaphore& release, const std::string& ending = "") {
+    volumes.watchCalls([&release, ending](sim::SimCall call, const std::string& name) {
+      if (call == sim::SimCall::create && name.ends_with(ending)) release.wait();
+    });
   }
   Xid addSnapshot(const std::string& name) { return *volumes.addSnapshot(uuid, name, life.clock().now()); }
   // From here on no audit record can be stored.
@@ -171,17 +186,6 @@ class ServiceMachine {
                               if (onExit) onExit();
                             },
                         .healthNotes = {[this] { return healthNote; }}}};
-
- private:
-  sim::SimProgram diskutil() {
-    PropertyArray entries;
-    for (const sim::SimSnapshot& snapshot : volumes.snapshots(uuid)) {
-      entries.push_back(PropertyList(PropertyDictionary{{"SnapshotName", PropertyList(snapshot.name)},
-                                                        {"SnapshotXID", PropertyList(snapshot.xid.value)}}));
-    }
-    return {.output = platform.propertyLists.write(
-                PropertyList(PropertyDictionary{{"Snapshots", PropertyList(std::move(entries))}}))};
-  }
 };
 
 }  // namespace quillmark

@@ -9,7 +9,6 @@ using namespace std::chrono_literals;
 using enum QuillmarkErrorCode;
 using Client = HelperEvent::Client;
 using ::testing::Contains;
-using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 using ::testing::Not;
 using ::testing::StartsWith;
@@ -37,8 +36,7 @@ RpcIncoming asked(ServiceMachine& machine, Client client, const Command& command
 
 TEST(SettingsCommands, storeWhatIsSetAndSayWhenScansChange) {
   ServiceMachine machine;
-  machine.run([&] {
-    TestClient client = machine.connect();
+  machine.serve([&](TestClient& client) {
     HelperSettings settings = payload<HelperSettings>(client.call(GetHelperSettings{}));
     EXPECT_EQ(settings, HelperSettings());
     settings.safetySnapshotRetentionHours = 10'000;
@@ -92,24 +90,6 @@ TEST(SettingsCommands, takeInNewDefaultRulesAtTheStart) {
   EXPECT_THAT(machine.logged(),
               Contains("added " + std::to_string(added.size()) + " newly-shipped default exclusion(s): " + list +
                        "; they apply from the next scan onward (existing indexes kept)"));
-}
-
-TEST(SettingsCommands, decideWhatAListingShows) {
-  ServiceMachine machine;
-  machine.run([&] {
-    TestClient client = machine.connect();
-    (void)machine.addSnapshot(":backups:daily");
-    SchedulePolicy policy = SchedulePolicy::makeDefault().normalized();
-    for (const bool covered : {true, false}) {
-      policy.protectForeignSnapshots = covered;
-      (void)client.call(SetSchedule{machine.uuid.lower(), json(policy)});
-      const auto listing =
-          payload<std::vector<SnapshotRecord>>(client.call(ListSnapshots{machine.uuid.lower(), false, false}));
-      ASSERT_EQ(listing.size(), 1U);
-      EXPECT_EQ(listing[0].isAutoProtected, covered);
-    }
-    EXPECT_FALSE(client.call(DeleteSnapshot{":backups:daily", machine.uuid.lower(), false}).reply.error);
-  });
 }
 
 TEST(ForwardedNotifications, goFromTheAppToEmailAndNowhereElse) {

@@ -15,6 +15,7 @@
 #include "base/FunctionRef.h"
 #include "history/index/EntryItems.h"
 #include "history/index/SnapshotIndex.h"
+#include "history/index/TreeMemory.h"
 
 namespace quillmark {
 
@@ -83,6 +84,9 @@ class ShardedEntries final {
   [[nodiscard]] std::vector<Entry> combined(const ShardedEntries& other) const;
   // What the tree occupies, arenas and tables.
   [[nodiscard]] std::size_t memoryBytes() const;
+  // What was taken for the tree is given back when it goes. Null for one that nobody counts.
+  void hold(std::shared_ptr<TreeClaim> claim) { claim_ = std::move(claim); }
+  [[nodiscard]] const std::shared_ptr<TreeClaim>& claim() const { return claim_; }
 
   // A walk in ascending order of paths that can be asked for one entry after the other.
   class PathCursor;
@@ -90,6 +94,7 @@ class ShardedEntries final {
   [[nodiscard]] const TreeShard& shard(std::size_t number) const { return *shards_[number]; }
 
  private:
+  std::shared_ptr<TreeClaim> claim_;
   std::array<std::unique_ptr<TreeShard>, shardCount> shards_;
 };
 

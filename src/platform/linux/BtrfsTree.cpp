@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <utility>
 
 #include "platform/linux/TreeFacts.h"
 
@@ -54,8 +55,17 @@ SysResult<std::uint64_t> lastInodeOf(int root) {
   return low;
 }
 
+// A read that ended within a directory's list goes on behind the directory, and as directories often lie side by side, with
+// just enough to come upon another one.
+constexpr std::uint32_t fewItems = 8;
+constexpr std::uint32_t manyItems = 512;
+
+bool isOfList(const btrfs::TreeKey& key) { return key.type == BTRFS_DIR_ITEM_KEY || key.type == BTRFS_DIR_INDEX_KEY; }
+
+}  // namespace
+
 // Items of one inode come together, its INODE_ITEM first.
-class PieceBuilder final {
+class BtrfsTree::PieceBuilder final {
  public:
   // For so many objects, as far as that can be known.
   explicit PieceBuilder(std::size_t objects) {
@@ -74,7 +84,22 @@ class PieceBuilder final {
       default: return true;
     }
   }
+  // Where to go on behind an item. Nobody needs the rest of a directory's list, unless it has nested subvolumes: all else
+  // is named by itself.
+  btrfs::TreeSearch::Step goOnBehind(const btrfs::TreeKey& key) {
+    if (!isOfList(key)) {
+      most_ = most_ < manyItems ? most_ * 4 : btrfs::TreeSearch::allItems;
+      return {btrfs::TreeSearch::behind(key).from, most_};
+    }
+    const btrfs::TreeKey indexes{key.objectId, BTRFS_DIR_INDEX_KEY, 0};
+    lists_.push_back({key.type == BTRFS_DIR_INDEX_KEY ? btrfs::TreeSearch::behind(key).from : indexes,
+                      key.objectId == number_ ? static_cast<std::uint64_t>(piece_.objects[object_].size) : ~0ull});
+    most_ = fewItems;
+    return {{key.objectId + 1, 0, 0}, most_};
+  }
   TreePiece& piece() { return piece_; }
+  const std::vector<MetNames>& met() const { return met_; }
+  const std::vector<CutList>& lists() const { return lists_; }
 
  private:
   bool takeInode(std::uint64_t number, std::span<const std::byte> bytes) {
@@ -148,6 +173,8 @@ class PieceBuilder final {
     if (leadsElsewhere) return false;
     const std::size_t offset = piece_.names.size();
     if (offset > UINT32_MAX) return false;
+    if (met_.empty() || met_.back().directory != parent) met_.push_back({.directory = parent});
+    met_.back().bytes += name.size();
     const std::size_t length = appendNameText(piece_.names, name);
     piece_.links.push_back({parent, static_cast<std::uint32_t>(object), static_cast<std::uint32_t>(offset),
                             static_cast<std::uint16_t>(length)});
@@ -155,11 +182,12 @@ class PieceBuilder final {
   }
 
   TreePiece piece_;
+  std::vector<MetNames> met_;
+  std::vector<CutList> lists_;
   std::uint64_t number_ = 0;  // of the inode whose items come
   std::size_t object_ = 0;
+  std::uint32_t most_ = manyItems;
 };
-
-}  // namespace
 
 SysResult<std::unique_ptr<WholeTree>> BtrfsTree::open(int root) {
   const auto subvolume = btrfs::subvolumeOf(root);
@@ -186,24 +214,69 @@ SysResult<TreePiece> BtrfsTree::read(std::size_t piece, FunctionRef<bool()> shou
   const std::uint64_t first = btrfs::rootInode + piece * pieceSpan_;
   // Whatever lies past the last one that was seen isn't left out.
   const std::uint64_t last = piece + 1 == pieceCount_ ? lastFreeInode : first + pieceSpan_ - 1;
-  std::unique_ptr<btrfs::TreeSearch> search = takeSearch();
   // Numbers that lie far apart tell nothing of how many there are.
   PieceBuilder builder(std::min<std::uint64_t>(pieceSpan_, 8 * leastSpan));
+  const SysStatus status = readItems({{first, 0, 0}, manyItems}, {last, 255, ~0ull}, builder, shouldStop,
+                                     [&](const btrfs::TreeKey& key) { return builder.goOnBehind(key); });
+  if (!status) return Errno{status.error()};
+  note(builder.met(), builder.lists());
+  builder.piece().took = timeOf(CLOCK_MONOTONIC) - began;
+  builder.piece().worked = timeOf(CLOCK_THREAD_CPUTIME_ID) - beganWork;
+  return std::move(builder.piece());
+}
+
+SysStatus BtrfsTree::readItems(const btrfs::TreeSearch::Step& first, btrfs::TreeKey last, PieceBuilder& builder,
+                               FunctionRef<bool()> shouldStop,
+                               FunctionRef<btrfs::TreeSearch::Step(const btrfs::TreeKey&)> goOn) {
+  std::unique_ptr<btrfs::TreeSearch> search = takeSearch();
   bool isSound = true, isStopped = false;
   std::size_t items = 0;
-  const SysStatus status = search->run(root_, 0, {first, 0, 0}, {last, 255, ~0ull},
-                                       [&](const btrfs::TreeKey& key, std::span<const std::byte> item) {
-                                         isStopped = ++items % 1024 == 0 && shouldStop();
-                                         isSound = builder.take(key, item);
-                                         return isSound && !isStopped;
-                                       });
+  const auto use = [&](const btrfs::TreeKey& key, std::span<const std::byte> item) {
+    isStopped = ++items % 1024 == 0 && shouldStop();
+    isSound = builder.take(key, item);
+    return isSound && !isStopped;
+  };
+  const SysStatus status = search->run(root_, 0, first, last, use, goOn);
   giveBack(std::move(search));
   if (!status) return Errno{status.error()};
   if (isStopped) return Errno{ECANCELED};
   if (!isSound) return Errno{EBADMSG};
-  builder.piece().took = timeOf(CLOCK_MONOTONIC) - began;
-  builder.piece().worked = timeOf(CLOCK_THREAD_CPUTIME_ID) - beganWork;
+  return {};
+}
+
+void BtrfsTree::note(const std::vector<MetNames>& met, const std::vector<CutList>& lists) {
+  NativeLock lock(mutex_);
+  met_.insert(met_.end(), met.begin(), met.end());
+  cutLists_.insert(cutLists_.end(), lists.begin(), lists.end());
+}
+
+SysResult<TreePiece> BtrfsTree::finish(FunctionRef<bool()> shouldStop) {
+  PieceBuilder builder(0);
+  for (const CutList& list : neededLists()) {
+    if (shouldStop()) return Errno{ECANCELED};
+    const btrfs::TreeKey last{list.rest.objectId, BTRFS_DIR_INDEX_KEY, ~0ull};
+    const SysStatus status = readItems({list.rest}, last, builder, shouldStop,
+                                       [](const btrfs::TreeKey& key) { return btrfs::TreeSearch::behind(key); });
+    if (!status) return Errno{status.error()};
+  }
+  const auto now = btrfs::subvolumeOf(root_);
+  if (!now) return Errno{now.error()};
+  if (*now != subvolume_) return Errno{ESTALE};
   return std::move(builder.piece());
+}
+
+std::vector<BtrfsTree::CutList> BtrfsTree::neededLists() {
+  NativeLock lock(mutex_);
+  std::vector<CutList> lists = std::move(cutLists_);
+  const auto isBelow = [](const CutList& list, std::uint64_t number) { return list.rest.objectId < number; };
+  std::sort(lists.begin(), lists.end(),
+            [&](const CutList& a, const CutList& b) { return isBelow(a, b.rest.objectId); });
+  for (const MetNames& names : std::exchange(met_, {})) {
+    const auto list = std::lower_bound(lists.begin(), lists.end(), names.directory, isBelow);
+    if (list != lists.end() && list->rest.objectId == names.directory) list->size -= 2 * names.bytes;
+  }
+  std::erase_if(lists, [](const CutList& list) { return list.size == 0; });
+  return lists;
 }
 
 std::unique_ptr<btrfs::TreeSearch> BtrfsTree::takeSearch() {
@@ -221,13 +294,6 @@ std::unique_ptr<btrfs::TreeSearch> BtrfsTree::takeSearch() {
 void BtrfsTree::giveBack(std::unique_ptr<btrfs::TreeSearch> search) {
   NativeLock lock(mutex_);
   searches_.push_back(std::move(search));
-}
-
-SysStatus BtrfsTree::confirm() {
-  const auto now = btrfs::subvolumeOf(root_);
-  if (!now) return Errno{now.error()};
-  if (*now != subvolume_) return Errno{ESTALE};
-  return {};
 }
 
 }  // namespace quillmark::os

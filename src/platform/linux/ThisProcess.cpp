@@ -1,5 +1,6 @@
 #include "platform/linux/ThisProcess.h"
 
+#include <malloc.h>
 #include <sys/resource.h>
 #include <unistd.h>
 
@@ -35,6 +36,12 @@ SysStatus LinuxThisProcess::setDescriptorLimit(DescriptorLimit limit) {
 
 void LinuxThisProcess::writeStandardError(std::string_view text) {
   [[maybe_unused]] const ssize_t written = ::write(STDERR_FILENO, text.data(), text.size());
+}
+
+void LinuxThisProcess::giveBackFreeMemory() {
+#ifdef __GLIBC__
+  ::malloc_trim(0);
+#endif
 }
 
 }  // namespace quillmark::os

@@ -14,6 +14,7 @@ class LinuxThisProcess final : public ThisProcess {
   SysResult<DescriptorLimit> descriptorLimit() override;
   SysStatus setDescriptorLimit(DescriptorLimit limit) override;
   void writeStandardError(std::string_view text) override;
+  void giveBackFreeMemory() override;
 };
 
 }  // namespace quillmark::os

@@ -29,29 +29,37 @@ TreeSearch::TreeSearch(std::size_t bufferSize)
 
 TreeSearch::~TreeSearch() = default;
 
-void TreeSearch::begin(std::uint64_t tree, TreeKey first, TreeKey last) {
-  reinterpret_cast<btrfs_ioctl_search_args_v2*>(memory_.get())->key = keyOf(tree, first, last);
+void TreeSearch::begin(std::uint64_t tree, const Step& first, TreeKey last) {
+  reinterpret_cast<btrfs_ioctl_search_args_v2*>(memory_.get())->key = keyOf(tree, first.from, last);
+  most_ = first.most;
 }
 
 SysResult<std::uint32_t> TreeSearch::fetch(int fd) {
   auto* arguments = reinterpret_cast<btrfs_ioctl_search_args_v2*>(memory_.get());
-  arguments->key.nr_items = ~0u;
+  arguments->key.nr_items = most_;
   arguments->buf_size = bufferSize_;
   if (::ioctl(fd, BTRFS_IOC_TREE_SEARCH_V2, arguments) < 0) return Errno{errno};
   return arguments->key.nr_items;
 }
 
-bool TreeSearch::advance(const btrfs_ioctl_search_header& last, std::size_t used) {
+bool TreeSearch::mayFollow(std::uint32_t count, std::size_t used) const {
   // Had there been another item, it would have fitted.
-  if (used + longestItem <= bufferSize_) return false;
+  return count == most_ || used + longestItem > bufferSize_;
+}
+
+bool TreeSearch::advance(const Step& step) {
   auto& key = reinterpret_cast<btrfs_ioctl_search_args_v2*>(memory_.get())->key;
-  key.min_objectid = last.objectid;
-  key.min_type = last.type;
-  key.min_offset = last.offset + 1;
-  if (key.min_offset != 0) return true;
-  if (key.min_type++ < 255) return true;
-  key.min_type = 0;
-  return ++key.min_objectid != 0;
+  key.min_objectid = step.from.objectId;
+  key.min_type = step.from.type;
+  key.min_offset = step.from.offset;
+  most_ = step.most;
+  return key.min_objectid != 0 && key.min_objectid <= key.max_objectid;
+}
+
+TreeSearch::Step TreeSearch::behind(TreeKey key) {
+  if (++key.offset != 0) return {key};
+  if (key.type++ < 255) return {key};
+  return {{key.objectId + 1, 0, 0}};
 }
 
 const std::byte* TreeSearch::items() const {

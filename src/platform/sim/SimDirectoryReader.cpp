@@ -115,12 +115,19 @@ class SimDirectoryReader::Whole final : public WholeTree {
     piece.took = reader_.settings().waited;
     for (std::size_t i = 0; i < size && object != objects_.end(); ++i, ++object) {
       if (shouldStop()) return Errno{ECANCELED};
-      add(piece, object->first, object->second);
+      if (!object->second.facts.isPlaceholder) add(piece, object->first, object->second);
     }
     return piece;
   }
 
-  SysStatus confirm() override { return reader_.begin(DirectoryCall::confirm, path_); }
+  SysResult<TreePiece> finish(FunctionRef<bool()>) override {
+    if (const SysStatus begun = reader_.begin(DirectoryCall::finish, path_); !begun) return Errno{begun.error()};
+    TreePiece piece;
+    for (const auto& [number, object] : objects_) {
+      if (object.facts.isPlaceholder) add(piece, number, object);
+    }
+    return piece;
+  }
 
  private:
   struct Name {

@@ -25,7 +25,7 @@ enum class DirectoryCall {
   openTree,
   openWhole,
   readPiece,
-  confirm,
+  finish,
   open,
   readRecords,
   opendir,

@@ -20,6 +20,7 @@ class SimThisProcess final : public ThisProcess {
   // The errno with which limits can't be read or set; 0 for none.
   void failLimits(int error) { limitError_ = error; }
   [[nodiscard]] const std::string& standardError() const { return standardError_; }
+  [[nodiscard]] int timesMemoryWasGivenBack() const { return timesMemoryWasGivenBack_; }
 
   int pid() override { return processId_; }
   std::uint32_t uid() override { return uid_; }
@@ -37,6 +38,7 @@ class SimThisProcess final : public ThisProcess {
     return {};
   }
   void writeStandardError(std::string_view text) override { standardError_ += text; }
+  void giveBackFreeMemory() override { ++timesMemoryWasGivenBack_; }
 
  private:
   const int processId_;
@@ -46,6 +48,7 @@ class SimThisProcess final : public ThisProcess {
   DescriptorLimit limit_{.soft = 1024, .hard = 524288};
   int limitError_ = 0;
   std::string standardError_;
+  int timesMemoryWasGivenBack_ = 0;
 };
 
 }  // namespace quillmark::sim

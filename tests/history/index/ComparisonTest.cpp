@@ -151,6 +151,7 @@ TEST(Comparison, tellsChangesFromSilence) {
   touchedDirectory.generation = 8;
   lockedDirectory.metaBits = 8;
   const Found nothing{}, modified{0, 0, 1, 0, 0}, replaced{0, 0, 0, 1, 0}, moved{0, 0, 0, 0, 1}, both{1, 1, 0, 0, 0};
+  const Found besides{1, 0, 0, 1, 0}, twoForOne{1, 2, 0, 0, 0}, oneForTwo{2, 1, 0, 0, 0};
   struct Case {
     const char* what;
     std::vector<Entry> a, b;
@@ -169,30 +170,15 @@ TEST(Comparison, tellsChangesFromSilence) {
       {"a link in the place of a moved file",
        {file("/a", 1)},
        {entry(EntryType::symlink, "/a", 2), file("/b", 1)},
-       {1, 0, 0, 1, 0},
-       {1, 0, 0, 1, 0},
-       {1, 0, 0, 1, 0}},
+       besides,
+       besides,
+       besides},
       {"a file elsewhere", {file("/a", 1)}, {file("/d/b", 1)}, moved, both, both},
       {"elsewhere and written anew", {file("/a", 1, 1)}, {file("/b", 1, 2)}, moved, both, both},
       {"one of two links elsewhere", {file("/a", 1), file("/b", 1)}, {file("/a", 1), file("/c", 1)}, moved, both, both},
-      {"two links gone, one new",
-       {file("/a", 1), file("/b", 1)},
-       {file("/c", 1)},
-       {1, 2, 0, 0, 0},
-       {1, 2, 0, 0, 0},
-       {1, 2, 0, 0, 0}},
-      {"one gone, two links new",
-       {file("/a", 1)},
-       {file("/b", 1), file("/c", 1)},
-       {2, 1, 0, 0, 0},
-       {2, 1, 0, 0, 0},
-       {2, 1, 0, 0, 0}},
-      {"a file's inode on a directory elsewhere",
-       {file("/a", 1)},
-       {entry(EntryType::directory, "/b", 1)},
-       both,
-       both,
-       both},
+      {"two links gone, one new", {file("/a", 1), file("/b", 1)}, {file("/c", 1)}, twoForOne, twoForOne, twoForOne},
+      {"one gone, two links new", {file("/a", 1)}, {file("/b", 1), file("/c", 1)}, oneForTwo, oneForTwo, oneForTwo},
+      {"a file's inode on a directory", {file("/a", 1)}, {entry(EntryType::directory, "/b", 1)}, both, both, both},
       {"a directory elsewhere with its child",
        {directory, file("/a/x", 2)},
        {entry(EntryType::directory, "/b", 1), file("/b/x", 2)},

@@ -30,6 +30,9 @@ TEST_P(ShardedEntriesSuite, holdWhatTheyWereBuiltOf) {
       ASSERT_EQ(tree.count(), model.size());
       ASSERT_EQ(tree.isEmpty(), model.empty());
       ASSERT_THAT(byPath(tree), ElementsAreArray(entries));
+      const auto cursor = tree.byPath();
+      for (const Entry& entry : entries) ASSERT_EQ(cursor->next(), entry.view());
+      for (int i = 0; i < 2; ++i) ASSERT_EQ(cursor->next(), std::nullopt);
       auto all = tree.allEntries();
       std::sort(all.begin(), all.end(), [](const Entry& a, const Entry& b) { return a.path < b.path; });
       ASSERT_THAT(all, ElementsAreArray(entries));
@@ -110,19 +113,6 @@ TEST_P(ShardedEntriesSuite, combineToTheUnionWhereTheOthersEntryWins) {
       EXPECT_THAT(random.tree(dispatch, first).combined(random.tree(dispatch, second)),
                   ElementsAreArray(RandomTrees::entriesOf(both)));
     }
-  });
-}
-
-TEST_P(ShardedEntriesSuite, areToldOneAfterTheOtherByACursor) {
-  on([&](Dispatch& dispatch) {
-    RandomTrees random(4);
-    const Model model = random.model(500);
-    const ShardedEntries tree = random.tree(dispatch, model);
-    const auto cursor = tree.byPath();
-    for (const Entry& entry : RandomTrees::entriesOf(model)) ASSERT_EQ(cursor->next(), entry.view());
-    EXPECT_EQ(cursor->next(), std::nullopt);
-    EXPECT_EQ(cursor->next(), std::nullopt);
-    EXPECT_EQ(ShardedEntries().byPath()->next(), std::nullopt);
   });
 }
 
