@@ -2,85 +2,17 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <map>
 #include <random>
 
-#include "base/Error.h"
-#include "history/SnapshotScanner.h"
-#include "platform/linux/Clock.h"
-#include "platform/linux/Dispatch.h"
-#include "platform/sim/SimDirectoryReader.h"
+#include "ScannerMachine.h"
 
 namespace quillmark {
 namespace {
 
 using sim::DirectoryCall;
-using sim::SimTree;
 using SnapshotIndex::EntryType;
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
-using Tree = std::map<std::string, SnapshotIndex::Facts>;
-
-const std::string live = "/Volumes/Data", snapshot = "/mounts/snapshot";
-
-// A volume, which is read by its directories, and a snapshot of it, which is read as a whole.
-class Machine final {
- public:
-  Machine() { volumes_.add(sim::makeSimVolume(uuid_, "Data", live)); }
-
-  void edit(FunctionRef<void(SimTree&)> work) {
-    volumes_.change(uuid_, [&](sim::SimVolume& volume) { work(volume.tree); });
-  }
-  void freeze() {
-    ASSERT_TRUE(volumes_.addSnapshot(uuid_, "snapshot", Date::from1970(1'772'355'600)));
-    ASSERT_TRUE(volumes_.mount(uuid_, snapshot, "snapshot", mntReadOnly));
-  }
-
-  Tree scan(ScanRequest request) {
-    const auto keep = [](Guarded<std::vector<std::string>>& lines) {
-      return [&lines](const std::string& line) { lines.with([&](auto& all) { all.push_back(line); }); };
-    };
-    SnapshotScanner scanner(dispatch, reader, keep(notes_), keep(warnings_));
-    Tree tree;
-    scanner.scan(request).forEach(
-        [&](const SnapshotIndex::EntryView& entry) { tree.emplace(std::string(entry.path), entry); });
-    return tree;
-  }
-  // What a failed scan says: its domain, code and text.
-  std::string failureOf(ScanRequest request) {
-    try {
-      (void)scan(std::move(request));
-    } catch (const Error& error) {
-      return error.domain() + " " + std::to_string(error.code()) + " " + error.description();
-    }
-    return "none";
-  }
-  std::vector<std::string> notes() {
-    return notes_.with([](auto& lines) { return std::exchange(lines, {}); });
-  }
-  std::vector<std::string> warnings() {
-    return warnings_.with([](auto& lines) { return std::exchange(lines, {}); });
-  }
-  void expectNothingLeftBehind() {
-    EXPECT_EQ(reader.openNow(), 0);
-    EXPECT_EQ(reader.loweredNow(), 0);
-  }
-
- private:
-  const Uuid uuid_ = *Uuid::parse("0f0e0d0c-0b0a-4908-8706-050403020100");
-  os::LinuxClock clock_;
-
- public:
-  os::LinuxDispatch dispatch{clock_};
-
- private:
-  Guarded<std::vector<std::string>> notes_{dispatch};
-  Guarded<std::vector<std::string>> warnings_{dispatch};
-  sim::SimVolumes volumes_;
-
- public:
-  sim::SimDirectoryReader reader{volumes_};
-};
 
 std::vector<std::string> pathsOf(const Tree& tree) {
   std::vector<std::string> paths;
@@ -96,7 +28,7 @@ std::string report(int fallbacks, int dataless, const std::string& denied, const
 }
 
 TEST(SnapshotScanner, RootsOfEveryKindAreTold) {
-  Machine machine;
+  ScannerMachine machine;
   EXPECT_EQ(machine.failureOf({.root = live + "/missing"}),
             "Quillmark.SnapshotScanner 1 Cannot scan /Volumes/Data/missing: No such file or directory");
   std::vector<std::uint64_t> progress;
@@ -122,7 +54,7 @@ TEST(SnapshotScanner, RootsOfEveryKindAreTold) {
 }
 
 TEST(SnapshotScanner, AnEntryIsMadeOfItsFacts) {
-  Machine machine;
+  ScannerMachine machine;
   const FileFacts facts{.inode = 77,
                         .size = 5,
                         .mtimeNS = -3,
@@ -234,7 +166,7 @@ TEST(SnapshotScanner, FailuresArePutUpWithToldOrEndTheScan) {
   for (const Case& one : cases) {
     for (const bool parallel : {false, true}) {
       SCOPED_TRACE(one.name + (parallel ? ", several threads" : ", one thread"));
-      Machine machine;
+      ScannerMachine machine;
       machine.edit([](SimTree& tree) { tree.write("/d/f", 1); });
       for (const Failing& failing : one.failing) machine.reader.fail(failing.call, failing.path, failing.error);
       ScanRequest request{.root = live, .parallel = parallel, .lowPriority = true, .tolerant = one.tolerant};
@@ -253,7 +185,7 @@ TEST(SnapshotScanner, FailuresArePutUpWithToldOrEndTheScan) {
 }
 
 TEST(SnapshotScanner, ADirectoryThatSaysItIsEvictedIsEmpty) {
-  Machine machine;
+  ScannerMachine machine;
   machine.edit([](SimTree& tree) {
     for (const char* path : {"/d/f", "/e/f", "/g/f"}) tree.write(path, 1);
     for (const char* path : {"/d", "/e"}) {
@@ -272,13 +204,13 @@ TEST(SnapshotScanner, ADirectoryThatSaysItIsEvictedIsEmpty) {
 
 TEST(SnapshotScanner, InterruptedCallsAreTriedSixTimes) {
   for (const auto call : {DirectoryCall::openTree, DirectoryCall::open, DirectoryCall::readRecords}) {
-    Machine machine;
+    ScannerMachine machine;
     machine.edit([](SimTree& tree) { tree.write("/f", 1); });
     machine.reader.fail(call, live, EINTR, 5);
     EXPECT_EQ(machine.scan({.root = live}).size(), 2u);
     EXPECT_THAT(machine.notes(), IsEmpty());
   }
-  Machine machine;
+  ScannerMachine machine;
   std::atomic<int> calls = 0;
   machine.reader.watchCalls([&](DirectoryCall call, const std::string&) { calls += call == DirectoryCall::openTree; });
   machine.reader.fail(DirectoryCall::openTree, live, EINTR);
@@ -317,7 +249,7 @@ TEST(SnapshotScanner, TheWitnessOfContentGoesThroughItsSteps) {
                           Case{"can't be opened", plain, {}, {}, 0}, Case{"evicted", dataless, {}, layout, 0}}) {
     for (const bool byNames : {false, true}) {
       SCOPED_TRACE(one.name);
-      Machine machine;
+      ScannerMachine machine;
       machine.edit([&](SimTree& tree) { tree.put("/f", one.facts); });
       if (one.asked) machine.reader.setGeneration(live + "/f", *one.asked);
       if (one.layout) machine.reader.setLayout(live + "/f", *one.layout);
@@ -356,7 +288,7 @@ TEST(SnapshotScanner, BothRoadsGiveTheSameTreeAndKeepTheRules) {
   for (std::uint64_t seed = 1; seed <= 20; ++seed) {
     SCOPED_TRACE(seed);
     std::mt19937_64 random(seed);
-    Machine machine;
+    ScannerMachine machine;
     machine.edit([&](SimTree& tree) {
       fillAtRandom(tree, random, 300);
       tree.write("/.place/ours", 1);
@@ -386,7 +318,7 @@ TEST(SnapshotScanner, BothRoadsGiveTheSameTreeAndKeepTheRules) {
 
 // Anybody can nest directories without end; each entry in them would take the whole path's memory.
 TEST(SnapshotScanner, ADirectoryPastTheLongestPathIsAnEntryAndIsNotEntered) {
-  Machine machine;
+  ScannerMachine machine;
   std::string way;
   for (int i = 0; i < 40; ++i) way += "/" + std::string(250, 'd');
   machine.edit([&](SimTree& tree) {
@@ -407,179 +339,8 @@ TEST(SnapshotScanner, ADirectoryPastTheLongestPathIsAnEntryAndIsNotEntered) {
   }
 }
 
-TEST(SnapshotScanner, ATreeThatWouldTakeTheMachinesMemoryIsGivenUp) {
-  Machine machine;
-  machine.edit([](SimTree& tree) {
-    for (int i = 0; i < 9'000; ++i) tree.write("/" + std::to_string(i % 3) + "/" + std::to_string(i), 1);
-  });
-  machine.freeze();
-  for (const std::string& root : {live, snapshot}) {
-    machine.reader.setMemorySize(300'000);
-    EXPECT_EQ(machine.failureOf({.root = root}),
-              "Quillmark.SnapshotScanner 3 Cannot scan " + root + ": its names take too much memory");
-    machine.expectNothingLeftBehind();
-    machine.reader.setMemorySize(20'000'000);
-    EXPECT_EQ(machine.scan({.root = root}).size(), 9'004u);
-  }
-}
-
-constexpr int manyNames = 20'000;
-
-// A directory under a path that takes 1,000 bytes for each entry in it.
-std::string deepWay() {
-  std::string way;
-  for (int i = 0; i < 4; ++i) way += "/" + std::string(249, 'd');
-  return way;
-}
-
-// Goal:   a tree read as a whole is counted while its paths are put together, not once they all are.
-// Method: many directories, or many names of one file, under a long path; past the memory nobody asks any more whether the
-//         scan was cancelled, and it is asked once for each few thousand names.
-TEST(SnapshotScanner, AWholeTreeIsGivenUpBeforeItsPathsTakeTheMemory) {
-  for (const bool areDirectories : {true, false}) {
-    SCOPED_TRACE(areDirectories);
-    Machine machine;
-    machine.edit([&](SimTree& tree) {
-      tree.write("/file", 1);
-      tree.makeDirectory(deepWay());
-      for (int i = 0; i < manyNames; ++i) {
-        const std::string path = deepWay() + "/" + std::to_string(i);
-        areDirectories ? tree.makeDirectory(path) : tree.link("/file", path);
-      }
-    });
-    machine.freeze();
-    // Half of it holds what was read, and the paths of some of the names.
-    machine.reader.setMemorySize(18'000'000);
-    int asked = 0;
-    machine.reader.watchCalls([&](DirectoryCall call, const std::string&) {
-      if (call == DirectoryCall::finish) asked = 0;
-    });
-    EXPECT_EQ(machine.failureOf({.root = snapshot, .parallel = false, .isCancelled = [&] { return ++asked < 0; }}),
-              "Quillmark.SnapshotScanner 3 Cannot scan " + snapshot + ": its names take too much memory");
-    EXPECT_LE(asked, 3) << "of at least 5 for all names";
-    machine.expectNothingLeftBehind();
-  }
-}
-
-TEST(SnapshotScanner, ADirectoryIsGivenUpBeforeItsPathsTakeTheMemory) {
-  Machine machine;
-  machine.edit([&](SimTree& tree) {
-    for (int i = 0; i < manyNames; ++i) tree.makeDirectory(deepWay() + "/" + std::to_string(i));
-  });
-  // Half of it holds what was read of the directory, and some of the paths.
-  machine.reader.setMemorySize(28'000'000);
-  std::atomic<std::uint64_t> processed = 0;
-  EXPECT_EQ(machine.failureOf({.root = live, .progress = [&](std::uint64_t count) { processed = count; }}),
-            "Quillmark.SnapshotScanner 3 Cannot scan " + live + ": its names take too much memory");
-  EXPECT_GT(processed, 0u);
-  EXPECT_LT(processed, 15'000u);
-  machine.expectNothingLeftBehind();
-}
-
-// Its only directory has always more, up to what nobody would wait for.
-class EndlessReader final : public DirectoryReader {
- public:
-  explicit EndlessReader(bool isBulkRefused) : isBulkRefused_(isBulkRefused) {}
-
-  static constexpr std::size_t most = 1'000'000;
-  std::size_t given = 0;
-
-  SysResult<std::unique_ptr<OpenTree>> openTree(const std::string&) override {
-    return std::unique_ptr<OpenTree>(std::make_unique<Tree>(*this));
-  }
-  unsigned processorCount() override { return 2; }
-  std::uint64_t memorySize() override { return 20'000'000; }
-  std::unique_ptr<LowPriority> lowerPriority() override { return nullptr; }
-
- private:
-  class Directory final : public OpenDirectory {
-   public:
-    explicit Directory(EndlessReader& reader) : reader_(reader) {}
-    SysResult<bool> readRecords(DirectoryRecords& into) override {
-      const auto names = readNames();
-      for (const std::string& name : *names) into.add(name, {.hasGeneration = true});
-      return !names->empty();
-    }
-    SysResult<std::vector<std::string>> readNames() override {
-      std::vector<std::string> names;
-      while (reader_.given < most && names.size() < 100) names.push_back(std::to_string(reader_.given++));
-      return names;
-    }
-    SysResult<FileFacts> lstat(const std::string&) override { return FileFacts{.hasGeneration = true}; }
-    SysResult<std::uint64_t> generationOf(const std::string&) override { return Errno{ENOTSUP}; }
-    SysResult<std::unique_ptr<FileLayout>> layoutOf(const std::string&) override { return Errno{ENOTSUP}; }
-
-   private:
-    EndlessReader& reader_;
-  };
-  class Tree final : public OpenTree {
-   public:
-    explicit Tree(EndlessReader& reader) : reader_(reader) {}
-    const FileFacts& root() const override { return root_; }
-    const std::string& ownPlace() const override { return none_; }
-    SysResult<std::unique_ptr<FileLayout>> rootLayout() override { return Errno{EINVAL}; }
-    SysResult<std::unique_ptr<WholeTree>> openWhole() override { return Errno{ENOTSUP}; }
-    SysResult<std::unique_ptr<OpenDirectory>> open(const std::string& path) override {
-      if (reader_.isBulkRefused_) return Errno{ENOTSUP};
-      return opendir(path);
-    }
-    SysResult<std::unique_ptr<OpenDirectory>> opendir(const std::string&) override {
-      return std::unique_ptr<OpenDirectory>(std::make_unique<Directory>(reader_));
-    }
-    SysResult<bool> isDataless(const std::string&) override { return false; }
-
-   private:
-    EndlessReader& reader_;
-    const FileFacts root_{.inode = 256, .type = FileType::directory};
-    const std::string none_;
-  };
-
-  const bool isBulkRefused_;
-};
-
-TEST(SnapshotScanner, ADirectoryThatNeverEndsIsGivenUp) {
-  for (const bool isBulkRefused : {false, true}) {
-    SCOPED_TRACE(isBulkRefused);
-    Machine machine;
-    EndlessReader reader(isBulkRefused);
-    SnapshotScanner scanner(machine.dispatch, reader, {}, {});
-    try {
-      (void)scanner.scan({.root = live});
-      ADD_FAILURE() << "all was read";
-    } catch (const Error& error) {
-      EXPECT_EQ(error.description(), "Cannot scan " + live + ": its names take too much memory");
-    }
-    EXPECT_LT(reader.given, reader.memorySize() / 2 / sizeof(FileFacts));
-  }
-}
-
-// Whoever reads beside a tree that is still there has what that leaves.
-TEST(SnapshotScanner, TreesShareTheMemoryUntilTheyAreGone) {
-  Machine machine;
-  machine.edit([](SimTree& tree) {
-    for (int i = 0; i < 1'000; ++i) tree.write("/" + std::to_string(i), 1);
-  });
-  machine.freeze();
-  const auto memory = std::make_shared<TreeMemory>(300'000);
-  SnapshotScanner first(machine.dispatch, machine.reader, {}, {}, memory);
-  SnapshotScanner second(machine.dispatch, machine.reader, {}, {}, memory);
-  for (const std::string& root : {live, snapshot}) {
-    {
-      // As many more as one of them takes don't fit, whichever way they are read.
-      SnapshotIndex::ShardedEntries kept;
-      for (int i = 0; i < 2; ++i) kept = first.scan({.root = root});
-      TreeClaim rest(memory);
-      ASSERT_TRUE(rest.take(150'000));
-      EXPECT_THROW((void)second.scan({.root = root}), Error);
-    }
-    EXPECT_EQ(second.scan({.root = root}).count(), 1'001u);
-    TreeClaim all(memory);
-    EXPECT_TRUE(all.take(300'000)) << "nothing is kept of trees that are gone, nor of failures";
-  }
-}
-
 TEST(SnapshotScanner, WhatWasLeftOutIsToldAlsoAfterAFailure) {
-  Machine machine;
+  ScannerMachine machine;
   std::string way;
   for (int i = 0; i < 40; ++i) way += "/" + std::string(250, 'd');
   machine.edit([&](SimTree& tree) {
@@ -610,7 +371,7 @@ TEST(SnapshotScanner, AWholeTreeThatCantBeReadIsReadByItsDirectoriesWithOneNote)
                                     {DirectoryCall::readPiece, EIO},
                                     {DirectoryCall::readPiece, EBADMSG},
                                     {DirectoryCall::finish, ESTALE}}) {
-    Machine machine;
+    ScannerMachine machine;
     std::mt19937_64 random(7);
     machine.edit([&](SimTree& tree) { fillAtRandom(tree, random, 100); });
     machine.freeze();
@@ -624,7 +385,7 @@ TEST(SnapshotScanner, AWholeTreeThatCantBeReadIsReadByItsDirectoriesWithOneNote)
 }
 
 TEST(SnapshotScanner, ProgressIsToldAtEachFiveThousandAndAtTheEnd) {
-  Machine machine;
+  ScannerMachine machine;
   machine.edit([](SimTree& tree) {
     for (int i = 1; i < 5'000; ++i) tree.write("/" + std::to_string(i), 1);
   });
@@ -650,7 +411,7 @@ TEST(SnapshotScanner, ProgressIsToldAtEachFiveThousandAndAtTheEnd) {
 TEST(SnapshotScanner, ACancelledScanEndsAtOnceWhereverItStands) {
   for (const std::string& root : {live, snapshot}) {
     for (const bool parallel : {false, true}) {
-      Machine machine;
+      ScannerMachine machine;
       std::mt19937_64 random(3);
       machine.edit([&](SimTree& tree) { fillAtRandom(tree, random, 60); });
       machine.freeze();
@@ -681,7 +442,7 @@ TEST(SnapshotScanner, ACancelledScanEndsAtOnceWhereverItStands) {
 
 // The same, told at the n-th question: also when all is read and only sorted any more.
 TEST(SnapshotScanner, AScanAsksToItsEndWhetherItIsCancelled) {
-  Machine machine;
+  ScannerMachine machine;
   std::mt19937_64 random(3);
   machine.edit([&](SimTree& tree) { fillAtRandom(tree, random, 60); });
   machine.freeze();
@@ -710,7 +471,7 @@ TEST(SnapshotScanner, AsManyThreadsAsTheRoadWantsHaveLowPriority) {
        {Case{live, false, 8, false, 1}, Case{live, true, 1, false, 2}, Case{live, true, 5, false, 3},
         Case{live, true, 64, false, 4}, Case{snapshot, false, 3, false, 3}, Case{snapshot, false, 3, true, 3},
         Case{snapshot, true, 3, false, 3 + 1 + 3}, Case{snapshot, true, 3, true, 8 + 1 + 3}}) {
-    Machine machine;
+    ScannerMachine machine;
     machine.edit([](SimTree& tree) { tree.write("/a/b", 1); });
     machine.freeze();
     machine.reader.setProcessorCount(one.processors);
