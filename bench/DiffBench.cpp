@@ -1,15 +1,16 @@
 // How a snapshot gets into the history, against its bare scan and commit. What changed between two, asked of the history
-// and by full scans, against snapper and rsync on the same two; how its file and its JSON are encoded; and the question whether a user may read what he compares. All in turns in one
-// run; medians.
+// and by full scans, against snapper and rsync on the same two; how its file and its JSON are encoded; and the question
+// whether a user may read what he compares. All in turns in one run; medians.
 //
 //   quillmark_diff_bench [ENTRIES [IMAGE [ROUNDS]]]     20,000 and 5 unless told; the image is made there, or used again
 //
-// A thousandth of the entries changes. Goals: a first snapshot is in the history within 1.2 times its scan and commit; from the request to the written file, without the audit's line, at least 20
-// times faster than snapper by the history (10 times where there are so few entries that snapper's start takes half of its
-// time), and at least 10 times faster than rsync by full scans; the history's read within 3 times a bare statement over the
-// same rows; 250,000 rows take no longer to a cache file than to JSON; a question of rights is answered within 2 times a
-// bare thread that makes the same system calls, and eight clients that ask without a pause are never refused. Ends with 1
-// when not even half of that is reached. Needs root, loop devices and btrfs; peers that aren't installed are left out.
+// A thousandth of the entries changes. Goals: a first snapshot is in the history within 1.2 times its scan and commit (2
+// times where there are so few entries that listing and mounting weigh as much); from the request to the written file,
+// without the audit's line, at least 20 times faster than snapper by the history (10 times where snapper's start takes half
+// of its time), and at least 10 times faster than rsync by full scans; the history's read within 3 times a bare statement
+// over the same rows; 250,000 rows take no longer to a cache file than to JSON; a question of rights is answered within 2
+// times a bare thread that makes the same system calls, and eight clients that ask without a pause are never refused. Ends
+// with 1 when not even half of that is reached. Needs root, loop devices and btrfs; peers that aren't installed are left out.
 #include <fcntl.h>
 #include <fmt/format.h>
 #include <grp.h>
@@ -534,7 +535,7 @@ int run(std::size_t entries, const std::string& file, int rounds) {
   measureEncoding(report, machine);
   measureRights(report, machine);
   report.tellTimes();
-  report.within("indexing_ratio", "indexing", "scan and commit", 1.2);
+  report.within("indexing_ratio", "indexing", "scan and commit", entries < manyEntries ? 2 : 1.2);
   if (place.hasSnapper) report.faster("snapper_ratio", "snapper", "history", entries < manyEntries ? 10 : 20);
   if (place.hasRsync) report.faster("rsync_ratio", "rsync", "full scans", 10);
   report.within("read_ratio", "read", "read, bare statement", 3);

@@ -51,7 +51,7 @@ class LinuxTransportBackend final : public TransportBackend {
   std::unique_ptr<TestPeer> connect() override { return std::make_unique<LinuxPeer>(place_.socket); }
 
  private:
-  const Place place_;
+  const Place place_{};
   os::LinuxClock clock_;
   os::LinuxDispatch dispatch_{clock_};
   std::unique_ptr<os::LinuxTransport> listener_;
@@ -139,7 +139,7 @@ class LinuxTransportTest : public testing::Test {
     return channel->receive(10s) == "hello";
   }
 
-  const Place place_;
+  const Place place_{};
   os::LinuxClock clock_;
   os::LinuxDispatch dispatch_{clock_};
   Guarded<std::vector<PeerCredentials>> peers_{dispatch_};
