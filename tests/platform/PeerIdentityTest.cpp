@@ -311,7 +311,7 @@ TEST_F(GuardedConnectionTest, aLineOfTwoProcessesIsNobodys) {
 }
 
 TEST_F(GuardedConnectionTest, theTokenTellsTheUserTheGroupAndTheProcess) {
-  const UniqueFd socket = connect();
+  UniqueFd socket = connect();
   ASSERT_EQ(::send(socket.get(), "x\n", 2, 0), 2);
   ASSERT_EQ(events_.await(1).size(), 1U);
   const auto words = token();
@@ -322,6 +322,8 @@ TEST_F(GuardedConnectionTest, theTokenTellsTheUserTheGroupAndTheProcess) {
   EXPECT_EQ(peers_.processUser(::getpid()), ::geteuid());
   EXPECT_EQ(peers_.processPath(::getpid()), std::filesystem::read_symlink("/proc/self/exe").string());
   EXPECT_FALSE(peers_.processUser(0x7FFFFFF0));
+  socket.reset();
+  EXPECT_THAT(events_.await(2), testing::ElementsAre("x", "[closed]")) << "told while there is somebody to hear it";
 }
 
 // A child that becomes sleep(1) when it is told to.
