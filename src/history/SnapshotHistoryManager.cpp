@@ -145,7 +145,7 @@ std::shared_ptr<const void> SnapshotHistoryManager::claim(const VolumeUuid& volu
 
 void SnapshotHistoryManager::forgetComparisonsSoon(const VolumeUuid& volume, const std::set<Xid>& xids) {
   self_->queues.timer->asyncAfter(patienceOfReaders, [weak = self_->weak_from_this(), volume, xids] {
-    if (const auto self = weak.lock()) self->services.caches->purge(volume, xids);
+    if (const auto self = weak.lock()) self->reconciliation.purgeCaches(volume, {xids.begin(), xids.end()});
   });
 }
 

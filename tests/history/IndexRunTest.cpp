@@ -509,13 +509,7 @@ TEST(IndexRun, AScanGivesItsFileSystemBackWhenItsPeopleUnmountIt) {
 
 TEST(IndexRun, AHelperThatLeavesEndsItsScanAndTakesItsMountAway) {
   PipelineMachine machine;
-  for (int i = 0; i < 3000; ++i) machine.write("/f" + std::to_string(i), 1);
-  machine.here().sim.directories().setOffersWhole(false);
-  machine.here().sim.directories().watchCalls([&](DirectoryCall call, const std::string&) {
-    if (call == DirectoryCall::readRecords) machine.here().life.delay(100ms);
-  });
-  const Xid first = machine.take();
-  machine.simulation.runFor(1s);
+  const Xid first = machine.beginSlowScan();
   EXPECT_THAT(machine.mountPoints(), SizeIs(1));
   const MonotonicTime before = machine.simulation.clock().monotonic();
   machine.run([&] { machine.history().stopBackgroundWork(); });

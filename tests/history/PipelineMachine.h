@@ -169,6 +169,17 @@ class PipelineMachine {
     tell(xid, forced);
     return xid;
   }
+  // Of 3,000 files, read by their directories, slowly; it is under way on return.
+  Xid beginSlowScan() {
+    for (int i = 0; i < 3000; ++i) write("/f" + std::to_string(i), 1);
+    here().sim.directories().setOffersWhole(false);
+    here().sim.directories().watchCalls([this](sim::DirectoryCall call, const std::string&) {
+      if (call == sim::DirectoryCall::readRecords) here().life.delay(100ms);
+    });
+    const Xid xid = take();
+    simulation.runFor(1s);
+    return xid;
+  }
   void tell(Xid xid, Forced forced = Forced::no) {
     run([&] { history().snapshotCreated(volume(), record(xid), forced); });
   }

@@ -252,13 +252,7 @@ TEST(Rebuild, ANewerRequestSupersedesTheOneUnderWay) {
 // Behind the barrier nobody could register a snapshot: so what is being read, and is thrown away anyway, ends first.
 TEST(Rebuild, ReindexingEverythingWaitsForNoScan) {
   PipelineMachine machine;
-  for (int i = 0; i < 3000; ++i) machine.write("/f" + std::to_string(i), 1);
-  machine.here().sim.directories().setOffersWhole(false);
-  machine.here().sim.directories().watchCalls([&](DirectoryCall call, const std::string&) {
-    if (call == DirectoryCall::readRecords) machine.here().life.delay(100ms);
-  });
-  const Xid first = machine.take();
-  machine.simulation.runFor(1s);
+  const Xid first = machine.beginSlowScan();
   const MonotonicTime before = machine.simulation.clock().monotonic();
   machine.run([&] { machine.history().reindexAllVolumes(); });
   const Xid second = machine.take();
